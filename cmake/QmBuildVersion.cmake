@@ -1,0 +1,15 @@
+# The build identification logged at start-up: "yymmdd:HHMMSS <16 hex digits of the revision>@production".
+string(TIMESTAMP QM_BUILD_STAMP "%y%m%d:%H%M%S" UTC)
+execute_process(
+    COMMAND git rev-parse HEAD
+    WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
+    OUTPUT_VARIABLE QM_SOURCE_REVISION
+    OUTPUT_STRIP_TRAILING_WHITESPACE
+    ERROR_QUIET)
+if(QM_SOURCE_REVISION MATCHES "^[0-9a-f]+$")
+    string(SUBSTRING "${QM_SOURCE_REVISION}0000000000000000" 0 16 QM_SOURCE_REVISION)
+else()
+    set(QM_SOURCE_REVISION "0000000000000000")
+endif()
+set(QM_BUILD_VERSION "${QM_BUILD_STAMP} ${QM_SOURCE_REVISION}@production")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/build_version.hpp.in ${CMAKE_CURRENT_BINARY_DIR}/generated/build_version.hpp @ONLY)

@@ -33,7 +33,8 @@ public:
 
 protected:
     virtual int set_flag(const std::string& key, std::ostringstream& detail);
-    virtual int set_value(const std::string& key, const std::string& value, std::ostringstream& detail);
+    virtual int set_value(const std::string& key, const std::string& value,
+                          std::ostringstream& detail);
 };
 
 }  // namespace qm::conf

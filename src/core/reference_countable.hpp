@@ -24,7 +24,8 @@ public:
     }
 
     // Drops one reference: deletes the object at zero; below zero (a double release) it logs the
-    // error and leaves the object alone, so the fault is reported instead of becoming a double free.
+    // error and leaves the object alone, so the fault is reported instead of becoming a double
+    // free.
     static void release(ReferenceCountable* object) noexcept;
 
 private:

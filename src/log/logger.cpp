@@ -19,7 +19,8 @@ LoggerImpl::~LoggerImpl() {
 
 void LoggerImpl::dummy_write(void*, const char*, int, const Message&) {}
 
-std::ostream& format_message(std::ostream& out, const char* file, int line, const Message& message) {
+std::ostream& format_message(std::ostream& out, const char* file, int line,
+                             const Message& message) {
     out << level_to_string(message.level) << level_to_spaces(message.level) << message_delimiter
         << file << ':' << line << message_delimiter << message.stream.view();
     return out;

@@ -46,9 +46,13 @@ inline bool is_enabled(Level level) {
     return level <= Logger::m_instance.level.load(std::memory_order_relaxed);
 }
 
-inline void set_level(Level level) { Logger::m_instance.level.store(level, std::memory_order_relaxed); }
+inline void set_level(Level level) {
+    Logger::m_instance.level.store(level, std::memory_order_relaxed);
+}
 
-inline Level get_level() { return Logger::m_instance.level.load(std::memory_order_relaxed); }
+inline Level get_level() {
+    return Logger::m_instance.level.load(std::memory_order_relaxed);
+}
 
 // Hands one message to the installed sink.
 inline void emit(const char* file, int line, const Message& message) {
@@ -65,22 +69,23 @@ std::string format_time(const timeval& now);
 
 }  // namespace qm::log
 
-#define QM_LOG_EMIT(MessageType, text) ::qm::log::emit(__FILE_NAME__, __LINE__, MessageType() << text)
+#define QM_LOG_EMIT(MessageType, text) \
+    ::qm::log::emit(__FILE_NAME__, __LINE__, MessageType() << text)
 
 #define QM_LOG_SYSTEM(text) QM_LOG_EMIT(::qm::log::SystemMessage, text)
 #define QM_LOG_ERROR(text) QM_LOG_EMIT(::qm::log::ErrorMessage, text)
 #define QM_LOG_WARNING(text) QM_LOG_EMIT(::qm::log::WarningMessage, text)
 #define QM_LOG_INFO(text) QM_LOG_EMIT(::qm::log::InfoMessage, text)
-#define QM_LOG_DEBUG(text)                                                               \
-    do {                                                                                 \
-        if (::qm::log::is_enabled(::qm::log::Level::DEBUG)) {                            \
-            ::qm::log::Message qm_log_debug_message(::qm::log::Level::DEBUG);            \
-            ::qm::log::emit(__FILE_NAME__, __LINE__, qm_log_debug_message << text);      \
-        }                                                                                \
+#define QM_LOG_DEBUG(text)                                                          \
+    do {                                                                            \
+        if (::qm::log::is_enabled(::qm::log::Level::DEBUG)) {                       \
+            ::qm::log::Message qm_log_debug_message(::qm::log::Level::DEBUG);       \
+            ::qm::log::emit(__FILE_NAME__, __LINE__, qm_log_debug_message << text); \
+        }                                                                           \
     } while (false)
-#define QM_LOG_TRACE(text)                                                               \
-    do {                                                                                 \
-        if (::qm::log::is_enabled(::qm::log::Level::TRACE)) {                            \
-            QM_LOG_EMIT(::qm::log::TraceMessage, text);                                  \
-        }                                                                                \
+#define QM_LOG_TRACE(text)                                    \
+    do {                                                      \
+        if (::qm::log::is_enabled(::qm::log::Level::TRACE)) { \
+            QM_LOG_EMIT(::qm::log::TraceMessage, text);       \
+        }                                                     \
     } while (false)

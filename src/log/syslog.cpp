@@ -17,6 +17,8 @@ void Syslog::write(void*, const char* file, int line, const Message& message) {
     ::syslog(LOG_USER | level_to_syslevel(message.level), "%s", text.str().c_str());
 }
 
-void Syslog::close(void*) { ::closelog(); }
+void Syslog::close(void*) {
+    ::closelog();
+}
 
 }  // namespace qm::log

@@ -101,7 +101,8 @@ TEST(FormatTest, TimeHasMicrosecondsZeroPadded) {
     value.tv_sec = 1633954638;
     value.tv_usec = 4211;
     const std::string text = format_time(value);
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.004211)")))
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex(R"(\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.004211)")))
         << text;
     value.tv_usec = 0;
     EXPECT_EQ(format_time(value).substr(text.size() - 7), ".000000");
@@ -119,7 +120,10 @@ TEST(StdlogTest, WritesTimeDelimiterAndFormattedLine) {
     const std::string output = redirect.output();
     ASSERT_FALSE(output.empty());
     EXPECT_EQ(output.back(), '\n');
-    EXPECT_TRUE(std::regex_match(output, std::regex(R"(\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.\d{6} \| INFO    \| logger_test\.cpp:\d+ \| value \[3\]\n)")))
+    EXPECT_TRUE(std::regex_match(
+        output,
+        std::regex(
+            R"(\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.\d{6} \| INFO    \| logger_test\.cpp:\d+ \| value \[3\]\n)")))
         << output;
 }
 

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds every configuration and runs every test:
+#   build-asan  GCC, AddressSanitizer + UndefinedBehaviorSanitizer: the unit suites
+#   build-tsan  Clang, ThreadSanitizer: the suites that run threads against each other
+#   build-fuzz  Clang, libFuzzer: the packet reader fed with arbitrary bytes for a bounded time
+#   build       GCC, optimised, as shipped: every suite, the end-to-end tests and the load test
+# Warnings are errors in all four. The plain build runs last, so its ctest summary closes the log.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+
+./scripts/install-deps.sh
+
+jobs=$(nproc)
+fuzz_seconds=${QM_FUZZ_SECONDS:-60}
+
+configure() {
+    local dir=$1
+    shift
+    cmake -S . -B "$dir" -G Ninja -DQM_WERROR=ON "$@" >/dev/null
+    cmake --build "$dir" -j "$jobs"
+}
+
+echo "== ASan+UBSan unit tests"
+configure build-asan -DQM_SANITIZE=address -DCMAKE_BUILD_TYPE=Debug -DQM_BUILD_BENCHMARKS=OFF
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== TSan threaded tests"
+configure build-tsan -DQM_SANITIZE=thread -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DQM_BUILD_BENCHMARKS=OFF
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --test-dir build-tsan --output-on-failure -L threaded
+
+echo "== packet reader fuzzing (${fuzz_seconds} s)"
+configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DQM_BUILD_TESTS=OFF -DQM_BUILD_BENCHMARKS=OFF
+./scripts/fuzz.sh build-fuzz "$fuzz_seconds"
+
+echo "== optimised build: all tests"
+configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ctest --test-dir build --output-on-failure

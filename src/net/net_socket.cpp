@@ -1,0 +1,160 @@
+#include "net/net_socket.hpp"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ostream>
+#include <system_error>
+
+#include "log/logger.hpp"
+
+namespace qm::net {
+namespace {
+
+constexpr int UDP_PROTOCOL = 17;
+// The discard service: get_host_ip only connects to it to learn the route, it never sends.
+constexpr std::uint16_t DISCARD_PORT = 9;
+constexpr std::size_t HOST_NAME_BUFFER_SIZE = 65;
+
+// The tail of every failure line: "error (<errno>): <system text>". Built from errno right after
+// the failing call, before logging can touch errno.
+struct SystemError {
+    int code;
+};
+
+std::ostream& operator<<(std::ostream& out, SystemError error) {
+    // The category's message is strerror's text without strerror's shared buffer.
+    return out << "error (" << error.code << "): " << std::system_category().message(error.code);
+}
+
+sockaddr_in make_ipv4_address(std::uint16_t port, std::uint32_t address) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(port);
+    result.sin_addr.s_addr = htonl(address);
+    return result;
+}
+
+// Closes a descriptor that only lives inside one function.
+class ScopedDescriptor {
+public:
+    explicit ScopedDescriptor(int fd) : m_fd(fd) {}
+    ~ScopedDescriptor() {
+        if (m_fd != -1) {
+            ::close(m_fd);
+        }
+    }
+    ScopedDescriptor(const ScopedDescriptor&) = delete;
+    ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
+
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+}  // namespace
+
+Socket::~Socket() {
+    close();
+}
+
+bool Socket::open(std::int32_t port, std::uint32_t address) {
+    if (m_fd != -1) {
+        return true;
+    }
+    m_fd = ::socket(AF_INET, SOCK_DGRAM, UDP_PROTOCOL);
+    if (m_fd == -1) {
+        const SystemError error{errno};
+        QM_LOG_ERROR("SOCKET[ ]: failed to create a socket, " << error);
+        return false;
+    }
+    const sockaddr_in local = make_ipv4_address(static_cast<std::uint16_t>(port), address);
+    if (::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
+        const SystemError error{errno};
+        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to bind a socket, " << error);
+        return false;
+    }
+    return true;
+}
+
+std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {
+    const ssize_t length = ::recv(m_fd, buffer, capacity, MSG_NOSIGNAL);
+    if (length >= 0) {
+        return length;
+    }
+    const SystemError error{errno};
+    if (error.code == EINTR) {
+        QM_LOG_INFO("SOCKET[" << m_fd << "]: system interrupted call");
+        return 0;
+    }
+    QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to read a data, " << error);
+    close();
+    std::exit(-1);
+}
+
+std::int64_t Socket::read(ReadBuffer& buffer) {
+    const std::int64_t length = read(buffer.data, sizeof(buffer.data));
+    buffer.length = static_cast<std::uint64_t>(length);
+    return length;
+}
+
+bool Socket::send(const sockaddr_in& to, const void* data, std::uint64_t length) {
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    std::uint64_t sent = 0;
+    while (sent < length) {
+        const ssize_t count = ::sendto(m_fd, bytes + sent, length - sent, 0,
+                                       reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+        if (count < 0) {
+            const SystemError error{errno};
+            QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to send a data (" << length << ": "
+                                   << reinterpret_cast<std::uintptr_t>(data) << "), " << error);
+            return false;
+        }
+        sent += static_cast<std::uint64_t>(count);
+    }
+    return true;
+}
+
+void Socket::close() {
+    if (m_fd == -1) {
+        return;
+    }
+    ::shutdown(m_fd, SHUT_RDWR);
+    ::close(m_fd);
+    m_fd = -1;
+}
+
+std::string get_host_name() {
+    char name[HOST_NAME_BUFFER_SIZE] = {};
+    if (::gethostname(name, sizeof(name) - 1) != 0) {
+        return {};
+    }
+    return name;
+}
+
+std::string get_host_ip(std::uint32_t address, const std::string& fallback) {
+    if (address == 0 || address == 0xFFFFFFFF) {
+        return fallback;
+    }
+    const ScopedDescriptor probe(::socket(AF_INET, SOCK_DGRAM, UDP_PROTOCOL));
+    if (probe.get() == -1) {
+        return fallback;
+    }
+    // Connecting a datagram socket only picks the route and the local address.
+    const sockaddr_in remote = make_ipv4_address(DISCARD_PORT, address);
+    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) != 0) {
+        return fallback;
+    }
+    sockaddr_in local{};
+    socklen_t local_length = sizeof(local);
+    if (::getsockname(probe.get(), reinterpret_cast<sockaddr*>(&local), &local_length) != 0) {
+        return fallback;
+    }
+    return ::inet_ntoa(local.sin_addr);
+}
+
+}  // namespace qm::net

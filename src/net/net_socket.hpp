@@ -1,0 +1,77 @@
+#pragma once
+
+// The recorder's UDP endpoint: one IPv4 datagram socket that the service's main loop reads one
+// datagram at a time, and that can also send. The socket owns its descriptor and closes it in
+// its destructor.
+//
+// Threads: a socket is created, used and destroyed by one thread at a time (the receiving socket
+// by the main thread only), so its descriptor is a plain field. A signal delivered to that thread
+// while it blocks in `read` interrupts the call (the service installs its handlers without
+// SA_RESTART): `read` then returns 0 and the caller looks at its stop flag.
+//
+// Failures are logged and reported by the results, except a read error other than an
+// interruption, which ends the process with exit(-1): the recorder cannot go on without its only
+// receiving endpoint.
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace qm::net {
+
+class Socket {
+public:
+    // Largest datagram the receive loop reads at once (any UDP payload fits).
+    static constexpr std::size_t READ_BUFFER_CAPACITY = 65536;
+
+    // The receive loop's buffer: the bytes of the last datagram and their count. Allocated once
+    // by the loop's owner and value-initialised (all zero) before the first read.
+    struct ReadBuffer {
+        std::uint8_t data[READ_BUFFER_CAPACITY];
+        std::uint64_t length;
+    };
+
+    Socket() = default;
+    virtual ~Socket();
+
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+
+    // Creates a UDP socket and binds it to `port` and `address`, both in host order (address 0
+    // binds every interface, port 0 an ephemeral port). Returns true at once, without binding,
+    // when a descriptor is already held; a failed bind keeps its descriptor, so the next call
+    // returns true.
+    bool open(std::int32_t port, std::uint32_t address);
+
+    // Blocks until one datagram arrives and copies at most `capacity` bytes of it (the system
+    // cuts a longer datagram). Returns its length, or 0 when a signal interrupted the call.
+    // REQUIRES: `buffer` holds `capacity` bytes.
+    std::int64_t read(void* buffer, std::uint64_t capacity);
+
+    // The same into the receive loop's buffer; also stores the length in `buffer.length`.
+    std::int64_t read(ReadBuffer& buffer);
+
+    // Sends `length` bytes to `to`, calling sendto again with the rest until all have gone.
+    // Returns false at the first error; bytes already sent are not taken back.
+    bool send(const sockaddr_in& to, const void* data, std::uint64_t length);
+
+    // Shuts down and closes the descriptor; harmless when none is held.
+    void close();
+
+    // The descriptor, -1 while closed.
+    std::int32_t fd() const { return m_fd; }
+
+private:
+    std::int32_t m_fd = -1;
+};
+
+// The system host name; empty when it cannot be read.
+std::string get_host_name();
+
+// The local IPv4 address, in dotted form, through which this host reaches `address` (host order).
+// Nothing is sent. Returns `fallback` for 0 and 0xFFFFFFFF and when any step fails.
+std::string get_host_ip(std::uint32_t address, const std::string& fallback);
+
+}  // namespace qm::net

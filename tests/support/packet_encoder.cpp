@@ -1,0 +1,88 @@
+#include "packet_encoder.hpp"
+
+#include <algorithm>
+#include <utility>
+
+namespace qm::test {
+namespace {
+
+constexpr std::uint8_t START_TYPE = 0x81;
+constexpr std::uint8_t TERMINATE_TYPE = 0x82;
+constexpr std::uint8_t DATA_TYPE = 0x83;
+constexpr std::uint8_t CONTROL_TYPE = 0x84;
+constexpr std::uint16_t CONTROL_FT_FLAG = 0x0080;
+
+// Appends `value` as `width` little-endian bytes.
+void put(Datagram& out, std::uint64_t value, int width) {
+    for (int i = 0; i < width; ++i) {
+        out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+    }
+}
+
+template <std::size_t N>
+void put(Datagram& out, const std::array<std::uint8_t, N>& bytes) {
+    out.insert(out.end(), bytes.begin(), bytes.end());
+}
+
+Datagram header(const HeaderFields& fields, std::uint8_t type, std::uint16_t extra_flags = 0) {
+    Datagram out;
+    put(out, fields.marker, 4);
+    put(out, fields.type.value_or(type), 1);
+    put(out, fields.version, 1);
+    put(out, fields.flags | extra_flags, 2);
+    put(out, fields.id, 8);
+    put(out, fields.uuid);
+    put(out, fields.mt, 8);
+    return out;
+}
+
+Datagram finish(Datagram out, const HeaderFields& fields) {
+    if (fields.length) {
+        out.resize(*fields.length, 0);
+    }
+    return out;
+}
+
+}  // namespace
+
+Datagram encode_start(const StartFields& fields) {
+    Datagram out = header(fields.header, START_TYPE);
+    put(out, fields.ts, 8);
+    put(out, fields.sync_ts, 8);
+    put(out, fields.sync_mt, 8);
+    put(out, fields.rule, 8);
+    put(out, fields.unread);
+    put(out, fields.ft);
+    put(out, fields.call_id_len.value_or(static_cast<std::uint16_t>(fields.call_id.size())), 2);
+    out.insert(out.end(), fields.call_id.begin(), fields.call_id.end());
+    return finish(std::move(out), fields.header);
+}
+
+Datagram encode_data(const DataFields& fields) {
+    Datagram out = header(fields.header, DATA_TYPE);
+    put(out, fields.seq, 4);
+    put(out, fields.off, 4);
+    put(out, fields.num.value_or(static_cast<std::uint16_t>(fields.payload.size())), 2);
+    for (std::uint16_t unit : fields.payload) {
+        put(out, unit, 2);
+    }
+    return finish(std::move(out), fields.header);
+}
+
+Datagram encode_control(const ControlFields& fields) {
+    Datagram out = header(fields.header, CONTROL_TYPE, fields.ft ? CONTROL_FT_FLAG : 0);
+    if (fields.ft) {
+        put(out, *fields.ft);
+    }
+    return finish(std::move(out), fields.header);
+}
+
+Datagram encode_terminate(const TerminateFields& fields) {
+    return finish(header(fields.header, TERMINATE_TYPE), fields.header);
+}
+
+PacketBytes::PacketBytes(const Datagram& datagram) {
+    std::copy_n(datagram.begin(), std::min(datagram.size(), m_bytes.size()), m_bytes.begin());
+}
+
+}  // namespace qm::test

@@ -1,0 +1,331 @@
+#include "net/net_socket.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log/logger.hpp"
+#include "log/stdlog.hpp"
+#include "log_capture.hpp"
+
+namespace qm::net {
+namespace {
+
+constexpr std::uint32_t LOOPBACK = INADDR_LOOPBACK;
+
+// A UDP port that was free a moment ago: bound by a probe socket on port 0, read back, released.
+std::uint16_t free_udp_port() {
+    const int probe = ::socket(AF_INET, SOCK_DGRAM, 0);
+    EXPECT_NE(probe, -1);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(LOOPBACK);
+    EXPECT_EQ(::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    ::close(probe);
+    return ntohs(address.sin_port);
+}
+
+sockaddr_in loopback_address(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(LOOPBACK);
+    return address;
+}
+
+// Bytes that differ from position to position, so that a shifted or cut copy does not compare
+// equal.
+std::vector<std::uint8_t> pattern(std::size_t size) {
+    std::vector<std::uint8_t> bytes(size);
+    for (std::size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<std::uint8_t>((i * 31 + 7) % 251);
+    }
+    return bytes;
+}
+
+std::string fd_prefix(const Socket& socket) {
+    return "SOCKET[" + std::to_string(socket.fd()) + "]: ";
+}
+
+// A receiving socket on a free loopback port and a sender bound to an ephemeral port.
+class LoopbackTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_port = free_udp_port();
+        ASSERT_TRUE(m_receiver.open(m_port, LOOPBACK));
+        ASSERT_TRUE(m_sender.open(0, LOOPBACK));
+    }
+
+    void send(const std::vector<std::uint8_t>& bytes) {
+        ASSERT_TRUE(m_sender.send(loopback_address(m_port), bytes.data(), bytes.size()));
+    }
+
+    std::uint16_t m_port = 0;
+    Socket m_receiver;
+    Socket m_sender;
+};
+
+TEST_F(LoopbackTest, OpenTwiceReturnsTrueAndKeepsTheDescriptor) {
+    const std::int32_t fd = m_receiver.fd();
+    EXPECT_NE(fd, -1);
+    EXPECT_TRUE(m_receiver.open(free_udp_port(), 0));
+    EXPECT_EQ(m_receiver.fd(), fd);
+
+    // Still bound where it was: a datagram to the first port arrives.
+    const std::vector<std::uint8_t> sent = pattern(40);
+    send(sent);
+    std::vector<std::uint8_t> received(Socket::READ_BUFFER_CAPACITY);
+    ASSERT_EQ(m_receiver.read(received.data(), received.size()), 40);
+    received.resize(40);
+    EXPECT_EQ(received, sent);
+}
+
+TEST_F(LoopbackTest, DatagramsComeBackWhole) {
+    for (const std::size_t size : {std::size_t{40}, std::size_t{1376}, std::size_t{65507}}) {
+        SCOPED_TRACE(size);
+        const std::vector<std::uint8_t> sent = pattern(size);
+        send(sent);
+        std::vector<std::uint8_t> received(Socket::READ_BUFFER_CAPACITY);
+        ASSERT_EQ(m_receiver.read(received.data(), received.size()),
+                  static_cast<std::int64_t>(size));
+        received.resize(size);
+        EXPECT_EQ(received, sent);
+    }
+}
+
+TEST_F(LoopbackTest, LongerDatagramIsCutToTheCapacity) {
+    const std::vector<std::uint8_t> sent = pattern(2000);
+    send(sent);
+    std::vector<std::uint8_t> received(1376 + 16, 0xEE);
+    ASSERT_EQ(m_receiver.read(received.data(), 1376), 1376);
+    EXPECT_TRUE(std::equal(sent.begin(), sent.begin() + 1376, received.begin()));
+    // Nothing written past the capacity.
+    EXPECT_EQ(std::vector<std::uint8_t>(received.begin() + 1376, received.end()),
+              std::vector<std::uint8_t>(16, 0xEE));
+}
+
+TEST_F(LoopbackTest, ReadIntoTheReceiveBufferStoresTheLength) {
+    const auto buffer = std::make_unique<Socket::ReadBuffer>();
+    EXPECT_EQ(buffer->length, 0u);
+    const std::vector<std::uint8_t> sent = pattern(1376);
+    send(sent);
+    ASSERT_EQ(m_receiver.read(*buffer), 1376);
+    EXPECT_EQ(buffer->length, 1376u);
+    EXPECT_TRUE(std::equal(sent.begin(), sent.end(), buffer->data));
+}
+
+std::atomic<int> g_interrupting_signals{0};
+
+void count_signal(int) {
+    g_interrupting_signals.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Installs a SIGUSR1 handler without SA_RESTART, as the service does, for the test's lifetime.
+class InterruptingHandler {
+public:
+    InterruptingHandler() {
+        struct sigaction action {};
+        action.sa_handler = &count_signal;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;
+        EXPECT_EQ(::sigaction(SIGUSR1, &action, &m_saved), 0);
+    }
+    ~InterruptingHandler() { ::sigaction(SIGUSR1, &m_saved, nullptr); }
+
+private:
+    struct sigaction m_saved {};
+};
+
+TEST_F(LoopbackTest, SignalInterruptsABlockedReadWhichReturnsZero) {
+    test::LogCapture capture;
+    const InterruptingHandler handler;
+    std::atomic<bool> done{false};
+    std::int64_t result = -1;
+    std::thread reader([&] {
+        std::vector<std::uint8_t> buffer(Socket::READ_BUFFER_CAPACITY);
+        result = m_receiver.read(buffer.data(), buffer.size());
+        done.store(true, std::memory_order_release);
+    });
+
+    // A signal that lands before the thread reaches recv is only counted; keep signalling until
+    // one finds it blocked.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < deadline) {
+        ::pthread_kill(reader.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    if (!done.load(std::memory_order_acquire)) {
+        send(pattern(40));  // release the reader so that the failure is reported, not a hang
+    }
+    reader.join();
+
+    EXPECT_EQ(result, 0);
+    EXPECT_GE(g_interrupting_signals.load(std::memory_order_relaxed), 1);
+    EXPECT_THAT(capture.texts(),
+                ::testing::ElementsAre(fd_prefix(m_receiver) + "system interrupted call"));
+    EXPECT_THAT(capture.lines(),
+                ::testing::ElementsAre(::testing::StartsWith("INFO    | net_socket.cpp:")));
+}
+
+TEST(SocketTest, BindToAPortInUseFailsButKeepsTheDescriptor) {
+    const std::uint16_t port = free_udp_port();
+    Socket first;
+    ASSERT_TRUE(first.open(port, 0));
+
+    test::LogCapture capture;
+    Socket second;
+    EXPECT_FALSE(second.open(port, 0));
+    EXPECT_NE(second.fd(), -1);
+    EXPECT_THAT(capture.texts(log::Level::ERROR),
+                ::testing::ElementsAre(fd_prefix(second) +
+                                       "failed to bind a socket, error (98): Address already in "
+                                       "use"));
+    EXPECT_THAT(capture.lines(),
+                ::testing::ElementsAre(::testing::StartsWith("ERROR   | net_socket.cpp:")));
+
+    // The descriptor is kept, so the next open reports success without binding again.
+    const std::int32_t fd = second.fd();
+    capture.clear();
+    EXPECT_TRUE(second.open(port, 0));
+    EXPECT_EQ(second.fd(), fd);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+// Lowers the soft limit of open descriptors so that the next one cannot be created.
+class DescriptorsExhausted {
+public:
+    DescriptorsExhausted() {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_saved), 0);
+        const int lowest_free = ::dup(0);
+        EXPECT_NE(lowest_free, -1);
+        ::close(lowest_free);
+        rlimit limit = m_saved;
+        limit.rlim_cur = static_cast<rlim_t>(lowest_free);
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    ~DescriptorsExhausted() { ::setrlimit(RLIMIT_NOFILE, &m_saved); }
+
+private:
+    rlimit m_saved{};
+};
+
+TEST(SocketTest, SocketThatCannotBeCreatedIsReported) {
+    test::LogCapture capture;
+    Socket socket;
+    {
+        const DescriptorsExhausted exhausted;
+        EXPECT_FALSE(socket.open(0, LOOPBACK));
+    }
+    EXPECT_EQ(socket.fd(), -1);
+    EXPECT_THAT(capture.texts(log::Level::ERROR),
+                ::testing::ElementsAre(
+                    "SOCKET[ ]: failed to create a socket, error (24): Too many open files"));
+}
+
+TEST(SocketTest, SendOnAClosedSocketFails) {
+    test::LogCapture capture;
+    Socket socket;
+    const std::vector<std::uint8_t> data = pattern(10);
+    EXPECT_FALSE(socket.send(loopback_address(9), data.data(), data.size()));
+    const std::string address = std::to_string(reinterpret_cast<std::uintptr_t>(data.data()));
+    EXPECT_THAT(capture.texts(log::Level::ERROR),
+                ::testing::ElementsAre("SOCKET[-1]: failed to send a data (10: " + address +
+                                       "), error (9): Bad file descriptor"));
+}
+
+TEST(SocketTest, CloseTwiceIsHarmless) {
+    test::LogCapture capture;
+    Socket socket;
+    ASSERT_TRUE(socket.open(0, LOOPBACK));
+    socket.close();
+    EXPECT_EQ(socket.fd(), -1);
+    socket.close();
+    EXPECT_EQ(socket.fd(), -1);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+TEST(SocketTest, ClosedSocketCanBeOpenedAgain) {
+    Socket socket;
+    ASSERT_TRUE(socket.open(0, LOOPBACK));
+    socket.close();
+    EXPECT_TRUE(socket.open(0, LOOPBACK));
+    EXPECT_NE(socket.fd(), -1);
+}
+
+TEST(SocketTest, DestructorReleasesThePort) {
+    const std::uint16_t port = free_udp_port();
+    {
+        Socket socket;
+        ASSERT_TRUE(socket.open(port, LOOPBACK));
+    }
+    Socket again;
+    EXPECT_TRUE(again.open(port, LOOPBACK));
+}
+
+// Deleting through the base closes the descriptor: the destructor is virtual and closes.
+TEST(SocketTest, DeletingThroughTheBaseClosesTheDescriptor) {
+    class DerivedSocket : public Socket {};
+    std::unique_ptr<Socket> socket = std::make_unique<DerivedSocket>();
+    ASSERT_TRUE(socket->open(0, LOOPBACK));
+    const std::int32_t fd = socket->fd();
+    ASSERT_NE(::fcntl(fd, F_GETFD), -1);
+    socket.reset();
+    errno = 0;
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+void read_from_a_descriptor_closed_underneath() {
+    log::Logger::m_instance.write = &log::Stdlog::write;
+    Socket socket;
+    if (!socket.open(0, LOOPBACK)) {
+        std::_Exit(1);
+    }
+    ::close(socket.fd());
+    std::uint8_t buffer[64];
+    socket.read(buffer, sizeof(buffer));
+}
+
+TEST(SocketDeathTest, ReadErrorEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(read_from_a_descriptor_closed_underneath(), ::testing::ExitedWithCode(255),
+                "ERROR   \\| net_socket\\.cpp:[0-9]+ \\| SOCKET\\[[0-9]+\\]: failed to read a "
+                "data, error \\(9\\): Bad file descriptor");
+}
+
+TEST(HostTest, HostNameIsTheSystemHostName) {
+    char expected[65] = {};
+    ASSERT_EQ(::gethostname(expected, sizeof(expected) - 1), 0);
+    EXPECT_EQ(get_host_name(), std::string(expected));
+    EXPECT_FALSE(get_host_name().empty());
+}
+
+TEST(HostTest, HostIpFallsBackForAnyAndBroadcast) {
+    EXPECT_EQ(get_host_ip(0, "fb"), "fb");
+    EXPECT_EQ(get_host_ip(0xFFFFFFFF, "fb"), "fb");
+}
+
+TEST(HostTest, HostIpOfLoopbackIsLoopback) {
+    EXPECT_EQ(get_host_ip(0x7F000001, "fb"), "127.0.0.1");
+}
+
+}  // namespace
+}  // namespace qm::net

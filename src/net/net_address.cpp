@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <cctype>
 #include <cstring>
 #include <string_view>
 
@@ -70,10 +69,8 @@ int parse_addr(const char* begin, const char* end, sockaddr_in& out) {
     if (begin == nullptr) {
         return 0;
     }
-    std::string_view text(begin, end != nullptr ? end : begin + std::strlen(begin));
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())) != 0) {
-        text.remove_prefix(1);
-    }
+    const std::string text = utils::str::trim_left(
+        std::string_view(begin, end != nullptr ? end : begin + std::strlen(begin)));
     out = sockaddr_in{};
     out.sin_family = AF_INET;
     out.sin_addr.s_addr = htonl(LOOPBACK_ADDRESS);
@@ -82,15 +79,14 @@ int parse_addr(const char* begin, const char* end, sockaddr_in& out) {
     }
     std::uint16_t port = 0;
     const std::size_t separator = text.rfind(HOST_PORT_SEPARATOR::CHAR);
-    if (separator == std::string_view::npos) {
+    if (separator == std::string::npos) {
         // A lone token is an address if it reads as one, otherwise a port.
-        const std::string token(text);
-        if (!try_parse_ipv4(token, out.sin_addr) && !try_parse_port(token, port)) {
+        if (!try_parse_ipv4(text, out.sin_addr) && !try_parse_port(text, port)) {
             return 0;
         }
     } else {
-        const std::string address(text.substr(0, separator));
-        const std::string port_text(text.substr(separator + 1));
+        const std::string address = text.substr(0, separator);
+        const std::string port_text = text.substr(separator + 1);
         if (!port_text.empty() && !try_parse_port(port_text, port)) {
             return 0;
         }

@@ -7,8 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
+
+#include "temp_directory.hpp"
 
 namespace qm::utils::path {
 namespace {
@@ -46,22 +47,17 @@ TEST(PathTextTest, FileNameIsThePartAfterTheLastSeparator) {
     EXPECT_EQ(get_file_name("/srv/rec/"), "");
 }
 
-// Runs a test in a directory of its own under /tmp, as the current directory, and removes it
-// afterwards.
+// Runs a test in a directory of its own under /tmp, as the current directory.
 class TempDirectoryTest : public ::testing::Test {
 protected:
     void SetUp() override {
         m_saved = fs::current_path();
-        char name[] = "/tmp/qm_path_test_XXXXXX";
-        ASSERT_NE(::mkdtemp(name), nullptr);
-        m_root = name;
+        m_root = m_directory.path();
         fs::current_path(m_root);
     }
-    void TearDown() override {
-        fs::current_path(m_saved);
-        fs::remove_all(m_root);
-    }
+    void TearDown() override { fs::current_path(m_saved); }
 
+    test::TempDirectory m_directory;
     fs::path m_saved;
     fs::path m_root;
 };
@@ -118,7 +114,7 @@ TEST_F(TempDirectoryTest, PathOfAFileCreatesTheDirectoryThatHoldsIt) {
 }
 
 TEST_F(TempDirectoryTest, RegularFileInThePathFailsWithEnotdir) {
-    std::ofstream(m_root / "file").put('x');
+    m_directory.write_file("file", "x");
     errno = 0;
     EXPECT_FALSE(check_or_create_directory("file/sub/dir", false, 0755));
     EXPECT_EQ(errno, ENOTDIR);

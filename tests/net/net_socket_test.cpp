@@ -132,6 +132,7 @@ TEST_F(LoopbackTest, ReadIntoTheReceiveBufferStoresTheLength) {
     EXPECT_TRUE(std::equal(sent.begin(), sent.end(), buffer->data));
 }
 
+// Written by the signal handler; relaxed: it only reports how many signals arrived.
 std::atomic<int> g_interrupting_signals{0};
 
 void count_signal(int) {
@@ -157,6 +158,7 @@ private:
 TEST_F(LoopbackTest, SignalInterruptsABlockedReadWhichReturnsZero) {
     test::LogCapture capture;
     const InterruptingHandler handler;
+    // Release by the reader, acquire by the test: publishes `result` before the join does.
     std::atomic<bool> done{false};
     std::int64_t result = -1;
     std::thread reader([&] {

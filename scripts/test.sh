@@ -30,7 +30,7 @@ echo "== TSan threaded tests"
 configure build-tsan -DQM_SANITIZE=thread -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQM_BUILD_BENCHMARKS=OFF
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    ctest --test-dir build-tsan --output-on-failure -L threaded
+    ctest --test-dir build-tsan --output-on-failure
 
 echo "== packet reader fuzzing (${fuzz_seconds} s)"
 configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \

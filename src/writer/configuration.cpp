@@ -1,0 +1,128 @@
+#include "writer/configuration.hpp"
+
+#include <strings.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+#include "utils/str.hpp"
+#include "utils/time.hpp"
+
+namespace qm::writer {
+
+namespace {
+
+template <typename Enum, std::size_t N>
+bool try_parse_name(const std::array<std::pair<std::string_view, Enum>, N>& names,
+                    const std::string& text, Enum& out) {
+    for (const auto& [name, value] : names) {
+        if (text == name) {
+            out = value;
+            return true;
+        }
+    }
+    return false;
+}
+
+constexpr std::array<std::pair<std::string_view, cleanup_algo>, 2> CLEANUP_ALGO_NAMES = {{
+    {"df", cleanup_algo::DF},
+    {"du", cleanup_algo::DU},
+}};
+
+constexpr std::array<std::pair<std::string_view, cleanup_policy>, 4> CLEANUP_POLICY_NAMES = {{
+    {"disabled", cleanup_policy::DISABLED},
+    {"minute", cleanup_policy::MINUTE},
+    {"hour", cleanup_policy::HOUR},
+    {"day", cleanup_policy::DAY},
+}};
+
+constexpr std::string_view PERCENT_SUFFIX = "%";
+
+struct SizeSuffix {
+    const char* text;
+    long double multiplier;
+};
+
+constexpr std::array<SizeSuffix, 8> SIZE_SUFFIXES = {{
+    {"KB", 1024.0L},
+    {"K", 1024.0L},
+    {"MB", 1048576.0L},
+    {"M", 1048576.0L},
+    {"GB", 1073741824.0L},
+    {"G", 1073741824.0L},
+    {"TB", 1099511627776.0L},
+    {"T", 1099511627776.0L},
+}};
+
+}  // namespace
+
+bool try_parse_cleanup_algo(const std::string& text, cleanup_algo& out) {
+    return try_parse_name(CLEANUP_ALGO_NAMES, text, out);
+}
+
+bool try_parse_cleanup_policy(const std::string& text, cleanup_policy& out) {
+    return try_parse_name(CLEANUP_POLICY_NAMES, text, out);
+}
+
+bool try_parse_cleanup_threshold(const std::string& text, long double& out) {
+    char* end = nullptr;
+    errno = 0;
+    const long double value = std::strtold(text.c_str(), &end);
+    if (errno != 0 || end == text.c_str()) {
+        return false;
+    }
+    out = value;
+    if (end == text.c_str() + text.size()) {
+        return true;
+    }
+    const std::string rest =
+        utils::str::trim_left(std::string_view(text).substr(end - text.c_str()));
+    if (rest == PERCENT_SUFFIX) {
+        out = -value;
+        return true;
+    }
+    for (const SizeSuffix& suffix : SIZE_SUFFIXES) {
+        if (::strcasecmp(rest.c_str(), suffix.text) == 0) {
+            out = value * suffix.multiplier;
+            return true;
+        }
+    }
+    return false;
+}
+
+int Configuration::set_value(const std::string& key, const std::string& value,
+                             std::ostringstream& detail) {
+    if (key == "storage") {
+        storage = value;
+        return APPLIED;
+    }
+    if (key == "storage_cleanup_algo") {
+        return to_status(try_parse_cleanup_algo(value, storage_cleanup_algo));
+    }
+    if (key == "storage_cleanup_policy") {
+        return to_status(try_parse_cleanup_policy(value, storage_cleanup_policy));
+    }
+    if (key == "storage_cleanup_threshold") {
+        return to_status(try_parse_cleanup_threshold(value, storage_cleanup_threshold));
+    }
+    if (key == "storage_cleanup_timer") {
+        return to_status(utils::time::try_parse_timer(value, storage_cleanup_timer));
+    }
+    if (key == "media_buffer_size") {
+        return to_status(
+            utils::str::try_parse_value<unsigned long, 10>(value, media_buffer_size).succeeded());
+    }
+    if (key == "media_buffers_count") {
+        return to_status(
+            utils::str::try_parse_value<unsigned long, 10>(value, media_buffers_count).succeeded());
+    }
+    if (key == "write_media") {
+        return to_status(conf::try_parse_bool(value, write_media));
+    }
+    return StatExtension::set_value(key, value, detail);
+}
+
+}  // namespace qm::writer

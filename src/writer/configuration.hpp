@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <sstream>
+#include <string>
+
+#include "conf/configuration.hpp"
+#include "conf/log_extension.hpp"
+#include "conf/port_extension.hpp"
+#include "conf/stat_extension.hpp"
+
+// The recorder's settings. Ownership: created with its defaults by the service frame, shared
+// through rc_ptr<Configuration>. Threads: written only by the main thread while it parses the file
+// and the "--args" string at start-up, before any worker thread exists; read-only by every thread
+// afterwards, so the fields are plain.
+namespace qm::writer {
+
+// How used storage space is measured.
+enum class cleanup_algo : std::int32_t {
+    // The whole volume, as df reports it.
+    DF = 0,
+    // The files under the storage directory, as du adds them up.
+    DU = 1,
+};
+
+// Which directories a cleanup pass removes, oldest first.
+enum class cleanup_policy : std::int32_t {
+    DISABLED = 0,
+    MINUTE = 1,
+    HOUR = 2,
+    DAY = 3,
+};
+
+// "df" or "du", exactly; leaves `out` alone otherwise.
+bool try_parse_cleanup_algo(const std::string& text, cleanup_algo& out);
+
+// "disabled", "minute", "hour" or "day", exactly; leaves `out` alone otherwise.
+bool try_parse_cleanup_policy(const std::string& text, cleanup_policy& out);
+
+// A size in bytes or a percentage: a number (std::strtold), then optionally white space and one
+// suffix: "%" stores the number negated (90% gives -90); "K"/"KB", "M"/"MB", "G"/"GB", "T"/"TB" in
+// any case multiply by powers of 1024. Once the number was read `out` holds it, even when the
+// suffix is then refused.
+bool try_parse_cleanup_threshold(const std::string& text, long double& out);
+
+class Configuration
+    : public conf::StatExtension<conf::PortExtension<conf::LogExtenstion<conf::Configuration>>> {
+public:
+    // Root directory of the recordings; checked (and created) by the service at start.
+    std::string storage;
+    cleanup_algo storage_cleanup_algo = cleanup_algo::DF;
+    cleanup_policy storage_cleanup_policy = cleanup_policy::HOUR;
+    // Bytes when positive, a percentage negated when not: -90 is 90 %.
+    long double storage_cleanup_threshold = -90;
+    // Period of the cleanup pass, in microseconds.
+    std::uint64_t storage_cleanup_timer = 60000000;
+    // 0 leaves the choice to the media buffer pool.
+    std::uint64_t media_buffer_size = 0;
+    // 0 leaves the choice to the media buffer pool.
+    std::uint64_t media_buffers_count = 0;
+    bool write_media = true;
+
+protected:
+    int set_value(const std::string& key, const std::string& value,
+                  std::ostringstream& detail) override;
+};
+
+}  // namespace qm::writer

@@ -1,0 +1,314 @@
+#include "writer/configuration.hpp"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "core/rc_ptr.hpp"
+#include "log_capture.hpp"
+#include "temp_directory.hpp"
+
+namespace qm::writer {
+namespace {
+
+using log::Level;
+using Texts = std::vector<std::string>;
+
+class WriterConfigurationTest : public ::testing::Test {
+protected:
+    // Parses one "key=value" argument and expects it refused with the parser's message.
+    void expect_refused(const std::string& key, const std::string& value) {
+        capture.clear();
+        EXPECT_FALSE(configuration->parse_args(key + "=" + value)) << key << "=" << value;
+        EXPECT_EQ(capture.texts(Level::ERROR),
+                  (Texts{"CONFIGURATION: failed to set option [" + key + "] to [" + value +
+                         "]: unexpected value format"}));
+    }
+
+    test::LogCapture capture;
+    test::TempDirectory directory;
+    rc_ptr<Configuration> configuration = new Configuration();
+};
+
+TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
+    EXPECT_EQ(configuration->log_level, Level::INFO);
+    EXPECT_EQ(configuration->port, 0);
+    EXPECT_TRUE(configuration->statistic_logging_enabled);
+    EXPECT_FALSE(configuration->statistic_transfer_enabled);
+    EXPECT_EQ(configuration->statistic_transfer_host, "");
+    EXPECT_EQ(configuration->statistic_transfer_port, 0);
+    EXPECT_EQ(configuration->storage, "");
+    EXPECT_EQ(configuration->storage_cleanup_algo, cleanup_algo::DF);
+    EXPECT_EQ(configuration->storage_cleanup_policy, cleanup_policy::HOUR);
+    EXPECT_EQ(configuration->storage_cleanup_threshold, -90.0L);
+    EXPECT_EQ(configuration->storage_cleanup_timer, 60000000u);
+    EXPECT_EQ(configuration->media_buffer_size, 0u);
+    EXPECT_EQ(configuration->media_buffers_count, 0u);
+    EXPECT_TRUE(configuration->write_media);
+}
+
+TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
+    EXPECT_EQ(static_cast<int>(cleanup_algo::DF), 0);
+    EXPECT_EQ(static_cast<int>(cleanup_algo::DU), 1);
+    EXPECT_EQ(static_cast<int>(cleanup_policy::DISABLED), 0);
+    EXPECT_EQ(static_cast<int>(cleanup_policy::MINUTE), 1);
+    EXPECT_EQ(static_cast<int>(cleanup_policy::HOUR), 2);
+    EXPECT_EQ(static_cast<int>(cleanup_policy::DAY), 3);
+}
+
+TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
+    // The build compiles this file by its absolute path; the example sits two levels up.
+    const std::string path =
+        (std::filesystem::path(__FILE__).parent_path() / "../../etc/quillmarwriter.conf").string();
+    ASSERT_TRUE(configuration->parse_file(path));
+    EXPECT_EQ(configuration->port, 5090);
+    EXPECT_EQ(configuration->storage, "storage");
+    EXPECT_EQ(configuration->media_buffers_count, 1000u);
+    EXPECT_TRUE(capture.texts(Level::WARNING).empty());
+    EXPECT_TRUE(capture.texts(Level::ERROR).empty());
+}
+
+TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
+    const std::string path = directory.write_file("writer.conf",
+                                                  "log_level = DEBUG\n"
+                                                  "port = 5090\n"
+                                                  "statistic_logging_enabled = false\n"
+                                                  "statistic_transfer_host = 127.0.0.1:5091\n"
+                                                  "storage = /srv/rec ords\n"
+                                                  "storage_cleanup_algo = du\n"
+                                                  "storage_cleanup_policy = day\n"
+                                                  "storage_cleanup_threshold = 500GB\n"
+                                                  "storage_cleanup_timer = 5m\n"
+                                                  "media_buffer_size = 64000\n"
+                                                  "media_buffers_count = 4000\n"
+                                                  "write_media = false\n");
+    ASSERT_TRUE(configuration->parse_file(path));
+    EXPECT_EQ(configuration->log_level, Level::DEBUG);
+    EXPECT_EQ(configuration->port, 5090);
+    EXPECT_FALSE(configuration->statistic_logging_enabled);
+    EXPECT_TRUE(configuration->statistic_transfer_enabled);
+    EXPECT_EQ(configuration->statistic_transfer_host, "127.0.0.1");
+    EXPECT_EQ(configuration->statistic_transfer_port, 5091);
+    EXPECT_EQ(configuration->storage, "/srv/rec ords");
+    EXPECT_EQ(configuration->storage_cleanup_algo, cleanup_algo::DU);
+    EXPECT_EQ(configuration->storage_cleanup_policy, cleanup_policy::DAY);
+    EXPECT_EQ(configuration->storage_cleanup_threshold, 536870912000.0L);
+    EXPECT_EQ(configuration->storage_cleanup_timer, 300000000u);
+    EXPECT_EQ(configuration->media_buffer_size, 64000u);
+    EXPECT_EQ(configuration->media_buffers_count, 4000u);
+    EXPECT_FALSE(configuration->write_media);
+    EXPECT_TRUE(capture.texts(Level::WARNING).empty());
+    EXPECT_EQ(capture.count("CONFIGURATION: option [storage] is set to [/srv/rec ords]"), 1u);
+}
+
+TEST_F(WriterConfigurationTest, FlagsAreUnknownAndChangeNothing) {
+    EXPECT_TRUE(configuration->parse_args("write_media,storage,port="));
+    EXPECT_TRUE(configuration->write_media);
+    EXPECT_EQ(configuration->storage, "");
+    EXPECT_EQ(configuration->port, 0);
+    EXPECT_EQ(capture.texts(Level::WARNING), (Texts{"CONFIGURATION: flag [write_media] is unknown",
+                                                    "CONFIGURATION: flag [storage] is unknown",
+                                                    "CONFIGURATION: flag [port] is unknown"}));
+}
+
+TEST_F(WriterConfigurationTest, UnknownKeyWarnsAndTheRestApplies) {
+    EXPECT_TRUE(configuration->parse_args("kafka=1,port=7"));
+    EXPECT_EQ(configuration->port, 7);
+    EXPECT_EQ(capture.texts(Level::WARNING), (Texts{"CONFIGURATION: option [kafka] is unknown"}));
+}
+
+TEST_F(WriterConfigurationTest, PortLimits) {
+    EXPECT_TRUE(configuration->parse_args("port=65535"));
+    EXPECT_EQ(configuration->port, 65535);
+    expect_refused("port", "65536");
+    expect_refused("port", "-1");
+    expect_refused("port", "80x");
+    EXPECT_EQ(configuration->port, 65535);
+}
+
+TEST_F(WriterConfigurationTest, PortWithBlanksOnlyIsAFlag) {
+    const std::string path = directory.write_file("port.conf", "port=   \n");
+    EXPECT_TRUE(configuration->parse_file(path));
+    EXPECT_EQ(configuration->port, 0);
+    EXPECT_EQ(capture.texts(Level::WARNING), (Texts{"CONFIGURATION: flag [port] is unknown"}));
+}
+
+TEST_F(WriterConfigurationTest, LogLevelNames) {
+    EXPECT_TRUE(configuration->parse_args("log_level=SYSTEM"));
+    EXPECT_EQ(configuration->log_level, Level::SYSTEM);
+    expect_refused("log_level", "debug");
+    EXPECT_EQ(configuration->log_level, Level::SYSTEM);
+}
+
+TEST_F(WriterConfigurationTest, BooleansAreCaseSensitive) {
+    EXPECT_TRUE(configuration->parse_args("write_media=false,statistic_logging_enabled=false"));
+    EXPECT_FALSE(configuration->write_media);
+    EXPECT_FALSE(configuration->statistic_logging_enabled);
+    expect_refused("write_media", "TRUE");
+    expect_refused("statistic_transfer_enabled", "yes");
+    EXPECT_FALSE(configuration->write_media);
+    EXPECT_FALSE(configuration->statistic_transfer_enabled);
+}
+
+TEST_F(WriterConfigurationTest, CleanupAlgoAndPolicyNames) {
+    EXPECT_TRUE(configuration->parse_args("storage_cleanup_algo=du"));
+    EXPECT_EQ(configuration->storage_cleanup_algo, cleanup_algo::DU);
+    EXPECT_TRUE(configuration->parse_args("storage_cleanup_algo=df"));
+    EXPECT_EQ(configuration->storage_cleanup_algo, cleanup_algo::DF);
+    expect_refused("storage_cleanup_algo", "DU");
+    expect_refused("storage_cleanup_algo", "1");
+
+    const std::pair<const char*, cleanup_policy> policies[] = {
+        {"disabled", cleanup_policy::DISABLED},
+        {"minute", cleanup_policy::MINUTE},
+        {"day", cleanup_policy::DAY},
+        {"hour", cleanup_policy::HOUR}};
+    for (const auto& [name, policy] : policies) {
+        EXPECT_TRUE(configuration->parse_option("storage_cleanup_policy", name)) << name;
+        EXPECT_EQ(configuration->storage_cleanup_policy, policy) << name;
+    }
+    expect_refused("storage_cleanup_policy", "Hour");
+    expect_refused("storage_cleanup_policy", "hours");
+    EXPECT_EQ(configuration->storage_cleanup_policy, cleanup_policy::HOUR);
+}
+
+TEST_F(WriterConfigurationTest, MediaBufferNumbers) {
+    EXPECT_TRUE(configuration->parse_args("media_buffer_size=18446744073709551615"));
+    EXPECT_EQ(configuration->media_buffer_size, 18446744073709551615u);
+    EXPECT_TRUE(configuration->parse_args("media_buffers_count=12"));
+    EXPECT_EQ(configuration->media_buffers_count, 12u);
+    expect_refused("media_buffer_size", "64k");
+    expect_refused("media_buffer_size", "18446744073709551616");
+    expect_refused("media_buffers_count", "x");
+    EXPECT_EQ(configuration->media_buffers_count, 12u);
+}
+
+TEST_F(WriterConfigurationTest, ThresholdForms) {
+    const std::pair<const char*, long double> accepted[] = {{"90%", -90.0L},
+                                                            {"90 %", -90.0L},
+                                                            {"12.5%", -12.5L},
+                                                            {"10gb", 10737418240.0L},
+                                                            {"10G", 10737418240.0L},
+                                                            {"1.5k", 1536.0L},
+                                                            {"2 KB", 2048.0L},
+                                                            {"3m", 3145728.0L},
+                                                            {"3Mb", 3145728.0L},
+                                                            {"1T", 1099511627776.0L},
+                                                            {"1tB", 1099511627776.0L},
+                                                            {"500", 500.0L},
+                                                            {" 0", 0.0L}};
+    for (const auto& [text, value] : accepted) {
+        EXPECT_TRUE(configuration->parse_option("storage_cleanup_threshold", text)) << text;
+        EXPECT_EQ(configuration->storage_cleanup_threshold, value) << text;
+    }
+    expect_refused("storage_cleanup_threshold", "10 GiB");
+    expect_refused("storage_cleanup_threshold", "GB");
+    expect_refused("storage_cleanup_threshold", "90%%");
+}
+
+TEST_F(WriterConfigurationTest, TimerForms) {
+    EXPECT_TRUE(configuration->parse_args("storage_cleanup_timer=30s"));
+    EXPECT_EQ(configuration->storage_cleanup_timer, 30000000u);
+    EXPECT_TRUE(configuration->parse_args("storage_cleanup_timer=5ns"));
+    EXPECT_EQ(configuration->storage_cleanup_timer, 5u);
+    EXPECT_TRUE(configuration->parse_args("storage_cleanup_timer=1500"));
+    EXPECT_EQ(configuration->storage_cleanup_timer, 1500u);
+    expect_refused("storage_cleanup_timer", "30 s");
+    expect_refused("storage_cleanup_timer", "1w");
+}
+
+TEST_F(WriterConfigurationTest, UnparsableHostLeavesTransferDisabled) {
+    expect_refused("statistic_transfer_host", "collector");
+    EXPECT_FALSE(configuration->statistic_transfer_enabled);
+    EXPECT_EQ(configuration->statistic_transfer_host, "");
+}
+
+TEST_F(WriterConfigurationTest, TransferSwitchedOffAfterTheHostStaysOff) {
+    EXPECT_TRUE(configuration->parse_args(
+        "statistic_transfer_host=10.0.0.9:7000,statistic_transfer_enabled=false"));
+    EXPECT_FALSE(configuration->statistic_transfer_enabled);
+    EXPECT_EQ(configuration->statistic_transfer_host, "10.0.0.9");
+    EXPECT_EQ(configuration->statistic_transfer_port, 7000);
+}
+
+TEST_F(WriterConfigurationTest, TransferSwitchedOffBeforeTheHostIsOverridden) {
+    EXPECT_TRUE(configuration->parse_args(
+        "statistic_transfer_enabled=false,statistic_transfer_host=10.0.0.9:7000"));
+    EXPECT_TRUE(configuration->statistic_transfer_enabled);
+}
+
+TEST_F(WriterConfigurationTest, HostListInArgsNeedsEscapedCommas) {
+    EXPECT_TRUE(configuration->parse_args(
+        "statistic_transfer_host=10.0.0.1:5000-5002,,10.0.0.2:6000,port=9"));
+    EXPECT_EQ(configuration->statistic_transfer_host, "10.0.0.1");
+    EXPECT_EQ(configuration->statistic_transfer_port, 5000);
+    EXPECT_EQ(configuration->port, 9);
+    EXPECT_EQ(capture.count("CONFIGURATION: option [statistic_transfer_host] is set to "
+                            "[10.0.0.1:5000-5002,10.0.0.2:6000]"),
+              1u);
+}
+
+TEST_F(WriterConfigurationTest, DoubledCommaKeepsACommaInTheStoragePath) {
+    EXPECT_TRUE(configuration->parse_args("storage=/srv/a,,b,write_media=false"));
+    EXPECT_EQ(configuration->storage, "/srv/a,b");
+    EXPECT_FALSE(configuration->write_media);
+}
+
+TEST_F(WriterConfigurationTest, RepeatedKeyLaterWins) {
+    const std::string path = directory.write_file("repeat.conf", "port = 1\nport = 2\n");
+    EXPECT_TRUE(configuration->parse_file(path));
+    EXPECT_EQ(configuration->port, 2);
+    EXPECT_TRUE(configuration->parse_args("port=3,port=4"));
+    EXPECT_EQ(configuration->port, 4);
+}
+
+TEST_F(WriterConfigurationTest, ArgsOverrideTheFile) {
+    const std::string path = directory.write_file(
+        "writer.conf", "port = 1\nstorage = /from/file\nwrite_media = false\n");
+    ASSERT_TRUE(configuration->parse_file(path));
+    ASSERT_TRUE(configuration->parse_args("port=2,storage=/from/args"));
+    EXPECT_EQ(configuration->port, 2);
+    EXPECT_EQ(configuration->storage, "/from/args");
+    EXPECT_FALSE(configuration->write_media);
+    EXPECT_EQ(capture.texts(Level::SYSTEM),
+              (Texts{"CONFIGURATION: reading from file [" + path + "]",
+                     "CONFIGURATION: option [port] is set to [1]",
+                     "CONFIGURATION: option [storage] is set to [/from/file]",
+                     "CONFIGURATION: option [write_media] is set to [false]",
+                     "CONFIGURATION: reading from args: port=2,storage=/from/args",
+                     "CONFIGURATION: option [port] is set to [2]",
+                     "CONFIGURATION: option [storage] is set to [/from/args]"}));
+}
+
+TEST_F(WriterConfigurationTest, BadValueStopsTheFileButEarlierKeysStay) {
+    const std::string path =
+        directory.write_file("bad.conf", "port = 1\nstorage_cleanup_timer = 30 s\nport = 2\n");
+    EXPECT_FALSE(configuration->parse_file(path));
+    EXPECT_EQ(configuration->port, 1);
+    EXPECT_EQ(capture.texts(Level::ERROR),
+              (Texts{"CONFIGURATION: failed to set option [storage_cleanup_timer] to [30 s]: "
+                     "unexpected value format"}));
+}
+
+TEST(CleanupParsersTest, ThresholdKeepsThePlainNumberOnARefusedSuffix) {
+    long double threshold = 1;
+    EXPECT_FALSE(try_parse_cleanup_threshold("10 GiB", threshold));
+    EXPECT_EQ(threshold, 10.0L);
+    threshold = 1;
+    EXPECT_FALSE(try_parse_cleanup_threshold("", threshold));
+    EXPECT_FALSE(try_parse_cleanup_threshold("%", threshold));
+    EXPECT_FALSE(try_parse_cleanup_threshold("1e999999", threshold));
+    EXPECT_EQ(threshold, 1.0L);
+}
+
+TEST(CleanupParsersTest, NamesLeaveOutAloneWhenRefused) {
+    cleanup_algo algo = cleanup_algo::DU;
+    EXPECT_FALSE(try_parse_cleanup_algo("", algo));
+    EXPECT_EQ(algo, cleanup_algo::DU);
+    cleanup_policy policy = cleanup_policy::MINUTE;
+    EXPECT_FALSE(try_parse_cleanup_policy(" day", policy));
+    EXPECT_EQ(policy, cleanup_policy::MINUTE);
+}
+
+}  // namespace
+}  // namespace qm::writer

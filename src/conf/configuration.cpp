@@ -18,7 +18,8 @@ namespace {
 constexpr char COMMENT_MARKER = '#';
 constexpr char KEY_VALUE_SEPARATOR = '=';
 constexpr char ARGS_SEPARATOR = ',';
-// An escaped comma in the argument string, and what it stands for until the split is done.
+// An escaped comma in the argument string, and the placeholder that stands in for it until the
+// string is split at its plain commas.
 constexpr std::string_view ARGS_ESCAPED_SEPARATOR = ",,";
 constexpr std::string_view ARGS_ESCAPE_PLACEHOLDER = "_;";
 

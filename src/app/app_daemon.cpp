@@ -42,6 +42,8 @@ void reopen(const char* path, const char* mode, std::FILE* stream) {
 
 void switch_to_daemon_mode(DaemonModeArgs args) {
     QM_LOG_SYSTEM("DAEMON: starting application in daemon mode");
+    // Output still buffered in the standard streams would otherwise be written by both processes.
+    std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid < 0) {
         const int error = errno;

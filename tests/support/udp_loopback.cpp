@@ -1,0 +1,47 @@
+#include "udp_loopback.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace qm::test {
+namespace {
+
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+}  // namespace
+
+std::uint16_t free_udp_port() {
+    const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    std::uint16_t port = 0;
+    if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+        port = ntohs(address.sin_port);
+    }
+    ::close(probe);
+    return port;
+}
+
+bool send_udp(std::uint16_t port, const void* data, std::size_t size) {
+    const int sender = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    const ssize_t sent = ::sendto(sender, data, size, 0,
+                                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::close(sender);
+    return sent >= 0 && static_cast<std::size_t>(sent) == size;
+}
+
+bool send_udp(std::uint16_t port, const std::vector<std::uint8_t>& bytes) {
+    return send_udp(port, bytes.data(), bytes.size());
+}
+
+}  // namespace qm::test

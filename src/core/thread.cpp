@@ -1,0 +1,45 @@
+#include "core/thread.hpp"
+
+#include <cerrno>
+
+namespace qm {
+
+Thread::~Thread() {
+    request_stop();
+    join();
+}
+
+int Thread::start() {
+    if (m_joinable) {
+        return EBUSY;
+    }
+    // Relaxed: pthread_create orders this store before everything the new thread does.
+    m_running.store(true, std::memory_order_relaxed);
+    const int result = pthread_create(&m_handle, nullptr, &Thread::entry, this);
+    if (result != 0) {
+        m_running.store(false, std::memory_order_relaxed);
+        return result;
+    }
+    m_joinable = true;
+    return 0;
+}
+
+int Thread::stop() {
+    request_stop();
+    return join();
+}
+
+int Thread::join() {
+    if (!m_joinable) {
+        return 0;
+    }
+    m_joinable = false;
+    return pthread_join(m_handle, nullptr);
+}
+
+void* Thread::entry(void* self) {
+    static_cast<Thread*>(self)->run();
+    return nullptr;
+}
+
+}  // namespace qm

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+namespace qm {
+
+// Base of every worker thread: one POSIX thread that runs the virtual `run` while the running
+// flag is set. A subclass's `run` checks `is_running()` and returns once it is cleared.
+//
+// Threads: the owning thread (the one that constructs the object) calls `start`, `stop` and the
+// destructor; the worker thread only reads the running flag. `stop` must be called before the
+// subclass is destroyed, because `run` uses the subclass's members.
+class Thread {
+public:
+    Thread() = default;
+    // A thread still running here is stopped and joined, so that it never outlives the memory it
+    // runs on; owners call `stop` themselves, before their own members go.
+    virtual ~Thread();
+
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+    // The thread body, run on the new thread.
+    virtual void run() = 0;
+
+    // Sets the running flag and creates the thread with default attributes. Returns the result of
+    // pthread_create (0 on success; the flag is cleared again on failure), or EBUSY when a thread
+    // was started and not yet stopped.
+    virtual int start();
+
+    // Clears the running flag and joins the thread. Returns the result of pthread_join, or 0 when
+    // no thread was started. Subclasses override it to log, and call this one.
+    virtual int stop();
+
+    // True between `start` and `stop`.
+    bool is_running() const {
+        // Acquire pairs with the release in `request_stop`: work handed over before `stop` (for
+        // instance elements pushed to a queue) is visible to a thread that sees the flag cleared.
+        return m_running.load(std::memory_order_acquire);
+    }
+
+protected:
+    // The two halves of `stop`, for subclasses that must wake their thread in between.
+    void request_stop() { m_running.store(false, std::memory_order_release); }
+    int join();
+
+private:
+    static void* entry(void* self);
+
+    pthread_t m_handle{};
+    // Whether m_handle holds a thread that has not been joined; owning thread only.
+    bool m_joinable = false;
+    std::atomic<bool> m_running{false};
+};
+
+}  // namespace qm

@@ -47,7 +47,8 @@ const OptionEntry* find_option(const std::string& argument) {
 }
 
 bool is_daemon_option(const std::string& argument) {
-    return argument == "--daemon" || argument == "-d";
+    const OptionEntry* entry = find_option(argument);
+    return entry != nullptr && entry->option == ServiceBase::Option::DAEMON;
 }
 
 // Reused for every subscription.

@@ -23,25 +23,14 @@
 #include "log/logger.hpp"
 #include "log/stdlog.hpp"
 #include "log_capture.hpp"
+#include "udp_loopback.hpp"
 
 namespace qm::net {
 namespace {
 
-constexpr std::uint32_t LOOPBACK = INADDR_LOOPBACK;
+using test::free_udp_port;
 
-// A UDP port that was free a moment ago: bound by a probe socket on port 0, read back, released.
-std::uint16_t free_udp_port() {
-    const int probe = ::socket(AF_INET, SOCK_DGRAM, 0);
-    EXPECT_NE(probe, -1);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(LOOPBACK);
-    EXPECT_EQ(::bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    socklen_t length = sizeof(address);
-    EXPECT_EQ(::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    ::close(probe);
-    return ntohs(address.sin_port);
-}
+constexpr std::uint32_t LOOPBACK = INADDR_LOOPBACK;
 
 sockaddr_in loopback_address(std::uint16_t port) {
     sockaddr_in address{};

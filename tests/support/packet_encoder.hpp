@@ -28,14 +28,14 @@ inline constexpr Uuid DEFAULT_UUID = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 
 struct HeaderFields {
     std::uint32_t marker = 0x00FF00FF;
     // Unset: the code of the packet type being encoded.
-    std::optional<std::uint8_t> type;
+    std::optional<std::uint8_t> type{};
     std::uint8_t version = 1;
     std::uint16_t flags = 0;
     std::uint64_t id = 0x0123456789abcdefULL;
     Uuid uuid = DEFAULT_UUID;
     std::uint64_t mt = 1000;
     // Set: the datagram is cut to, or padded with zero bytes to, this many bytes after encoding.
-    std::optional<std::size_t> length;
+    std::optional<std::size_t> length{};
 };
 
 struct StartFields {
@@ -49,7 +49,7 @@ struct StartFields {
     std::array<std::uint8_t, 2> ft = {0x80, 0x00};
     std::string call_id = "call-1@example.org";
     // Unset: the size of `call_id`.
-    std::optional<std::uint16_t> call_id_len;
+    std::optional<std::uint16_t> call_id_len{};
 };
 
 struct DataFields {
@@ -58,14 +58,14 @@ struct DataFields {
     std::uint32_t off = 0;
     std::vector<std::uint16_t> payload = {1, 2, 3, 4};
     // Unset: the number of units in `payload`.
-    std::optional<std::uint16_t> num;
+    std::optional<std::uint16_t> num{};
 };
 
 struct ControlFields {
     HeaderFields header;
     // Set: the 42-byte form; flag bit 7 is set and the two bytes follow the header. Byte 7 of the
     // flags must be 0 for the packet to be valid.
-    std::optional<std::array<std::uint8_t, 2>> ft;
+    std::optional<std::array<std::uint8_t, 2>> ft{};
 };
 
 struct TerminateFields {

@@ -64,12 +64,10 @@ public:
         record(std::move(recorded));
     }
     void on_packet_try() override {
-        // Relaxed, both: tests poll the values and read nothing else through them.
         m_thread_id.store(::gettid(), std::memory_order_relaxed);
         m_tries.fetch_add(1, std::memory_order_relaxed);
     }
     bool on_packet_idle() override {
-        // Relaxed: as above.
         m_idles.fetch_add(1, std::memory_order_relaxed);
         return m_idle_result.load(std::memory_order_relaxed);
     }
@@ -135,9 +133,12 @@ private:
     std::vector<RecordedPacket> m_packets;
     bool m_blocking = false;
     bool m_waiting = false;
+    // Written by the reader thread, polled by the test; all relaxed, because each only reports
+    // itself and no other data is published through it.
     std::atomic<pid_t> m_thread_id{0};
     std::atomic<std::uint64_t> m_tries{0};
     std::atomic<std::uint64_t> m_idles{0};
+    // Set by the test, read by the reader thread; relaxed, because it is a setting on its own.
     std::atomic<bool> m_idle_result{false};
 };
 

@@ -6,11 +6,13 @@
 namespace qm::writer {
 
 // The recorder: the frame loads its configuration from /etc/varnholt/quillmar/writer.conf (or
-// "--config") and the "--args" assignments; `on_start` then runs the recorder until a stop signal.
-// Supports daemon mode. `main` owns the one object on its stack.
+// "--config") and the "--args" assignments; `on_start` then builds the pipeline (UDP socket,
+// packet reader, session table), reads datagrams on the main thread until a stop signal and takes
+// the pipeline down again. Supports daemon mode. `main` owns the one object on its stack.
 //
 // Threads: created on the main thread; every hook runs there. Whatever `on_start` builds it owns
-// and destroys itself before it returns.
+// and destroys itself before it returns; the worker threads it starts are stopped and joined by
+// then, and they run with every signal blocked so that signals reach the main thread's read.
 class Service : public app::Service<Configuration, false> {
 public:
     Service();
@@ -18,6 +20,10 @@ public:
 protected:
     // Logs the build identification.
     void on_pre_start() override;
+    // Runs the recorder until SIGINT, SIGQUIT or SIGTERM: true after an orderly stop, false when
+    // start-up failed (no storage, storage not usable, socket not bound). Throws when the
+    // configured log level is SYSTEM; nothing catches that, so the process aborts.
+    // REQUIRES: the configuration is loaded (`do_start` succeeded).
     bool on_start() override;
 };
 

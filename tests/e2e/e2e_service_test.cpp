@@ -2,75 +2,20 @@
 // lines, exit statuses and daemon mode.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <memory>
 #include <regex>
 
-#include "child_process.hpp"
 #include "orphan_reaper.hpp"
-#include "poll.hpp"
+#include "packet_encoder.hpp"
+#include "recorder_e2e.hpp"
 #include "syslog_listener.hpp"
-#include "temp_directory.hpp"
 
 namespace qm::test {
 namespace {
 
-constexpr std::chrono::milliseconds TIMEOUT{10000};
-
-// A whole standard-error line: time, level, place, text.
-std::regex line_pattern(const std::string& level_column, const std::string& file,
-                        const std::string& text_pattern) {
-    return std::regex(R"(^\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.\d{6} \| )" + level_column +
-                      R"( \| )" + file + R"(:\d+ \| )" + text_pattern + "$");
-}
-
-// Escapes the characters that have a meaning in a regular expression.
-std::string literal(const std::string& text) {
-    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-    return std::regex_replace(text, special, R"(\$&)");
-}
-
-class ServiceE2eTest : public ::testing::Test {
-protected:
-    // Starts the binary with its output in a directory of its own under the test's directory.
-    ChildProcess& start(std::vector<std::string> args, const std::string& working_directory = {}) {
-        const std::filesystem::path output =
-            directory.path() / ("run" + std::to_string(m_processes.size()));
-        std::filesystem::create_directory(output);
-        ProcessOptions options;
-        options.args = std::move(args);
-        options.working_directory = working_directory;
-        m_processes.push_back(std::make_unique<ChildProcess>(QM_BINARY_PATH, options, output));
-        return *m_processes.back();
-    }
-
-    static ExitStatus finish(ChildProcess& process) {
-        const std::optional<ExitStatus> status = process.wait_exit(TIMEOUT);
-        EXPECT_TRUE(status.has_value()) << "the process did not end";
-        return status.value_or(ExitStatus{});
-    }
-
-    // The index of the first standard-error line that contains `fragment`, or -1.
-    static long line_index(const std::vector<std::string>& lines, const std::string& fragment) {
-        const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line.find(fragment) != std::string::npos;
-        });
-        return found == lines.end() ? -1 : found - lines.begin();
-    }
-
-    static bool has_line(const std::vector<std::string>& lines, const std::regex& pattern) {
-        return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-            return std::regex_match(line, pattern);
-        });
-    }
-
-    TempDirectory directory;
-
-private:
-    std::vector<std::unique_ptr<ChildProcess>> m_processes;
-};
+using ServiceE2eTest = RecorderE2eTest;
 
 TEST_F(ServiceE2eTest, HelpExitsZeroAndPrintsNothing) {
     for (const std::string option : {"--help", "-h"}) {
@@ -123,43 +68,60 @@ TEST_F(ServiceE2eTest, PortOutOfRangeInTheFileExitsOne) {
         << process.standard_error();
 }
 
-TEST_F(ServiceE2eTest, ArgsOverrideTheFileAndTheServiceExitsZero) {
-    const std::string config = directory.write_file("writer.conf", "port = 5000\n");
-    ChildProcess& process = start({"--config", config, "--args", "port=6000"});
+TEST_F(ServiceE2eTest, ArgsOverrideTheFile) {
+    const std::uint16_t file_port = pick_port();
+    const std::uint16_t args_port = pick_port();
+    ASSERT_NE(file_port, args_port);
+    const std::string config =
+        directory.write_file("writer.conf", "port = " + std::to_string(file_port) +
+                                                "\nstorage = " + storage().string() + "\n");
+    ChildProcess& process =
+        start({"--config", config, "--args", "port=" + std::to_string(args_port)});
+    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
 
-    const ExitStatus status = finish(process);
+    // The recorder listens on the port of the "--args" assignment.
+    send(encode_terminate());
+    ASSERT_TRUE(process.wait_for_line("TERM  | mt: ", TIMEOUT)) << process.standard_error();
+    const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
     const std::vector<std::string> lines = process.error_lines();
     const long from_file = line_index(lines, "CONFIGURATION: reading from file [" + config + "]");
-    const long file_port = line_index(lines, "CONFIGURATION: option [port] is set to [5000]");
-    const long from_args = line_index(lines, "CONFIGURATION: reading from args: port=6000");
-    const long args_port = line_index(lines, "CONFIGURATION: option [port] is set to [6000]");
+    const long file_port_set = line_index(
+        lines, "CONFIGURATION: option [port] is set to [" + std::to_string(file_port) + "]");
+    const long from_args =
+        line_index(lines, "CONFIGURATION: reading from args: port=" + std::to_string(args_port));
+    const long args_port_set = line_index(
+        lines, "CONFIGURATION: option [port] is set to [" + std::to_string(args_port) + "]");
     EXPECT_GE(from_file, 0) << process.standard_error();
-    EXPECT_GT(file_port, from_file);
-    EXPECT_GT(from_args, file_port);
-    EXPECT_GT(args_port, from_args);
+    EXPECT_GT(file_port_set, from_file);
+    EXPECT_GT(from_args, file_port_set);
+    EXPECT_GT(args_port_set, from_args);
 }
 
-TEST_F(ServiceE2eTest, MissingConfigurationFileFallsBackToDefaults) {
+TEST_F(ServiceE2eTest, MissingConfigurationFileFallsBackToTheDefaultsWhichNameNoStorage) {
     const std::string missing = (directory.path() / "missing.conf").string();
     ChildProcess& process = start({"--config", missing});
 
     const ExitStatus status = finish(process);
 
-    EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    EXPECT_TRUE(has_line(
-        process.error_lines(),
-        line_pattern("INFO   ", "configuration\\.cpp",
-                     literal("CONFIGURATION: file is not specified, default values are used"))))
-        << process.standard_error();
+    EXPECT_TRUE(status.exited_with(1)) << status.describe();
+    const std::vector<LogLine> lines = log_lines(process);
+    const long defaults =
+        text_index(lines, "CONFIGURATION: file is not specified, default values are used");
+    const long no_storage = text_index(lines, "SERVICE: storage path must be specified");
+    ASSERT_GE(defaults, 0) << process.standard_error();
+    EXPECT_EQ(lines[defaults].level, "INFO");
+    EXPECT_GT(no_storage, defaults) << process.standard_error();
 }
 
 TEST_F(ServiceE2eTest, StartUpLinesNameThePathArgumentsVersionAndMainThread) {
     const std::string config = directory.write_file("writer.conf", "");
-    ChildProcess& process = start({"--config", config, "--args", "port=6000"});
+    const std::string args = storage_and_port();
+    ChildProcess& process = start({"--config", config, "--args", args});
+    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
 
-    const ExitStatus status = finish(process);
+    const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
     const std::vector<std::string> lines = process.error_lines();
@@ -170,7 +132,7 @@ TEST_F(ServiceE2eTest, StartUpLinesNameThePathArgumentsVersionAndMainThread) {
                      literal("SERVICE: exec path: " + std::string(QM_BINARY_PATH))),
         line_pattern(
             "SYSTEM ", "app_service\\.cpp",
-            literal("SERVICE: exec args: [--config] [" + config + "] [--args] [port=6000]")),
+            literal("SERVICE: exec args: [--config] [" + config + "] [--args] [" + args + "]")),
         line_pattern("SYSTEM ", "service\\.cpp",
                      R"(build version: "\d{6}:\d{6} [0-9a-f]{16}@production")"),
         line_pattern("SYSTEM ", "app_service\\.cpp", literal(main_thread + "started")),
@@ -185,14 +147,16 @@ TEST_F(ServiceE2eTest, StartUpLinesNameThePathArgumentsVersionAndMainThread) {
 }
 
 TEST_F(ServiceE2eTest, ForegroundNamesButDoesNotWriteThePidFile) {
-    ChildProcess& process = start(
-        {"--config", (directory.path() / "missing.conf").string(), "--pid-file", "relative.pid"},
-        directory.path().string());
+    ChildProcess& process = start({"--config", (directory.path() / "missing.conf").string(),
+                                   "--pid-file", "relative.pid", "--args", storage_and_port()},
+                                  directory.path().string());
+    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
+    const std::string pid_file = (directory.path() / "relative.pid").string();
+    EXPECT_FALSE(std::filesystem::exists(pid_file)) << "written while running";
 
-    const ExitStatus status = finish(process);
+    const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    const std::string pid_file = (directory.path() / "relative.pid").string();
     EXPECT_GE(line_index(process.error_lines(), "SERVICE:  pid file: " + pid_file), 0)
         << process.standard_error();
     EXPECT_FALSE(std::filesystem::exists(pid_file));
@@ -207,12 +171,38 @@ protected:
     // stamp that the system-log client adds).
     static std::string from(pid_t pid) { return "quillmarwriter[" + std::to_string(pid) + "]: "; }
 
+    // Waits until the daemon receives: its packet reader's record when the records can be read,
+    // otherwise its second thread (the packet reader, started after the socket and the signal
+    // handlers).
+    bool wait_daemon_receiving(pid_t daemon) {
+        if (syslog.available()) {
+            return syslog.wait_for_record(from(daemon) + "SYSTEM  | media_packet_reader.cpp:",
+                                          TIMEOUT);
+        }
+        const std::filesystem::path tasks = "/proc/" + std::to_string(daemon) + "/task";
+        return poll_until(
+            [&] {
+                std::error_code error;
+                std::filesystem::directory_iterator task(tasks, error);
+                std::size_t count = 0;
+                for (; !error && task != std::filesystem::directory_iterator();
+                     task.increment(error)) {
+                    ++count;
+                }
+                return count >= 2;
+            },
+            TIMEOUT);
+    }
+
     OrphanReaper reaper;
     SyslogListener syslog;
 };
 
-TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLog) {
-    const std::string config = directory.write_file("writer.conf", "port = 5000\n");
+TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLogUntilStopped) {
+    const std::uint16_t chosen = pick_port();
+    const std::string config =
+        directory.write_file("writer.conf", "port = " + std::to_string(chosen) +
+                                                "\nstorage = " + storage().string() + "\n");
     // A relative pid file is made absolute before the daemon changes into /tmp.
     ChildProcess& parent = start({"--daemon", "--pid-file", "daemon.pid", "--config", config},
                                  directory.path().string());
@@ -221,13 +211,16 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLog) {
     const ExitStatus parent_status = finish(parent);
     ASSERT_TRUE(poll_until([&] { return !read_file(pid_file).empty(); }, TIMEOUT)) << "no pid file";
     const pid_t daemon = static_cast<pid_t>(std::stol(read_file(pid_file)));
-    // The daemon is the test's child now: it ends by itself once its configuration is loaded.
+    // The daemon is the test's child now, and runs until it is told to stop.
+    ASSERT_TRUE(wait_daemon_receiving(daemon));
+    ASSERT_EQ(::kill(daemon, SIGTERM), 0);
     const std::optional<ExitStatus> daemon_status = reaper.wait_for(daemon, TIMEOUT);
 
     EXPECT_TRUE(parent_status.exited_with(0)) << parent_status.describe();
     EXPECT_NE(daemon, parent.pid());
     ASSERT_TRUE(daemon_status.has_value()) << "the daemon did not end";
     EXPECT_TRUE(daemon_status->exited_with(0)) << daemon_status->describe();
+    EXPECT_TRUE(std::filesystem::is_directory(storage()));
     // Every line goes to the system log, none to standard error or output.
     EXPECT_EQ(parent.standard_error(), "");
     EXPECT_EQ(parent.standard_output(), "");
@@ -239,35 +232,49 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLog) {
         "SERVICE: [quillmarwriter] main thread [" + std::to_string(daemon) + "] ";
     ASSERT_TRUE(syslog.wait_for_record(main_thread + "stopped", TIMEOUT));
     const std::vector<std::string> records = syslog.records();
-    // The parent's start-up lines, then the daemon's, each from its own pid.
-    const std::vector<std::string> expected_in_order = {
-        from(parent.pid()) + "SYSTEM  | app_service.cpp:",
-        from(parent.pid()) + "SYSTEM  | app_service.cpp:",
-        from(parent.pid()) + "SYSTEM  | app_service.cpp:",
-        from(parent.pid()) + "SYSTEM  | service.cpp:",
-        from(parent.pid()) + "SYSTEM  | app_daemon.cpp:",
-        from(daemon) + "SYSTEM  | app_service.cpp:",
-        from(daemon) + "SYSTEM  | configuration.cpp:",
-        from(daemon) + "SYSTEM  | configuration.cpp:",
-        from(daemon) + "SYSTEM  | app_service.cpp:",
+    // SYSTEM is sent as LOG_USER with LOG_NOTICE: priority 13; INFO with LOG_INFO: 14.
+    struct Expected {
+        std::string priority;
+        std::string place;
+        std::string text;
     };
-    const std::vector<std::string> texts_in_order = {
-        "SERVICE:  pid file: " + pid_file.string() + "\n",
-        "SERVICE: exec path: " + std::string(QM_BINARY_PATH) + "\n",
-        "SERVICE: exec args: [--daemon] [--pid-file] [daemon.pid] [--config] [" + config + "]\n",
-        "build version: \"",
-        "DAEMON: starting application in daemon mode\n",
-        main_thread + "started\n",
-        "CONFIGURATION: reading from file [" + config + "]\n",
-        "CONFIGURATION: option [port] is set to [5000]\n",
-        main_thread + "stopped\n",
+    const auto parent_system = [&](const std::string& file, const std::string& text) {
+        return Expected{"<13>", from(parent.pid()) + "SYSTEM  | " + file + ":", text};
+    };
+    const auto daemon_system = [&](const std::string& file, const std::string& text) {
+        return Expected{"<13>", from(daemon) + "SYSTEM  | " + file + ":", text};
+    };
+    // The parent's start-up lines, then the daemon's, each from its own pid.
+    const std::vector<Expected> expected_in_order = {
+        parent_system("app_service.cpp", "SERVICE:  pid file: " + pid_file.string() + "\n"),
+        parent_system("app_service.cpp",
+                      "SERVICE: exec path: " + std::string(QM_BINARY_PATH) + "\n"),
+        parent_system("app_service.cpp",
+                      "SERVICE: exec args: [--daemon] [--pid-file] "
+                      "[daemon.pid] [--config] [" +
+                          config + "]\n"),
+        parent_system("service.cpp", "build version: \""),
+        parent_system("app_daemon.cpp", "DAEMON: starting application in daemon mode\n"),
+        daemon_system("app_service.cpp", main_thread + "started\n"),
+        daemon_system("configuration.cpp", "CONFIGURATION: reading from file [" + config + "]\n"),
+        daemon_system("configuration.cpp",
+                      "CONFIGURATION: option [port] is set to [" + std::to_string(chosen) + "]\n"),
+        daemon_system("configuration.cpp",
+                      "CONFIGURATION: option [storage] is set to [" + storage().string() + "]\n"),
+        daemon_system("media_packet_reader.cpp", "] started\n"),
+        daemon_system("app_service.cpp", "SERVICE: signal 15 has been received\n"),
+        daemon_system("app_service.cpp", "SERVICE: application stop has been requested\n"),
+        Expected{"<14>",
+                 from(daemon) + "INFO    | net_socket.cpp:", "]: system interrupted call\n"},
+        daemon_system("media_packet_reader.cpp",
+                      "PACKETS_READER: thread [" + std::to_string(daemon) + "] stopped\n"),
+        daemon_system("app_service.cpp", main_thread + "stopped\n"),
     };
     ASSERT_EQ(records.size(), expected_in_order.size());
     for (std::size_t i = 0; i < records.size(); ++i) {
-        // SYSTEM is sent as LOG_USER with LOG_NOTICE: priority 13.
-        EXPECT_EQ(records[i].rfind("<13>", 0), 0u) << records[i];
-        EXPECT_NE(records[i].find(expected_in_order[i]), std::string::npos) << records[i];
-        EXPECT_NE(records[i].find(texts_in_order[i]), std::string::npos) << records[i];
+        EXPECT_EQ(records[i].rfind(expected_in_order[i].priority, 0), 0u) << records[i];
+        EXPECT_NE(records[i].find(expected_in_order[i].place), std::string::npos) << records[i];
+        EXPECT_NE(records[i].find(expected_in_order[i].text), std::string::npos) << records[i];
     }
 }
 

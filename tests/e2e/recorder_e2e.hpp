@@ -1,0 +1,173 @@
+#pragma once
+
+// The fixture of the end-to-end suites: it starts the real recorder binary (QM_BINARY_PATH) with
+// its standard streams captured in a temporary directory, knows when the recorder is receiving,
+// stops it with a signal and cuts its log lines into their columns. Every process a test starts
+// is killed and reaped at the end of the test at the latest.
+//
+// Threads: used from the test's own thread only.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "child_process.hpp"
+#include "poll.hpp"
+#include "temp_directory.hpp"
+#include "udp_loopback.hpp"
+
+namespace qm::test {
+
+inline constexpr std::chrono::milliseconds TIMEOUT{10000};
+
+// The part of the recorder's start-up that the tests wait for: the packet reader's thread starts
+// after the socket is bound and the signal handlers are installed.
+inline const std::string RECEIVING = "PACKETS_READER: thread [";
+
+// A whole standard-error line: time, level, place, text.
+inline std::regex line_pattern(const std::string& level_column, const std::string& file,
+                               const std::string& text_pattern) {
+    return std::regex(R"(^\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.\d{6} \| )" + level_column +
+                      R"( \| )" + file + R"(:\d+ \| )" + text_pattern + "$");
+}
+
+// Escapes the characters that have a meaning in a regular expression.
+inline std::string literal(const std::string& text) {
+    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+    return std::regex_replace(text, special, R"(\$&)");
+}
+
+// One standard-error line cut into its columns; the level without its padding, the file without
+// the line number.
+struct LogLine {
+    std::string level;
+    std::string file;
+    std::string text;
+};
+
+// The lines that have the logger's format, in order; other output is skipped.
+inline std::vector<LogLine> log_lines(const ChildProcess& process) {
+    static const std::regex columns(
+        R"(^\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.\d{6} \| ([A-Z]+) +\| ([^ :]+):\d+ \| (.*)$)");
+    std::vector<LogLine> lines;
+    for (const std::string& line : process.error_lines()) {
+        std::smatch match;
+        if (std::regex_match(line, match, columns)) {
+            lines.push_back({match[1], match[2], match[3]});
+        }
+    }
+    return lines;
+}
+
+// The texts of the lines of one level from one source file, in order.
+inline std::vector<std::string> texts(const std::vector<LogLine>& lines, const std::string& level,
+                                      const std::string& file) {
+    std::vector<std::string> selected;
+    for (const LogLine& line : lines) {
+        if (line.level == level && line.file == file) {
+            selected.push_back(line.text);
+        }
+    }
+    return selected;
+}
+
+// The index of the first line whose text is exactly `text`, or -1.
+inline long text_index(const std::vector<LogLine>& lines, const std::string& text) {
+    const auto found = std::find_if(lines.begin(), lines.end(),
+                                    [&](const LogLine& line) { return line.text == text; });
+    return found == lines.end() ? -1 : found - lines.begin();
+}
+
+// The index of the first standard-error line that contains `fragment`, or -1.
+inline long line_index(const std::vector<std::string>& lines, const std::string& fragment) {
+    const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.find(fragment) != std::string::npos;
+    });
+    return found == lines.end() ? -1 : found - lines.begin();
+}
+
+inline bool has_line(const std::vector<std::string>& lines, const std::regex& pattern) {
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return std::regex_match(line, pattern); });
+}
+
+class RecorderE2eTest : public ::testing::Test {
+protected:
+    // Starts the binary with its output in a directory of its own under the test's directory.
+    ChildProcess& start(std::vector<std::string> args, const std::string& working_directory = {}) {
+        const std::filesystem::path output =
+            directory.path() / ("run" + std::to_string(m_processes.size()));
+        std::filesystem::create_directory(output);
+        ProcessOptions options;
+        options.args = std::move(args);
+        options.working_directory = working_directory;
+        m_processes.push_back(std::make_unique<ChildProcess>(QM_BINARY_PATH, options, output));
+        return *m_processes.back();
+    }
+
+    // Starts the recorder with a configuration file that sets `storage` (in the test's directory)
+    // and `port` (free a moment ago; kept in `port`), followed by `settings` ("key = value" lines),
+    // and waits until it receives.
+    ChildProcess& start_recorder(const std::string& settings = {}) {
+        const std::uint16_t chosen = pick_port();
+        const std::string config =
+            directory.write_file("writer" + std::to_string(m_processes.size()) + ".conf",
+                                 "storage = " + storage().string() +
+                                     "\nport = " + std::to_string(chosen) + "\n" + settings);
+        ChildProcess& process = start({"--config", config});
+        EXPECT_TRUE(wait_receiving(process)) << process.standard_error();
+        return process;
+    }
+
+    // "--args" assignments that give the recorder its storage and a free port (kept in `port`).
+    std::string storage_and_port() {
+        const std::uint16_t chosen = pick_port();
+        return "storage=" + storage().string() + ",port=" + std::to_string(chosen);
+    }
+
+    // A port that was free a moment ago; the recorder started next listens on it.
+    std::uint16_t pick_port() {
+        port = free_udp_port();
+        EXPECT_NE(port, 0) << "no free UDP port";
+        return port;
+    }
+
+    static bool wait_receiving(const ChildProcess& process) {
+        return process.wait_for_line(RECEIVING, TIMEOUT);
+    }
+
+    static ExitStatus finish(ChildProcess& process) {
+        const std::optional<ExitStatus> status = process.wait_exit(TIMEOUT);
+        EXPECT_TRUE(status.has_value()) << "the process did not end";
+        return status.value_or(ExitStatus{});
+    }
+
+    static ExitStatus stop(ChildProcess& process, int signal = SIGTERM) {
+        EXPECT_TRUE(process.send_signal(signal));
+        return finish(process);
+    }
+
+    // Sends one datagram to the last recorder started.
+    void send(const std::vector<std::uint8_t>& datagram) const {
+        EXPECT_TRUE(send_udp(port, datagram));
+    }
+
+    std::filesystem::path storage() const { return directory.path() / "storage"; }
+
+    TempDirectory directory;
+    std::uint16_t port = 0;
+
+private:
+    std::vector<std::unique_ptr<ChildProcess>> m_processes;
+};
+
+}  // namespace qm::test

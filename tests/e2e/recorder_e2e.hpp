@@ -49,6 +49,8 @@ inline std::string literal(const std::string& text) {
 // One standard-error line cut into its columns; the level without its padding, the file without
 // the line number.
 struct LogLine {
+    // Microseconds since the local midnight of the line's day.
+    std::int64_t time_us = 0;
     std::string level;
     std::string file;
     std::string text;
@@ -57,12 +59,15 @@ struct LogLine {
 // The lines that have the logger's format, in order; other output is skipped.
 inline std::vector<LogLine> log_lines(const ChildProcess& process) {
     static const std::regex columns(
-        R"(^\d{4}\.\d{2}\.\d{2} \d{2}:\d{2}:\d{2}\.\d{6} \| ([A-Z]+) +\| ([^ :]+):\d+ \| (.*)$)");
+        R"(^\d{4}\.\d{2}\.\d{2} (\d{2}):(\d{2}):(\d{2})\.(\d{6}) \| ([A-Z]+) +\| ([^ :]+):\d+ \| (.*)$)");
     std::vector<LogLine> lines;
     for (const std::string& line : process.error_lines()) {
         std::smatch match;
         if (std::regex_match(line, match, columns)) {
-            lines.push_back({match[1], match[2], match[3]});
+            const std::int64_t seconds =
+                (std::stoll(match[1]) * 60 + std::stoll(match[2])) * 60 + std::stoll(match[3]);
+            lines.push_back(
+                {seconds * 1000000 + std::stoll(match[4]), match[5], match[6], match[7]});
         }
     }
     return lines;

@@ -76,6 +76,8 @@ std::string leg_uuid_text(int leg) {
 // Sends call legs from one socket to 127.0.0.1:`port`: leg n (from 0) has the id n + 1 and a uuid
 // whose last two bytes are n, and consists of a start packet, DATA_PER_LEG data packets with the
 // sequence numbers 1, 2, ... on side 0 and a terminate packet. `pace` runs after every packet.
+// Threads: created by the test's thread, used by one sender thread; the test reads the counts
+// after joining it.
 class LegSender {
 public:
     explicit LegSender(std::uint16_t port) {

@@ -93,7 +93,9 @@ std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {
     }
     QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to read a data, " << error);
     close();
-    std::exit(-1);
+    // _Exit rather than exit: the packet reader's thread is still running, and static
+    // destructors (the packet-buffer pool among them) must not be torn down underneath it.
+    std::_Exit(-1);
 }
 
 std::int64_t Socket::read(ReadBuffer& buffer) {

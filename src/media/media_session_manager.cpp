@@ -201,33 +201,50 @@ Session* SessionManager::create_session(const StartPacket& packet, int& result) 
 }
 
 void SessionManager::insert_session(Session* session, StartPacket& packet) {
-    append_to_activity(session);
-    rc_ptr<Session>& entry = m_sessions[session->id];
-    entry = session;
-    update_session_count();
-    on_session_created(entry, packet);
+    rc_ptr<Session> created(session);
+    if (!link_session(created)) {
+        ++statistic().session_allocation_errors;
+        QM_LOG_ERROR("SESSION_MANAGER: Session " << utils::str::print_uuid(packet.header.uuid)
+                                                 << " allocation failed");
+        return;
+    }
+    on_session_created(std::move(created), packet);
 }
 
 Session* SessionManager::setup_zombie(const PacketHeader& header) {
-    Session* zombie = nullptr;
+    rc_ptr<Session> zombie;
     try {
         zombie = new Session(Session::ZOMBIE, header, now_us());
     } catch (const std::bad_alloc&) {
+        // Reported below, like a failure to link it.
+    }
+    if (!zombie || !link_session(zombie)) {
         ++statistic().session_allocation_errors;
         QM_LOG_ERROR("SESSION_MANAGER: Zombie session " << utils::str::print_uuid(header.uuid)
                                                         << " allocation failed");
         return nullptr;
     }
-    append_to_activity(zombie);
-    m_sessions[zombie->id] = zombie;
-    update_session_count();
     ++statistic().session_zombie;
-    return zombie;
+    return zombie.get();
 }
 
-void SessionManager::append_to_activity(Session* session) {
-    m_activity.emplace_back(session);
+bool SessionManager::link_session(const rc_ptr<Session>& session) {
+    // The list and the table allocate a node per session; running out of memory here must not
+    // escape into the reader thread, and must leave neither a half-linked session nor a leak.
+    try {
+        m_activity.push_back(session);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
     session->activity_position = std::prev(m_activity.end());
+    try {
+        m_sessions[session->id] = session;
+    } catch (const std::bad_alloc&) {
+        m_activity.pop_back();
+        return false;
+    }
+    update_session_count();
+    return true;
 }
 
 void SessionManager::erase_session(SessionTable::const_iterator position) {

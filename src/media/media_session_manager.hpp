@@ -121,7 +121,9 @@ private:
     bool accept_sequence(Session& session, const DataPacket& packet);
     // Activity on the sender's media clock, anchored to the local clock at creation.
     void touch(Session& session, std::uint64_t mt);
-    void append_to_activity(Session* session);
+    // Appends the session to the activity list and enters it in the table; false (and nothing
+    // linked) when either runs out of memory.
+    bool link_session(const rc_ptr<Session>& session);
     void update_session_count();
 
     SteadyClock m_clock;

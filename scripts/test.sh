@@ -38,5 +38,6 @@ configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_B
 ./scripts/fuzz.sh build-fuzz "$fuzz_seconds"
 
 echo "== optimised build: all tests"
-configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none -DQM_BUILD_TESTS=ON \
+    -DQM_BUILD_BENCHMARKS=ON
 ctest --test-dir build --output-on-failure

@@ -1,7 +1,8 @@
 #include "log_capture.hpp"
 
 #include <sstream>
-#include <thread>
+
+#include "poll.hpp"
 
 namespace qm::test {
 
@@ -85,14 +86,7 @@ bool LogCapture::contains(const std::string& fragment) const {
 }
 
 bool LogCapture::wait_for(const std::string& fragment, std::chrono::milliseconds timeout) const {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!contains(fragment)) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return poll_until([&] { return contains(fragment); }, timeout);
 }
 
 void LogCapture::clear() {

@@ -153,27 +153,29 @@ void expect_about_one_second(Clock::duration interval) {
     EXPECT_LT(interval, milliseconds(1500));
 }
 
-TEST_F(QueueReaderTest, PlainReaderTicksOncePerSecondOnAnEmptyQueue) {
-    Probe probe;
-    PlainReader<16, ONE_SECOND> reader(probe);
+// Starts `reader` on an empty queue and expects its first two empty-value ticks about one second
+// after the start and after each other.
+template <typename Reader>
+void expect_two_ticks_one_second_apart(Reader& reader, const Probe& probe) {
     const auto started = Clock::now();
     ASSERT_EQ(reader.start(), 0);
     ASSERT_TRUE(test::poll_until([&] { return probe.ticks().size() >= 2; }, DEADLINE));
     const std::vector<Clock::time_point> ticks = probe.ticks();
     expect_about_one_second(ticks[0] - started);
     expect_about_one_second(ticks[1] - ticks[0]);
+}
+
+TEST_F(QueueReaderTest, PlainReaderTicksOncePerSecondOnAnEmptyQueue) {
+    Probe probe;
+    PlainReader<16, ONE_SECOND> reader(probe);
+    expect_two_ticks_one_second_apart(reader, probe);
     EXPECT_TRUE(probe.values().empty());
 }
 
 TEST_F(QueueReaderTest, IdleReaderTicksOncePerSecondWhenItsHookHasNoWork) {
     Probe probe;
     IdleReader<ONE_SECOND> reader(probe, false);
-    const auto started = Clock::now();
-    ASSERT_EQ(reader.start(), 0);
-    ASSERT_TRUE(test::poll_until([&] { return probe.ticks().size() >= 2; }, DEADLINE));
-    const std::vector<Clock::time_point> ticks = probe.ticks();
-    expect_about_one_second(ticks[0] - started);
-    expect_about_one_second(ticks[1] - ticks[0]);
+    expect_two_ticks_one_second_apart(reader, probe);
 }
 
 TEST_F(QueueReaderTest, IdleReaderWhoseHookWorksNeverSleepsAndCountsEveryPassTwice) {

@@ -1,5 +1,7 @@
 #include "core/thread.hpp"
 
+#include <signal.h>
+
 #include <cerrno>
 
 namespace qm {
@@ -15,7 +17,13 @@ int Thread::start() {
     }
     // Relaxed: pthread_create orders this store before everything the new thread does.
     m_running.store(true, std::memory_order_relaxed);
+    // A new thread inherits its creator's mask, so it is created while every signal is blocked.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
     const int result = pthread_create(&m_handle, nullptr, &Thread::entry, this);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     if (result != 0) {
         m_running.store(false, std::memory_order_relaxed);
         return result;

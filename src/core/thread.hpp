@@ -9,6 +9,10 @@ namespace qm {
 // Base of every worker thread: one POSIX thread that runs the virtual `run` while the running
 // flag is set. A subclass's `run` checks `is_running()` and returns once it is cleared.
 //
+// Every thread starts with all signals blocked, whoever starts it: the kernel then delivers the
+// process's signals to the main thread, whose receive loop waits for them (see ServiceBase), and
+// no signal handler ever runs on a worker.
+//
 // Threads: the owning thread (the one that constructs the object) calls `start`, `stop` and the
 // destructor; the worker thread only reads the running flag. `stop` must be called before the
 // subclass is destroyed, because `run` uses the subclass's members.
@@ -25,7 +29,8 @@ public:
     // The thread body, run on the new thread.
     virtual void run() = 0;
 
-    // Sets the running flag and creates the thread with default attributes. Returns the result of
+    // Sets the running flag and creates the thread with default attributes and every signal
+    // blocked; the caller's own signal mask is left as it was. Returns the result of
     // pthread_create (0 on success; the flag is cleared again on failure), or EBUSY when a thread
     // was started and not yet stopped.
     virtual int start();

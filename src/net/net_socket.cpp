@@ -1,6 +1,7 @@
 #include "net/net_socket.hpp"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -88,7 +89,7 @@ std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {
     }
     const SystemError error{errno};
     if (error.code == EINTR) {
-        QM_LOG_INFO("SOCKET[" << m_fd << "]: system interrupted call");
+        log_interrupted();
         return 0;
     }
     QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to read a data, " << error);
@@ -96,6 +97,25 @@ std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {
     // _Exit rather than exit: the packet reader's thread is still running, and static
     // destructors (the packet-buffer pool among them) must not be torn down underneath it.
     std::_Exit(-1);
+}
+
+Socket::Wake Socket::wait(int doorbell) {
+    pollfd watched[] = {{m_fd, POLLIN, 0}, {doorbell, POLLIN, 0}};
+    const nfds_t count = doorbell >= 0 ? 2 : 1;
+    if (::poll(watched, count, -1) < 0) {
+        const SystemError error{errno};
+        if (error.code == EINTR) {
+            return Wake::DOORBELL;
+        }
+        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to wait for a data, " << error);
+        return Wake::DATAGRAM;
+    }
+    // Any event on the socket, an error included, is for `read` to take.
+    return watched[0].revents != 0 ? Wake::DATAGRAM : Wake::DOORBELL;
+}
+
+void Socket::log_interrupted() const {
+    QM_LOG_INFO("SOCKET[" << m_fd << "]: system interrupted call");
 }
 
 std::int64_t Socket::read(ReadBuffer& buffer) {
@@ -132,7 +152,8 @@ void Socket::close() {
 
 std::string get_host_name() {
     char name[HOST_NAME_BUFFER_SIZE] = {};
-    if (::gethostname(name, sizeof(name) - 1) != 0) {
+    // The whole buffer: a name of 64 characters needs all 65 bytes with its terminating zero.
+    if (::gethostname(name, sizeof(name)) != 0) {
         return {};
     }
     return name;

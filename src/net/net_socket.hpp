@@ -5,9 +5,11 @@
 // its destructor.
 //
 // Threads: a socket is created, used and destroyed by one thread at a time (the receiving socket
-// by the main thread only), so its descriptor is a plain field. A signal delivered to that thread
-// while it blocks in `read` interrupts the call (the service installs its handlers without
-// SA_RESTART): `read` then returns 0 and the caller looks at its stop flag.
+// by the main thread only), so its descriptor is a plain field. The receive loop first `wait`s for
+// a datagram or for the service's signal doorbell, then `read`s the datagram with one recv. A
+// signal delivered to that thread while it blocks interrupts the call (the service installs its
+// handlers without SA_RESTART): `wait` then reports the doorbell, `read` returns 0, and the caller
+// looks at its stop flag.
 //
 // Failures are logged and reported by the results, except a read error other than an
 // interruption, which ends the process with exit(-1): the recorder cannot go on without its only
@@ -44,6 +46,19 @@ public:
     // when a descriptor is already held; a failed bind keeps its descriptor, so the next call
     // returns true.
     bool open(std::int32_t port, std::uint32_t address);
+
+    // What ended a `wait`.
+    enum class Wake { DATAGRAM, DOORBELL };
+
+    // Blocks until a datagram (or a pending socket error) waits to be read, so that the next
+    // `read` returns at once, or until `doorbell` is readable or a signal interrupts the wait
+    // (DOORBELL). A datagram wins when both are ready. A failing poll is logged and reported as
+    // DATAGRAM: the blocking `read` that follows still ends on a signal. `doorbell` -1 waits for
+    // the socket alone.
+    Wake wait(int doorbell);
+
+    // Logs, at INFO, that a signal cut a wait or a read short.
+    void log_interrupted() const;
 
     // Blocks until one datagram arrives and copies at most `capacity` bytes of it (the system
     // cuts a longer datagram). Returns its length, or 0 when a signal interrupted the call.

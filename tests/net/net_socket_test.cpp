@@ -5,8 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +26,7 @@
 #include "log/logger.hpp"
 #include "log/stdlog.hpp"
 #include "log_capture.hpp"
+#include "poll.hpp"
 #include "udp_loopback.hpp"
 
 namespace qm::net {
@@ -176,6 +180,99 @@ TEST_F(LoopbackTest, SignalInterruptsABlockedReadWhichReturnsZero) {
                 ::testing::ElementsAre(::testing::StartsWith("INFO    | net_socket.cpp:")));
 }
 
+// An eventfd standing in for the service's signal doorbell.
+class Doorbell {
+public:
+    Doorbell() : m_fd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    ~Doorbell() { ::close(m_fd); }
+    Doorbell(const Doorbell&) = delete;
+    Doorbell& operator=(const Doorbell&) = delete;
+
+    void ring() const {
+        const std::uint64_t one = 1;
+        EXPECT_EQ(::write(m_fd, &one, sizeof one), static_cast<ssize_t>(sizeof one));
+    }
+    int fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+TEST_F(LoopbackTest, WaitReportsAWaitingDatagramAndReadTakesIt) {
+    test::LogCapture capture;
+    const Doorbell doorbell;
+    const std::vector<std::uint8_t> sent = pattern(40);
+    send(sent);
+
+    EXPECT_EQ(m_receiver.wait(doorbell.fd()), Socket::Wake::DATAGRAM);
+    EXPECT_EQ(m_receiver.wait(-1), Socket::Wake::DATAGRAM);  // waiting does not take it
+    std::vector<std::uint8_t> received(Socket::READ_BUFFER_CAPACITY);
+    ASSERT_EQ(m_receiver.read(received.data(), received.size()), 40);
+    received.resize(40);
+    EXPECT_EQ(received, sent);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+// A doorbell rung before the wait begins ends it at once: a stop that lands between the loop's
+// look at its flag and its wait is not left waiting for a datagram.
+TEST_F(LoopbackTest, WaitEndsAtOnceWhenTheDoorbellWasRungBefore) {
+    test::LogCapture capture;
+    const Doorbell doorbell;
+    doorbell.ring();
+
+    EXPECT_EQ(m_receiver.wait(doorbell.fd()), Socket::Wake::DOORBELL);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+TEST_F(LoopbackTest, DatagramWinsWhenTheDoorbellRangToo) {
+    const Doorbell doorbell;
+    doorbell.ring();
+    send(pattern(40));
+    ASSERT_TRUE(test::poll_until([&] { return m_receiver.wait(-1) == Socket::Wake::DATAGRAM; },
+                                 std::chrono::milliseconds(5000)));
+
+    EXPECT_EQ(m_receiver.wait(doorbell.fd()), Socket::Wake::DATAGRAM);
+}
+
+TEST_F(LoopbackTest, SignalInterruptsABlockedWait) {
+    test::LogCapture capture;
+    const InterruptingHandler handler;
+    const Doorbell doorbell;
+    // Release by the waiter, acquire by the test: publishes `wake` before the join does.
+    std::atomic<bool> done{false};
+    Socket::Wake wake = Socket::Wake::DATAGRAM;
+    std::thread waiter([&] {
+        wake = m_receiver.wait(doorbell.fd());
+        done.store(true, std::memory_order_release);
+    });
+
+    const bool interrupted = test::poll_until(
+        [&] {
+            ::pthread_kill(waiter.native_handle(), SIGUSR1);
+            return done.load(std::memory_order_acquire);
+        },
+        std::chrono::milliseconds(10000), std::chrono::milliseconds(20));
+    if (!interrupted) {
+        send(pattern(40));  // release the waiter so that the failure is reported, not a hang
+    }
+    waiter.join();
+
+    EXPECT_TRUE(interrupted);
+    EXPECT_EQ(wake, Socket::Wake::DOORBELL);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+TEST_F(LoopbackTest, InterruptionIsLoggedAtInfo) {
+    test::LogCapture capture;
+
+    m_receiver.log_interrupted();
+
+    EXPECT_THAT(capture.lines(),
+                ::testing::ElementsAre(::testing::StartsWith("INFO    | net_socket.cpp:")));
+    EXPECT_THAT(capture.texts(),
+                ::testing::ElementsAre(fd_prefix(m_receiver) + "system interrupted call"));
+}
+
 TEST(SocketTest, BindToAPortInUseFailsButKeepsTheDescriptor) {
     const std::uint16_t port = free_udp_port();
     Socket first;
@@ -312,9 +409,35 @@ TEST(SocketDeathTest, ReadErrorEndsTheProcess) {
 
 TEST(HostTest, HostNameIsTheSystemHostName) {
     char expected[65] = {};
-    ASSERT_EQ(::gethostname(expected, sizeof(expected) - 1), 0);
+    ASSERT_EQ(::gethostname(expected, sizeof(expected)), 0);
     EXPECT_EQ(get_host_name(), std::string(expected));
     EXPECT_FALSE(get_host_name().empty());
+}
+
+// Exit statuses of the child of HostNameOfTheLongestLength.
+constexpr int NAME_MATCHES = 0;
+constexpr int NAME_DIFFERS = 1;
+constexpr int NO_NAMESPACE = 2;
+
+// The longest name Linux allows (64 characters), set in a UTS namespace of a child process so
+// that the machine's own name is not touched.
+TEST(HostTest, HostNameOfTheLongestLength) {
+    const std::string name(64, 'q');
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::unshare(CLONE_NEWUTS) != 0 || ::sethostname(name.data(), name.size()) != 0) {
+            ::_exit(NO_NAMESPACE);
+        }
+        ::_exit(get_host_name() == name ? NAME_MATCHES : NAME_DIFFERS);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == NO_NAMESPACE) {
+        GTEST_SKIP() << "no privilege to set a host name in a UTS namespace";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), NAME_MATCHES);
 }
 
 TEST(HostTest, HostIpFallsBackForAnyAndBroadcast) {

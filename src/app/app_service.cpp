@@ -1,9 +1,12 @@
 #include "app/app_service.hpp"
 
+#include <sys/eventfd.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <string_view>
 
@@ -18,7 +21,9 @@ namespace {
 
 // The handler can only touch lock-free atomics.
 static_assert(std::atomic<std::int32_t>::is_always_lock_free);
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 static_assert(std::atomic<bool>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free);
 
 struct OptionEntry {
     std::string_view name;
@@ -56,6 +61,77 @@ struct sigaction signalling;
 
 // The signals whose handler is installed, in installation order.
 constexpr int SUBSCRIBED_SIGNALS[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2};
+
+bool is_stop_signal(int signal) {
+    return signal == SIGINT || signal == SIGQUIT || signal == SIGTERM;
+}
+
+// How many times each signal has been received and not yet logged, by signal number. Counting
+// rather than queueing loses nothing, however many signals arrive between two safe points, and
+// needs no slot that a nested handler could race for. Relaxed: a count publishes no other data.
+std::array<std::atomic<std::uint32_t>, NSIG> pending_signals;
+
+// The eventfd the handler rings; -1 until the first subscription. Relaxed: it is written once,
+// before any handler is installed, and the descriptor carries no data with it.
+std::atomic<int> doorbell{-1};
+
+void ring_doorbell() {
+    const int fd = doorbell.load(std::memory_order_relaxed);
+    if (fd >= 0) {
+        const std::uint64_t one = 1;
+        // Non-blocking: a counter that cannot grow is rung already.
+        [[maybe_unused]] const ssize_t written = ::write(fd, &one, sizeof one);
+    }
+}
+
+void empty_doorbell() {
+    const int fd = doorbell.load(std::memory_order_relaxed);
+    if (fd >= 0) {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const ssize_t read = ::read(fd, &count, sizeof count);
+    }
+}
+
+// The lines that the arrival of one `signal` stands for.
+void log_signal(int signal) {
+    QM_LOG_SYSTEM("SERVICE: signal " << signal << " has been received");
+    switch (signal) {
+        case SIGHUP:
+            QM_LOG_SYSTEM("SERVICE: update has been requested");
+            break;
+        case SIGINT:
+        case SIGQUIT:
+        case SIGTERM:
+            QM_LOG_SYSTEM("SERVICE: application stop has been requested");
+            break;
+        case SIGUSR1:
+            QM_LOG_SYSTEM("SERVICE: user action #1 has been requested");
+            break;
+        case SIGUSR2:
+            QM_LOG_SYSTEM("SERVICE: user action #2 has been requested");
+            break;
+        case SIGPIPE:
+            QM_LOG_WARNING("SERVICE: signal SIGPIPE has been ignored");
+            break;
+        default:
+            break;
+    }
+}
+
+// Logs every pending arrival of the signals for which `select` holds, in signal-number order.
+template <typename Select>
+void log_pending(Select select) {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (!select(signal)) {
+            continue;
+        }
+        const std::uint32_t count =
+            pending_signals[signal].exchange(0, std::memory_order_relaxed);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            log_signal(signal);
+        }
+    }
+}
 
 // Clears a flag before the handlers that set it are installed; the fence keeps the clearing
 // ahead of the installation.
@@ -97,9 +173,12 @@ int ServiceBase::start(int argc, char** argv) {
     const pid_t thread_id = ::gettid();
     QM_LOG_SYSTEM("SERVICE: [" << service_name << "] main thread [" << thread_id << "] started");
     int status = STATUS_FAILURE;
-    if (do_start()) {
+    const bool loaded = do_start();
+    log_pending_signals();
+    if (loaded) {
         status = on_start() ? STATUS_OK : STATUS_FAILURE;
     }
+    log_pending_signals();
     QM_LOG_SYSTEM("SERVICE: [" << service_name << "] main thread [" << thread_id << "] stopped");
     on_logger_close();
 
@@ -258,10 +337,17 @@ void ServiceBase::signals_subscribe() {
     clear_flag(m_signal_update);
     clear_flag(m_signal_user1);
     clear_flag(m_signal_user2);
+    for (std::atomic<std::uint32_t>& count : pending_signals) {
+        count.store(0, std::memory_order_relaxed);
+    }
+    if (doorbell.load(std::memory_order_relaxed) < 0) {
+        doorbell.store(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), std::memory_order_relaxed);
+    }
+    empty_doorbell();
     ::signal(SIGPIPE, SIG_IGN);
     std::memset(&signalling, 0, sizeof signalling);
     signalling.sa_sigaction = &signals_handler;
-    signalling.sa_flags = SA_SIGINFO;  // and no SA_RESTART: a stop must interrupt `recv`
+    signalling.sa_flags = SA_SIGINFO;  // and no SA_RESTART: a signal must interrupt blocking calls
     sigemptyset(&signalling.sa_mask);
     for (const int signal : SUBSCRIBED_SIGNALS) {
         ::sigaction(signal, &signalling, nullptr);
@@ -269,32 +355,41 @@ void ServiceBase::signals_subscribe() {
 }
 
 void ServiceBase::signals_handler(int signal, siginfo_t*, void*) {
-    QM_LOG_SYSTEM("SERVICE: signal " << signal << " has been received");
+    const int saved_errno = errno;
+    if (signal > 0 && signal < NSIG) {
+        pending_signals[signal].fetch_add(1, std::memory_order_relaxed);
+    }
     switch (signal) {
         case SIGHUP:
-            QM_LOG_SYSTEM("SERVICE: update has been requested");
             m_signal_update.store(true, std::memory_order_relaxed);
             break;
         case SIGINT:
         case SIGQUIT:
         case SIGTERM:
-            QM_LOG_SYSTEM("SERVICE: application stop has been requested");
             m_signal_stop.store(1, std::memory_order_relaxed);
             break;
         case SIGUSR1:
-            QM_LOG_SYSTEM("SERVICE: user action #1 has been requested");
             m_signal_user1.store(true, std::memory_order_relaxed);
             break;
         case SIGUSR2:
-            QM_LOG_SYSTEM("SERVICE: user action #2 has been requested");
             m_signal_user2.store(true, std::memory_order_relaxed);
-            break;
-        case SIGPIPE:
-            QM_LOG_WARNING("SERVICE: signal SIGPIPE has been ignored");
             break;
         default:
             break;
     }
+    ring_doorbell();
+    errno = saved_errno;
+}
+
+void ServiceBase::log_pending_signals() {
+    empty_doorbell();
+    // The stop lines come last: they announce what the service does next.
+    log_pending([](int signal) { return !is_stop_signal(signal); });
+    log_pending(is_stop_signal);
+}
+
+int ServiceBase::signal_doorbell() {
+    return doorbell.load(std::memory_order_relaxed);
 }
 
 }  // namespace qm::app

@@ -18,6 +18,19 @@ namespace qm::app {
 // fields are written only there. The static signal flags are the exception: the signal handler
 // writes them on whichever thread receives a signal, the main loop reads them.
 //
+// Signals. A handler may interrupt the main thread anywhere, also inside the logger while it holds
+// the system log's lock, the heap's or standard error's: a handler that logged itself could wait
+// for ever on a lock its own thread holds. So `signals_handler` is async-signal-safe and does
+// three things only: it counts the signal, sets the signal's flag (lock-free atomics) and rings
+// the doorbell, an eventfd, with write(2). Its lines ("SERVICE: signal N has been received" and
+// the request line) are logged later by the main thread, in `log_pending_signals`, at its safe
+// points: after start-up phases, after every wait of the receive loop, and before it stops. The
+// doorbell makes the wait for a datagram and the wait for a stop one wait: the receive loop polls
+// the socket and the doorbell together, so a stop that lands after the loop looked at its flag
+// and before it blocks still ends the wait at once. Every other thread runs with all signals
+// blocked (`qm::Thread` starts them so), so the kernel delivers the process's signals to the main
+// thread.
+//
 // REQUIRES: `start` is called once per process (a nested call returns 10 and does nothing).
 class ServiceBase {
 public:
@@ -62,11 +75,27 @@ public:
     // value goes in front of what is there.
     void push_config_args(const std::string& value, bool append);
 
-    // Clears the flags, ignores SIGPIPE and installs `signals_handler` for SIGINT, SIGQUIT,
-    // SIGTERM, SIGHUP, SIGUSR1 and SIGUSR2, without SA_RESTART, so that a stop signal interrupts
-    // the main thread's blocking receive.
+    // Clears the flags and the signals not yet logged, creates the doorbell (once per process),
+    // ignores SIGPIPE and installs `signals_handler` for SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1
+    // and SIGUSR2, without SA_RESTART, so that a signal also interrupts a blocking call.
     static void signals_subscribe();
+
+    // Runs in signal context: counts `signal`, sets its flag and rings the doorbell. It takes no
+    // lock, allocates nothing, calls nothing but write(2) and keeps errno as it found it.
     static void signals_handler(int signal, siginfo_t* info, void* context);
+
+    // Logs the lines of every signal received since the last call: "SERVICE: signal N has been
+    // received" and the request line of its kind, for each signal, stop signals last. Empties the
+    // doorbell first, so a signal that arrives meanwhile rings it again. Never call it from signal
+    // context.
+    static void log_pending_signals();
+
+    // A descriptor that becomes readable when a signal has arrived and stays so until
+    // `log_pending_signals` runs; -1 before the first `signals_subscribe`.
+    static int signal_doorbell();
+
+    // True once SIGINT, SIGQUIT or SIGTERM has been received.
+    static bool stop_requested() { return m_signal_stop.load(std::memory_order_relaxed) != 0; }
 
     // Set to 1 by SIGINT, SIGQUIT and SIGTERM; the main loop ends when it sees it. Relaxed: it is
     // a request, no data is published through it.

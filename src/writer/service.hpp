@@ -12,7 +12,7 @@ namespace qm::writer {
 //
 // Threads: created on the main thread; every hook runs there. Whatever `on_start` builds it owns
 // and destroys itself before it returns; the worker threads it starts are stopped and joined by
-// then, and they run with every signal blocked so that signals reach the main thread's read.
+// then, and they run with every signal blocked so that signals reach the main thread's wait.
 class Service : public app::Service<Configuration, false> {
 public:
     Service();

@@ -32,10 +32,15 @@ bool write_pid_file(const std::string& path) {
     return true;
 }
 
-// Failures are deliberately not checked: the daemon logs through the system log, and a missing
-// output file only loses what is written to the standard streams directly.
+// A failure is deliberately not reported: the daemon logs through the system log, and a missing
+// output file only loses what is written to the standard streams directly. But a failed reopen
+// leaves the stream's descriptor free, and the next file the process opens would take it: a
+// stray write to standard error would then land in that file, a recording perhaps. So the stream
+// falls back to /dev/null.
 void reopen(const char* path, const char* mode, std::FILE* stream) {
-    [[maybe_unused]] std::FILE* const reopened = std::freopen(path, mode, stream);
+    if (std::freopen(path, mode, stream) == nullptr) {
+        [[maybe_unused]] std::FILE* const discarding = std::freopen("/dev/null", mode, stream);
+    }
 }
 
 }  // namespace

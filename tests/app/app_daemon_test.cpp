@@ -1,5 +1,6 @@
 #include "app/app_daemon.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,15 +31,27 @@ void write_text(int fd, const std::string& text) {
     [[maybe_unused]] const ssize_t written = ::write(fd, text.data(), text.size());
 }
 
-// What the daemon reports about itself once the switch has returned.
+// Where one of the process's descriptors points, or "closed".
+std::string descriptor_target(int fd) {
+    std::error_code error;
+    const std::filesystem::path target =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+    return error ? "closed" : target.string();
+}
+
+// What the daemon reports about itself once the switch has returned: the descriptor that a file
+// opened next gets shows whether one of the standard ones was left free.
 std::string describe_daemon() {
     char cwd[4096] = {};
     const bool has_cwd = ::getcwd(cwd, sizeof cwd) != nullptr;
     char byte = 0;
+    const int next = ::open("/dev/zero", O_RDONLY);
     return std::string("R umask=") + std::to_string(::umask(0)) +
            " own-session=" + (::getsid(0) == ::getpid() ? "yes" : "no") +
            " stdin-empty=" + (::read(STDIN_FILENO, &byte, 1) == 0 ? "yes" : "no") +
-           " cwd=" + (has_cwd ? cwd : "?") + "\n";
+           " cwd=" + (has_cwd ? cwd : "?") + " out=" + descriptor_target(STDOUT_FILENO) +
+           " err=" + descriptor_target(STDERR_FILENO) + " next-fd-free=" +
+           (next > STDERR_FILENO ? "yes" : "no") + "\n";
 }
 
 // Runs the switch in a forked child (the daemon's parent-to-be), whose log goes through the
@@ -131,7 +144,8 @@ TEST_F(DaemonSwitchTest, ChildBecomesADetachedDaemonWithAPidFile) {
     EXPECT_EQ(read_file(pid_path), std::to_string(outcome.daemon_pid));
     // The parent's letter may come before or after the daemon's; the daemon's own letter comes
     // before its report.
-    const std::string report = "R umask=0 own-session=yes stdin-empty=yes cwd=" + work_path + "\n";
+    const std::string report = "R umask=0 own-session=yes stdin-empty=yes cwd=" + work_path +
+                               " out=" + log_path + " err=" + log_path + " next-fd-free=yes\n";
     const std::size_t report_at = outcome.events.find(report);
     ASSERT_NE(report_at, std::string::npos) << outcome.events;
     EXPECT_NE(outcome.events.substr(0, report_at).find('C'), std::string::npos) << outcome.events;
@@ -148,6 +162,25 @@ TEST_F(DaemonSwitchTest, ChildBecomesADetachedDaemonWithAPidFile) {
               std::string::npos)
         << parent_lines[0];
     EXPECT_EQ(parent_lines[1], "child start");
+}
+
+// A log file that cannot be opened must not leave descriptors 1 and 2 free for the next file the
+// daemon opens (a recording, say), where a stray write to standard error would land.
+TEST_F(DaemonSwitchTest, LogFileInAMissingDirectoryPointsOutputAndErrorAtDevNull) {
+    std::filesystem::create_directory(work_path);
+    DaemonModeArgs args = make_args();
+    args.log_file = (directory.path() / "missing" / "daemon.log").string();
+
+    const Outcome outcome = run(std::move(args));
+
+    EXPECT_TRUE(outcome.parent.exited_with(0)) << outcome.parent.describe();
+    EXPECT_TRUE(outcome.daemon.exited_with(0)) << outcome.daemon.describe();
+    EXPECT_NE(outcome.events.find("R umask=0 own-session=yes stdin-empty=yes cwd=" + work_path +
+                                  " out=/dev/null err=/dev/null next-fd-free=yes\n"),
+              std::string::npos)
+        << outcome.events;
+    EXPECT_FALSE(std::filesystem::exists(directory.path() / "missing"));
+    EXPECT_EQ(read_file(pid_path), std::to_string(outcome.daemon_pid));
 }
 
 TEST_F(DaemonSwitchTest, PidFileInAMissingDirectoryEndsTheChildWithOne) {

@@ -278,6 +278,34 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLogUntilStopped)
     }
 }
 
+// Where the daemon's standard output and error go: its "_daemon.log" file, or /dev/null when that
+// cannot be opened (its directory is missing on a machine without the package), never a free
+// descriptor that the next file opened would take.
+TEST_F(DaemonE2eTest, OutputAndErrorGoToTheDaemonLogOrToDevNull) {
+    const std::filesystem::path log_directory = "/var/log/varnholt/quillmar";
+    const std::string expected = std::filesystem::is_directory(log_directory)
+                                     ? (log_directory / "writer_daemon.log").string()
+                                     : "/dev/null";
+    const std::filesystem::path pid_file = directory.path() / "daemon.pid";
+    const std::string config = directory.write_file(
+        "writer.conf", "port = " + std::to_string(pick_port()) + "\nstorage = " + storage().string() + "\n");
+    ChildProcess& parent = start({"--daemon", "--pid-file", pid_file.string(), "--config", config});
+    ASSERT_TRUE(finish(parent).exited_with(0));
+    ASSERT_TRUE(poll_until([&] { return !read_file(pid_file).empty(); }, TIMEOUT)) << "no pid file";
+    const pid_t daemon = static_cast<pid_t>(std::stol(read_file(pid_file)));
+    ASSERT_TRUE(wait_daemon_receiving(daemon));
+
+    const std::string descriptors = "/proc/" + std::to_string(daemon) + "/fd/";
+    EXPECT_EQ(std::filesystem::read_symlink(descriptors + "0").string(), "/dev/null");
+    EXPECT_EQ(std::filesystem::read_symlink(descriptors + "1").string(), expected);
+    EXPECT_EQ(std::filesystem::read_symlink(descriptors + "2").string(), expected);
+
+    ASSERT_EQ(::kill(daemon, SIGTERM), 0);
+    const std::optional<ExitStatus> status = reaper.wait_for(daemon, TIMEOUT);
+    ASSERT_TRUE(status.has_value()) << "the daemon did not end";
+    EXPECT_TRUE(status->exited_with(0)) << status->describe();
+}
+
 TEST_F(DaemonE2eTest, PidFileInAMissingDirectoryEndsTheDaemonWithOne) {
     const std::string pid_file = (directory.path() / "missing" / "daemon.pid").string();
     ChildProcess& parent = start({"--daemon", "--pid-file", pid_file, "--config",

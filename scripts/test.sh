@@ -2,7 +2,8 @@
 # Installs what is missing, builds every configuration and runs every test:
 #   build-asan  GCC, AddressSanitizer + UndefinedBehaviorSanitizer: the unit suites
 #   build-tsan  Clang, ThreadSanitizer: the suites that run threads against each other
-#   build-fuzz  Clang, libFuzzer: the packet reader fed with arbitrary bytes for a bounded time
+#   build-fuzz  Clang, libFuzzer: the packet reader and the configuration parser fed with arbitrary
+#               bytes, each for a bounded time
 #   build       GCC, optimised, as shipped: every suite, the end-to-end tests and the load test
 # Warnings are errors in all four. The plain build runs last, so its ctest summary closes the log.
 set -euo pipefail
@@ -13,6 +14,7 @@ cd "$root"
 
 jobs=$(nproc)
 fuzz_seconds=${QM_FUZZ_SECONDS:-60}
+config_fuzz_seconds=${QM_CONFIG_FUZZ_SECONDS:-30}
 
 configure() {
     local dir=$1
@@ -35,7 +37,9 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 echo "== packet reader fuzzing (${fuzz_seconds} s)"
 configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQM_BUILD_TESTS=OFF -DQM_BUILD_BENCHMARKS=OFF
-./scripts/fuzz.sh build-fuzz "$fuzz_seconds"
+./scripts/fuzz.sh build-fuzz packet_reader "$fuzz_seconds"
+echo "== configuration parser fuzzing (${config_fuzz_seconds} s)"
+./scripts/fuzz.sh build-fuzz config_parser "$config_fuzz_seconds"
 
 echo "== optimised build: all tests"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none -DQM_BUILD_TESTS=ON \

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "core/rc_ptr.hpp"
+#include "media/session.hpp"
+
+// One block of media bytes bound for one session's file. Buffers live at the start of their own
+// slots in the media buffer pool's single block, their bytes right behind them; nothing else
+// creates or frees them.
+//
+// Threads: a buffer belongs to one thread at a time. Taken from the pool by the session thread,
+// which fills `size` bytes from `data` and sets `session`; handed to the media writer's queue,
+// from which the writer thread writes it and gives it back to the pool. The queue's hand-over
+// orders the writer's reads after the session thread's writes.
+
+namespace qm::writer {
+
+struct MediaBuffer {
+    // The first media byte, right behind this header. Set once by the pool.
+    std::uint8_t* data;
+    // Media bytes per buffer: the slot size minus the header. Set once by the pool.
+    std::uint64_t capacity;
+    // Media bytes filled from `data`; back to 0 on every release.
+    std::uint64_t size;
+    // The session whose file the bytes belong to; kept after a release until the buffer is filled
+    // again.
+    rc_ptr<media::Session> session;
+};
+
+// The header in front of every media part (the counted reference takes 16 bytes), part of the
+// pool's size arithmetic: slot = media part + 40, rounded up to 128.
+inline constexpr std::uint64_t MEDIA_BUFFER_HEADER_SIZE = 40;
+static_assert(sizeof(MediaBuffer) == MEDIA_BUFFER_HEADER_SIZE);
+
+}  // namespace qm::writer

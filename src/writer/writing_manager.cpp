@@ -1,0 +1,201 @@
+#include "writer/writing_manager.hpp"
+
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "io/io_session_path.hpp"
+#include "io/quillmar_format.hpp"
+#include "log/logger.hpp"
+#include "utils/str.hpp"
+
+namespace qm::writer {
+namespace {
+
+// The top two bits of the start packet's first feature-flag byte: either one records the leg.
+constexpr std::uint8_t RECORDING_FLAGS = 0xC0;
+
+// The uuid's raw bytes up to the first zero byte, as the messages about declined legs show them.
+std::string raw_uuid(const media::PacketHeader& header) {
+    const auto* bytes = reinterpret_cast<const char*>(header.uuid);
+    return std::string(bytes, ::strnlen(bytes, sizeof header.uuid));
+}
+
+std::string uuid_text(const media::Session& session) {
+    return utils::str::print_uuid(session.uuid.data());
+}
+
+unsigned long or_default(std::uint64_t configured, unsigned long fallback) {
+    return configured == 0 ? fallback : static_cast<unsigned long>(configured);
+}
+
+// Appends `size` bytes at the end of the buffer's filled part.
+// REQUIRES: they fit.
+void append(MediaBuffer& buffer, const void* bytes, std::uint64_t size) {
+    std::memcpy(buffer.data + buffer.size, bytes, size);
+    buffer.size += size;
+}
+
+std::uint64_t free_space(const MediaBuffer& buffer) {
+    return buffer.capacity - buffer.size;
+}
+
+}  // namespace
+
+WritingManager::WritingManager(rc_ptr<Configuration> configuration,
+                               WritingManagerStatistic& statistic,
+                               MediaBufferPoolStatistic& pool_statistic,
+                               MediaWriterStatistic& writer_statistic, SteadyClock clock)
+    : SessionManager(&statistic, clock),
+      m_configuration(std::move(configuration)),
+      m_pool(or_default(m_configuration->media_buffers_count, DEFAULT_BUFFERS_COUNT),
+             or_default(m_configuration->media_buffer_size, DEFAULT_BUFFER_SIZE), pool_statistic),
+      m_writer(m_configuration, m_pool, writer_statistic) {}
+
+WritingManager::~WritingManager() {
+    m_writer.stop();
+}
+
+int WritingManager::start() {
+    return m_writer.start();
+}
+
+int WritingManager::stop() {
+    return m_writer.stop();
+}
+
+WritingManagerStatistic& WritingManager::statistic() {
+    // The base was built on a WritingManagerStatistic.
+    return static_cast<WritingManagerStatistic&>(SessionManager::statistic());
+}
+
+// The session is allocated before its buffer is taken: a buffer, once acquired, can only go back
+// to the pool through the media writer, so a failed allocation must not strand one.
+media::Session* WritingManager::create_session(const media::StartPacket& packet, int& result) {
+    if ((packet.ft[0] & RECORDING_FLAGS) == 0) {
+        QM_LOG_WARNING("WRITING_MANAGER: " << raw_uuid(packet.header)
+                                           << ": recording is off for the session");
+        result = 1;
+        return nullptr;
+    }
+    WritingSession* session = nullptr;
+    try {
+        io::Uuid uuid;
+        std::memcpy(uuid.data(), packet.header.uuid, uuid.size());
+        session = new WritingSession(
+            packet, now_us(), m_configuration->storage + "/" + io::session_path(packet.ts, uuid));
+    } catch (const std::bad_alloc&) {
+        result = 0;
+        return nullptr;
+    }
+    session->buffer = m_pool.acquire();
+    if (session->buffer == nullptr) {
+        delete session;
+        QM_LOG_ERROR("WRITING_MANAGER: " << raw_uuid(packet.header)
+                                         << ": failed to acquire a buffer for session start");
+        result = 2;
+        return nullptr;
+    }
+    return session;
+}
+
+void WritingManager::on_session_created(rc_ptr<media::Session> session,
+                                        media::StartPacket& packet) {
+    MediaBuffer& buffer = *static_cast<WritingSession&>(*session).buffer;
+    const io::QuillmarStreamHeader stream{io::QUILLMAR_MAGIC, io::MEDIA_FORMAT};
+    io::SessionHeader header{packet.ts, packet.sync_ts, packet.sync_mt, {}};
+    std::memcpy(header.uuid, packet.header.uuid, sizeof header.uuid);
+    // A buffer fresh from the pool always has room for the file header.
+    append(buffer, &stream, sizeof stream);
+    append(buffer, &header, sizeof header);
+}
+
+void WritingManager::on_session_media(rc_ptr<media::Session> session, media::DataPacket& packet) {
+    auto& recording = static_cast<WritingSession&>(*session);
+    const std::uint64_t bytes = packet.payload_size();
+    const std::uint64_t need = bytes + io::FRAME_HEADER_SIZE;
+    statistic().session_media_received_bytes += bytes;
+    if (recording.buffer == nullptr) {
+        recording.buffer = m_pool.acquire();
+        if (recording.buffer == nullptr) {
+            drop(bytes);
+            QM_LOG_ERROR("WRITING_MANAGER: " << uuid_text(recording)
+                                             << ": failed to acquire a buffer for  media");
+            return;
+        }
+    }
+    if (need > free_space(*recording.buffer) &&
+        !replace_full_buffer(session, recording, need, bytes)) {
+        return;
+    }
+    const io::SessionStreamFrame frame{
+        packet.header.side(), 0, packet.num, packet.off,
+        static_cast<std::uint32_t>(packet.header.mt - recording.sync_mt)};
+    append(*recording.buffer, &frame, sizeof frame);
+    append(*recording.buffer, packet.payload(), bytes);
+    statistic().session_media_buffered_bytes += bytes;
+}
+
+bool WritingManager::replace_full_buffer(const rc_ptr<media::Session>& session,
+                                         WritingSession& recording, std::uint64_t need,
+                                         std::uint64_t bytes) {
+    MediaBuffer* full = recording.buffer;
+    full->session = session;
+    if (!m_writer.push(full)) {
+        // The frames already buffered stay with the session and go with a later push.
+        drop(bytes);
+        QM_LOG_ERROR("WRITING_MANAGER: " << uuid_text(recording)
+                                         << ": MAGIC! failed to enqueue buffer for a writing");
+        return false;
+    }
+    recording.buffer = m_pool.acquire();
+    if (recording.buffer == nullptr) {
+        drop(bytes);
+        QM_LOG_ERROR("WRITING_MANAGER: "
+                     << uuid_text(recording)
+                     << ": failed to acquire a buffer for media after pushing the previous one");
+        return false;
+    }
+    if (need > free_space(*recording.buffer)) {
+        drop(bytes);
+        QM_LOG_ERROR("WRITING_MANAGER: " << uuid_text(recording) << ": MAGIC! not enough space ("
+                                         << need << ") in empty buffer of ("
+                                         << recording.buffer->capacity << ") capacity");
+        return false;
+    }
+    return true;
+}
+
+void WritingManager::on_session_terminated(rc_ptr<media::Session> session,
+                                           media::TerminatePacket&) {
+    on_session_completed(session);
+}
+
+void WritingManager::on_session_timedout(rc_ptr<media::Session> session) {
+    on_session_completed(session);
+}
+
+void WritingManager::on_session_completed(rc_ptr<media::Session>& session) {
+    auto& recording = static_cast<WritingSession&>(*session);
+    MediaBuffer* last = recording.buffer;
+    recording.buffer = nullptr;
+    // A session whose last acquire failed has nothing left to hand over.
+    if (last == nullptr) {
+        return;
+    }
+    last->session = session;
+    if (!m_writer.push(last)) {
+        QM_LOG_ERROR("WRITING_MANAGER: " << uuid_text(recording)
+                                         << ": MAGIC! failed to enqueue buffer for a term writing");
+        // Not handed back: only the writer thread may release to the pool. The writer's leak
+        // check at stop reports the missing buffer.
+        last->size = 0;
+        last->session = nullptr;
+    }
+}
+
+void WritingManager::drop(std::uint64_t bytes) {
+    statistic().session_media_dropped_bytes += bytes;
+}
+
+}  // namespace qm::writer

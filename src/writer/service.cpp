@@ -3,21 +3,30 @@
 #include <netinet/in.h>
 
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 #include "build_version.hpp"
 #include "conf/configuration.hpp"
 #include "log/logger.hpp"
 #include "media/media_packet_reader.hpp"
-#include "media/media_session_manager.hpp"
 #include "net/net_socket.hpp"
 #include "utils/path.hpp"
 #include "writer/receive_loop.hpp"
+#include "writer/writing_manager.hpp"
 
 namespace qm::writer {
 namespace {
 
 constexpr mode_t STORAGE_MODE = 0755;
+
+// Every statistic record of the recording pipeline.
+struct PipelineStatistics {
+    media::PacketReaderStatistic reader{};
+    WritingManagerStatistic sessions{};
+    MediaBufferPoolStatistic pool{};
+    MediaWriterStatistic writer{};
+};
 
 }  // namespace
 
@@ -60,26 +69,43 @@ bool Service::on_start() {
         socket.close();
         return false;
     }
+    const bool recorded = record(socket, *read_buffer);
+    socket.close();
+    return recorded;
+}
 
+bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) {
     // The records outlive the components that count into them.
-    media::PacketReaderStatistic reader_statistic{};
-    media::SessionManagerStatistic session_statistic{};
-    auto sessions = std::make_unique<media::SessionManager>(&session_statistic);
-    auto reader = std::make_unique<media::PacketReader>(&reader_statistic, *sessions);
+    PipelineStatistics statistics;
+    std::unique_ptr<WritingManager> writing;
+    try {
+        writing = std::make_unique<WritingManager>(configuration, statistics.sessions,
+                                                   statistics.pool, statistics.writer);
+    } catch (const std::bad_alloc&) {
+        QM_LOG_ERROR("SERVICE: failed to allocate the media buffers");
+        return false;
+    }
+    const int writing_started = writing->start();
+    if (writing_started != 0) {
+        QM_LOG_ERROR("SERVICE: failed to start writing manager, error: " << writing_started);
+        return false;
+    }
+    auto reader = std::make_unique<media::PacketReader>(&statistics.reader, *writing);
     const int started = reader->start();
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start packets reader, error: " << started);
     } else {
-        receive_until_stopped(socket, *read_buffer,
+        receive_until_stopped(socket, read_buffer,
                               [&reader](const std::uint8_t* data, std::uint64_t length) {
                                   reader->read_from(data, length);
                               });
     }
-
+    // The reader goes first, so that nothing reaches the writing manager while the media writer
+    // drains what the sessions handed it.
     reader->stop();
     reader.reset();
-    sessions.reset();
-    socket.close();
+    writing->stop();
+    writing.reset();
     return started == 0;
 }
 

@@ -1,14 +1,15 @@
 #pragma once
 
 #include "app/configured_service.hpp"
+#include "net/net_socket.hpp"
 #include "writer/configuration.hpp"
 
 namespace qm::writer {
 
 // The recorder: the frame loads its configuration from /etc/varnholt/quillmar/writer.conf (or
 // "--config") and the "--args" assignments; `on_start` then builds the pipeline (UDP socket,
-// packet reader, session table), reads datagrams on the main thread until a stop signal and takes
-// the pipeline down again. Supports daemon mode. `main` owns the one object on its stack.
+// writing manager with its media writer, packet reader), reads datagrams on the main thread until
+// a stop signal and takes the pipeline down again. Supports daemon mode. `main` owns the one object on its stack.
 //
 // Threads: created on the main thread; every hook runs there. Whatever `on_start` builds it owns
 // and destroys itself before it returns; the worker threads it starts are stopped and joined by
@@ -25,6 +26,12 @@ protected:
     // configured log level is SYSTEM; nothing catches that, so the process aborts.
     // REQUIRES: the configuration is loaded (`do_start` succeeded).
     bool on_start() override;
+
+private:
+    // Builds the writing manager and the packet reader behind the open `socket`, receives until a
+    // stop, and takes them down in reverse: the media writer drains before this returns. False
+    // when a part could not be built or started.
+    bool record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer);
 };
 
 }  // namespace qm::writer

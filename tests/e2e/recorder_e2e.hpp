@@ -14,9 +14,11 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -105,18 +107,58 @@ inline bool has_line(const std::vector<std::string>& lines, const std::regex& pa
                        [&](const std::string& line) { return std::regex_match(line, pattern); });
 }
 
+// The receive queue of one UDP socket as the kernel reports it in /proc/net/udp.
+struct UdpQueue {
+    std::uint64_t queued_bytes = 0;
+    // Datagrams discarded because the receive buffer was full.
+    std::uint64_t drops = 0;
+};
+
+// The queue of the socket bound to `port` on any address; nothing when there is none.
+inline std::optional<UdpQueue> udp_queue(std::uint16_t port) {
+    std::ifstream table("/proc/net/udp");
+    std::string line;
+    std::getline(table, line);  // the column titles
+    while (std::getline(table, line)) {
+        // "sl local_address rem_address st tx_queue:rx_queue ... drops", numbers in hexadecimal
+        // except the drops.
+        std::istringstream fields(line);
+        std::string slot, local, remote, state, queues, field;
+        fields >> slot >> local >> remote >> state >> queues;
+        const std::size_t colon = local.find(':');
+        if (colon == std::string::npos || local.substr(0, colon) != "00000000" ||
+            std::stoul(local.substr(colon + 1), nullptr, 16) != port) {
+            continue;
+        }
+        UdpQueue queue;
+        queue.queued_bytes = std::stoull(queues.substr(queues.find(':') + 1), nullptr, 16);
+        while (fields >> field) {
+            queue.drops = std::stoull(field);
+        }
+        return queue;
+    }
+    return std::nullopt;
+}
+
 class RecorderE2eTest : public ::testing::Test {
 protected:
     // Starts the binary with its output in a directory of its own under the test's directory.
     ChildProcess& start(std::vector<std::string> args, const std::string& working_directory = {}) {
-        const std::filesystem::path output =
-            directory.path() / ("run" + std::to_string(m_processes.size()));
-        std::filesystem::create_directory(output);
-        ProcessOptions options;
-        options.args = std::move(args);
-        options.working_directory = working_directory;
-        m_processes.push_back(std::make_unique<ChildProcess>(QM_BINARY_PATH, options, output));
-        return *m_processes.back();
+        return start_program(QM_BINARY_PATH, std::move(args), working_directory);
+    }
+
+    // Starts the binary as the unprivileged user nobody, for what root would be allowed anyway.
+    // The test's directory is opened to that user.
+    ChildProcess& start_unprivileged(std::vector<std::string> args) {
+        std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all |
+                                                           std::filesystem::perms::group_read |
+                                                           std::filesystem::perms::group_exec |
+                                                           std::filesystem::perms::others_read |
+                                                           std::filesystem::perms::others_exec);
+        std::vector<std::string> command = {"--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                                            QM_BINARY_PATH};
+        command.insert(command.end(), args.begin(), args.end());
+        return start_program("/usr/bin/setpriv", std::move(command), {});
     }
 
     // Starts the recorder with a configuration file that sets `storage` (in the test's directory)
@@ -172,6 +214,18 @@ protected:
     std::uint16_t port = 0;
 
 private:
+    ChildProcess& start_program(const std::string& binary, std::vector<std::string> args,
+                                const std::string& working_directory) {
+        const std::filesystem::path output =
+            directory.path() / ("run" + std::to_string(m_processes.size()));
+        std::filesystem::create_directory(output);
+        ProcessOptions options;
+        options.args = std::move(args);
+        options.working_directory = working_directory;
+        m_processes.push_back(std::make_unique<ChildProcess>(binary, options, output));
+        return *m_processes.back();
+    }
+
     std::vector<std::unique_ptr<ChildProcess>> m_processes;
 };
 

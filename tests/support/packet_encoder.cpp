@@ -81,6 +81,30 @@ Datagram encode_terminate(const TerminateFields& fields) {
     return finish(header(fields.header, TERMINATE_TYPE), fields.header);
 }
 
+Datagram encode_file_header(const StartFields& start) {
+    Datagram out = {0x51, 0x4D, 0x00, 0x46};  // "QM", a zero byte, "F"
+    put(out, 0, 4);                            // the media format
+    put(out, start.ts, 8);
+    put(out, start.sync_ts, 8);
+    put(out, start.sync_mt, 8);
+    put(out, start.header.uuid);
+    return out;
+}
+
+Datagram encode_frame(const DataFields& data, std::uint64_t sync_mt) {
+    const std::uint16_t num = data.num.value_or(static_cast<std::uint16_t>(data.payload.size()));
+    Datagram out;
+    put(out, data.header.flags & 1u, 1);
+    put(out, 0, 1);
+    put(out, num, 2);
+    put(out, data.off, 4);
+    put(out, (data.header.mt - sync_mt) & 0xFFFFFFFFu, 4);
+    for (std::uint16_t unit : data.payload) {
+        put(out, unit, 2);
+    }
+    return out;
+}
+
 PacketBytes::PacketBytes(const Datagram& datagram) {
     std::copy_n(datagram.begin(), std::min(datagram.size(), m_bytes.size()), m_bytes.begin());
 }

@@ -77,6 +77,12 @@ Datagram encode_data(const DataFields& fields = {});
 Datagram encode_control(const ControlFields& fields = {});
 Datagram encode_terminate(const TerminateFields& fields = {});
 
+// What a recording holds for a leg, spelled from the packets' fields as the encoders above spell
+// datagrams, independently of the recorder's writer: the 48-byte file header made of the start
+// packet's fields, and the frame of one data packet (12 bytes of header, then its payload).
+Datagram encode_file_header(const StartFields& start);
+Datagram encode_frame(const DataFields& data, std::uint64_t sync_mt);
+
 // A datagram copied into a zero-filled, 8-byte aligned buffer of the largest datagram's size, as a
 // pooled packet buffer holds it, so that a test can read it through a packet record in place.
 // Bytes beyond 1376 are cut off.

@@ -16,6 +16,13 @@ sockaddr_in loopback(std::uint16_t port) {
     return address;
 }
 
+bool send_to(int socket, std::uint16_t port, const void* data, std::size_t size) {
+    const sockaddr_in address = loopback(port);
+    const ssize_t sent = ::sendto(socket, data, size, 0,
+                                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return sent >= 0 && static_cast<std::size_t>(sent) == size;
+}
+
 }  // namespace
 
 std::uint16_t free_udp_port() {
@@ -33,15 +40,26 @@ std::uint16_t free_udp_port() {
 
 bool send_udp(std::uint16_t port, const void* data, std::size_t size) {
     const int sender = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    const ssize_t sent = ::sendto(sender, data, size, 0,
-                                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const bool sent = send_to(sender, port, data, size);
     ::close(sender);
-    return sent >= 0 && static_cast<std::size_t>(sent) == size;
+    return sent;
 }
 
 bool send_udp(std::uint16_t port, const std::vector<std::uint8_t>& bytes) {
     return send_udp(port, bytes.data(), bytes.size());
+}
+
+UdpSender::UdpSender(std::uint16_t port)
+    : m_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_port(port) {}
+
+UdpSender::~UdpSender() {
+    ::close(m_socket);
+}
+
+bool UdpSender::send(const std::vector<std::uint8_t>& bytes) {
+    const bool sent = send_to(m_socket, m_port, bytes.data(), bytes.size());
+    ++(sent ? m_sent : m_failed);
+    return sent;
 }
 
 }  // namespace qm::test

@@ -16,4 +16,27 @@ std::uint16_t free_udp_port();
 bool send_udp(std::uint16_t port, const void* data, std::size_t size);
 bool send_udp(std::uint16_t port, const std::vector<std::uint8_t>& bytes);
 
+// One socket that sends datagrams to 127.0.0.1:`port`, for tests that send many. Threads: used
+// by one thread at a time.
+class UdpSender {
+public:
+    explicit UdpSender(std::uint16_t port);
+    ~UdpSender();
+
+    UdpSender(const UdpSender&) = delete;
+    UdpSender& operator=(const UdpSender&) = delete;
+
+    // False when the send failed or was cut short.
+    bool send(const std::vector<std::uint8_t>& bytes);
+
+    std::uint64_t sent() const { return m_sent; }
+    std::uint64_t failed() const { return m_failed; }
+
+private:
+    int m_socket;
+    std::uint16_t m_port;
+    std::uint64_t m_sent = 0;
+    std::uint64_t m_failed = 0;
+};
+
 }  // namespace qm::test

@@ -29,8 +29,10 @@ MediaBufferPool::MediaBufferPool(unsigned long count, unsigned long media_size,
                                  MediaBufferPoolStatistic& statistic)
     : StatisticContainer(&statistic) {
     // A pool without buffers, or one whose sizes overflow, cannot be laid out at all.
+    std::uint64_t slot_content = 0;
     if (count == 0 ||
-        !round_up(media_size + MEDIA_BUFFER_HEADER_SIZE, SLOT_ALIGNMENT, m_slot_size) ||
+        __builtin_add_overflow(media_size, MEDIA_BUFFER_HEADER_SIZE, &slot_content) ||
+        !round_up(slot_content, SLOT_ALIGNMENT, m_slot_size) ||
         __builtin_mul_overflow(m_slot_size, count, &m_block_size) ||
         __builtin_add_overflow(m_block_size, SLOT_ALIGNMENT, &m_block_size)) {
         throw std::bad_alloc();

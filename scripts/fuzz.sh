@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target for a bounded time.
 #   scripts/fuzz.sh <fuzz build dir> <target> [seconds] [extra libFuzzer options...]
-# Targets: packet_reader (arbitrary datagrams through the packet reader) and config_parser
-# (arbitrary text through the configuration's line and "--args" parsers).
+# Targets: packet_reader (arbitrary datagrams through the packet reader), config_parser
+# (arbitrary text through the configuration's line and "--args" parsers) and media_file
+# (arbitrary bytes through the media file reader).
 # The build dir must be configured with -DQM_SANITIZE=fuzzer and clang++ (scripts/test.sh does).
 # The corpus is kept in <dir>/fuzz-corpus/<target>, so a later run goes on where this one stopped;
 # it starts from the seeds (written by packet_seed_writer, or kept in fuzz/seeds/<target>). A
@@ -24,8 +25,8 @@ case "$target" in
         "$dir/fuzz/packet_seed_writer" "$seeds"
         max_len=1400
         ;;
-    config_parser)
-        cmake --build "$dir" --target config_parser_fuzzer
+    config_parser | media_file)
+        cmake --build "$dir" --target "${target}_fuzzer"
         seeds="$root/fuzz/seeds/$target"
         max_len=4096
         ;;

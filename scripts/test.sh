@@ -2,8 +2,8 @@
 # Installs what is missing, builds every configuration and runs every test:
 #   build-asan  GCC, AddressSanitizer + UndefinedBehaviorSanitizer: the unit suites
 #   build-tsan  Clang, ThreadSanitizer: the suites that run threads against each other
-#   build-fuzz  Clang, libFuzzer: the packet reader and the configuration parser fed with arbitrary
-#               bytes, each for a bounded time
+#   build-fuzz  Clang, libFuzzer: the packet reader, the configuration parser and the media file
+#               reader fed with arbitrary bytes, each for a bounded time
 #   build       GCC, optimised, as shipped: every suite, the end-to-end tests and the load test
 # Warnings are errors in all four. The plain build runs last, so its ctest summary closes the log.
 set -euo pipefail
@@ -15,6 +15,7 @@ cd "$root"
 jobs=$(nproc)
 fuzz_seconds=${QM_FUZZ_SECONDS:-60}
 config_fuzz_seconds=${QM_CONFIG_FUZZ_SECONDS:-30}
+media_fuzz_seconds=${QM_MEDIA_FUZZ_SECONDS:-30}
 
 configure() {
     local dir=$1
@@ -40,6 +41,8 @@ configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_B
 ./scripts/fuzz.sh build-fuzz packet_reader "$fuzz_seconds"
 echo "== configuration parser fuzzing (${config_fuzz_seconds} s)"
 ./scripts/fuzz.sh build-fuzz config_parser "$config_fuzz_seconds"
+echo "== media file reader fuzzing (${media_fuzz_seconds} s)"
+./scripts/fuzz.sh build-fuzz media_file "$media_fuzz_seconds"
 
 echo "== optimised build: all tests"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none -DQM_BUILD_TESTS=ON \

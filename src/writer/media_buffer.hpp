@@ -7,13 +7,18 @@
 #include "media/session.hpp"
 
 // One block of media bytes bound for one session's file. Buffers live at the start of their own
-// slots in the media buffer pool's single block, their bytes right behind them; nothing else
-// creates or frees them.
+// slots in the media buffer pool's single block, their bytes right behind them; only the pool
+// constructs and destroys them.
 //
-// Threads: a buffer belongs to one thread at a time. Taken from the pool by the session thread,
-// which fills `size` bytes from `data` and sets `session`; handed to the media writer's queue,
-// from which the writer thread writes it and gives it back to the pool. The queue's hand-over
-// orders the writer's reads after the session thread's writes.
+// Threads: a buffer belongs to one thread at a time, and the hand-overs between them are the
+// rings' release/acquire pairs, so no field needs an atomic.
+// - The pool, while no other thread uses it, sets `data` and `capacity` once, and `size` = 0,
+//   `session` = null.
+// - The session thread takes a buffer from the pool (acquire), writes media bytes from `data`,
+//   sets `size` and `session`, and pushes the buffer into the media writer's queue.
+// - The media writer thread takes it from that queue, reads `session` (path, flags) and the
+//   `size` bytes, then gives it back to the pool (release), which sets `size` to 0 on that thread.
+//   `session` stays as it is until the session thread fills the buffer again.
 
 namespace qm::writer {
 

@@ -1,6 +1,7 @@
 #include "writer/media_buffer_pool.hpp"
 
 #include <algorithm>
+#include <cassert>
 #include <new>
 
 #include "log/logger.hpp"
@@ -18,84 +19,108 @@ bool round_up(std::uint64_t value, std::uint64_t alignment, std::uint64_t& out) 
     return !__builtin_add_overflow(value, alignment - remainder, &out);
 }
 
-[[noreturn]] void fail(const char* message) {
-    QM_LOG_ERROR(message);
-    throw std::bad_alloc();
-}
-
 }  // namespace
 
 MediaBufferPool::MediaBufferPool(unsigned long count, unsigned long media_size,
                                  MediaBufferPoolStatistic& statistic)
-    : StatisticContainer(&statistic) {
-    // A pool without buffers, or one whose sizes overflow, cannot be laid out at all.
-    std::uint64_t slot_content = 0;
+    : MediaBufferPool(count, media_size, &statistic) {}
+
+MediaBufferPool::MediaBufferPool(unsigned long count, unsigned long media_size)
+    : MediaBufferPool(count, media_size, nullptr) {}
+
+// Every throw below leaves through the members: the block and the ring, if made, are freed by
+// their owners, and the headers placed so far hold no session yet, so there is nothing to drop.
+MediaBufferPool::MediaBufferPool(unsigned long count, unsigned long media_size,
+                                 MediaBufferPoolStatistic* statistic)
+    : StatisticContainer(statistic) {
+    // A pool without buffers, or sizes beyond the address space, are requests that no block can
+    // satisfy: they fail as a failed allocation does, and the caller reports it.
+    std::uint64_t header_and_media = 0;
     if (count == 0 ||
-        __builtin_add_overflow(media_size, MEDIA_BUFFER_HEADER_SIZE, &slot_content) ||
-        !round_up(slot_content, SLOT_ALIGNMENT, m_slot_size) ||
+        __builtin_add_overflow(media_size, MEDIA_BUFFER_HEADER_SIZE, &header_and_media) ||
+        !round_up(header_and_media, SLOT_ALIGNMENT, m_slot_size) ||
         __builtin_mul_overflow(m_slot_size, count, &m_block_size) ||
         __builtin_add_overflow(m_block_size, SLOT_ALIGNMENT, &m_block_size)) {
         throw std::bad_alloc();
     }
+    // Throws std::bad_alloc itself when the memory is not there.
     m_block.reset(new std::uint8_t[m_block_size]);
+
     const auto address = reinterpret_cast<std::uintptr_t>(m_block.get());
     std::uint64_t aligned = 0;
     if (!round_up(address, SLOT_ALIGNMENT, aligned) ||
         m_block_size < aligned - address + m_slot_size) {
-        fail("MEDIA_BUFFER_POOL: failed to align allocated memory");
+        QM_LOG_ERROR("MEDIA_BUFFER_POOL: failed to align allocated memory");
+        throw std::bad_alloc();
     }
-    // The spare bytes are there for the alignment gap; when the block comes aligned already and a
-    // slot is no larger than they are, they would hold one buffer more than was asked for.
-    const std::uint64_t usable =
-        std::min<std::uint64_t>(m_block_size - (aligned - address), m_slot_size * count);
+    const std::uint64_t gap = aligned - address;
+    // The 128 spare bytes are there for the alignment gap. Only a block that comes aligned
+    // already leaves them whole, and with the smallest slot (128 bytes) they would then hold one
+    // buffer more than was asked for; capped, the pool has `count` buffers wherever the block lies.
+    const std::uint64_t usable = std::min<std::uint64_t>(m_block_size - gap, m_slot_size * count);
     m_free = std::make_unique<FreeList>(usable / m_slot_size);
-    lay_out(m_block.get() + (aligned - address), usable);
-    QM_LOG_SYSTEM("MEDIA_BUFFER_POOL: allocated ("
-                  << count << ") buffers of (" << m_slot_size << ") bytes each including ("
-                  << m_slot_size - MEDIA_BUFFER_HEADER_SIZE << ") bytes of media part");
-    update_elements();
-}
 
-// The headers are destroyed as well as the memory they sit in, so that the sessions they still
-// name are released: a buffer keeps its session after a release until it is filled again.
-MediaBufferPool::~MediaBufferPool() {
-    for (std::uint64_t i = 0; i < m_laid_out; ++i) {
-        reinterpret_cast<MediaBuffer*>(m_first_slot + i * m_slot_size)->~MediaBuffer();
-    }
-}
-
-void MediaBufferPool::lay_out(std::uint8_t* first, std::uint64_t usable) {
-    m_first_slot = first;
-    for (std::uint8_t* slot = first; usable >= m_slot_size; slot += m_slot_size) {
+    m_first_slot = m_block.get() + gap;
+    std::uint8_t* slot = m_first_slot;
+    for (std::uint64_t remainder = usable; remainder >= m_slot_size; remainder -= m_slot_size) {
         if (m_free->size() == m_free->capacity()) {
-            fail("MEDIA_BUFFER_POOL: possibly buffers number calculation error, queue is full");
+            QM_LOG_ERROR(
+                "MEDIA_BUFFER_POOL: possibly buffers number calculation error, queue is full");
+            throw std::bad_alloc();
         }
         auto* buffer = new (slot) MediaBuffer{slot + MEDIA_BUFFER_HEADER_SIZE,
                                               m_slot_size - MEDIA_BUFFER_HEADER_SIZE, 0, nullptr};
-        ++m_laid_out;
+        // Cannot fail: the ring was found not full just above.
         static_cast<void>(m_free->push(buffer));
-        usable -= m_slot_size;
+        // Slots are multiples of 128 bytes, so the end of one is already the aligned start of
+        // the next.
+        slot += m_slot_size;
     }
     if (m_free->size() != m_free->capacity()) {
         QM_LOG_ERROR("MEDIA_BUFFER_POOL: buffers number inconsistency: created ("
                      << m_free->size() << "), calculated (" << m_free->capacity() << ")");
         throw std::bad_alloc();
     }
+
+    QM_LOG_SYSTEM("MEDIA_BUFFER_POOL: allocated ("
+                  << capacity() << ") buffers of (" << m_slot_size << ") bytes each including ("
+                  << m_slot_size - MEDIA_BUFFER_HEADER_SIZE << ") bytes of media part");
+    update_elements();
+}
+
+// Every header is destroyed before the block goes, and with it the session reference it holds.
+// A release leaves `session` in place (the next fill overwrites it), so after a normal stop the
+// buffers that carried the last bytes of ended legs still keep those sessions alive. Freeing the
+// block without destroying the headers would lose those counted references, and the sessions
+// (with their paths and call ids) would never be freed. Dropping them here is balanced: each
+// reference a header holds was taken when a session was stored into it, and only the next store
+// into the same header, or this, drops it. The headers of buffers still out of the pool are
+// destroyed too (a stale reference from an earlier fill is dropped all the same): their
+// memory goes with the block, and nobody may touch them after the pool. The free list needs no
+// draining first: it holds plain pointers, and its array is freed with it.
+MediaBufferPool::~MediaBufferPool() {
+    for (std::uint64_t i = 0; i < capacity(); ++i) {
+        std::launder(reinterpret_cast<MediaBuffer*>(m_first_slot + i * m_slot_size))
+            ->~MediaBuffer();
+    }
 }
 
 MediaBuffer* MediaBufferPool::acquire() {
     MediaBuffer* buffer = nullptr;
-    if (!m_free->try_pop(buffer) || buffer == nullptr) {
-        ++statistic().buffer_pool_acquire_errors;
+    // try_pop leaves a null pointer in the ring slot that it emptied.
+    if (m_free->try_pop(buffer) && buffer != nullptr) {
         update_elements();
-        return nullptr;
+        return buffer;
     }
+    ++statistic().buffer_pool_acquire_errors;
     update_elements();
-    return buffer;
+    return nullptr;
 }
 
 bool MediaBufferPool::release(MediaBuffer* buffer) {
+    assert(buffer != nullptr);
     buffer->size = 0;
+    // The push publishes the buffer, `size` included, to the session thread's next acquire.
     if (!m_free->push(buffer)) {
         ++statistic().buffer_pool_release_errors;
         QM_LOG_ERROR(

@@ -10,60 +10,81 @@
 
 // Owns every media buffer the recorder uses: one block allocated at construction and carved into
 // 128-byte aligned slots, each a MediaBuffer header followed by its media part. Nothing is
-// allocated afterwards. Free buffers wait in a lock-free single-producer/single-consumer ring.
+// allocated afterwards. Free buffers wait in a lock-free single-producer/single-consumer ring
+// whose capacity is the number of buffers, so the ring can always take back every buffer there is.
 //
-// Threads: built and destroyed by the writing manager's owner while no other thread uses it.
-// Exactly two threads use it meanwhile: the session thread only acquires (it consumes the free
-// list), the media writer thread only releases (it produces into it). The statistic counters are
-// read by the statistics thread at any time.
+// Invariant: every buffer is in exactly one place: the free list, the session thread (being
+// filled), or the media writer (queued, being written). Acquire takes from the ring's head,
+// release puts back at its tail, so buffers come out in the order in which they went back.
+//
+// Threads: built and destroyed while no other thread uses it (by the writing manager). In between
+// exactly two threads use it: the session thread only acquires (the ring's consumer), the media
+// writer thread only releases (the ring's producer). The ring's release/acquire pair hands each
+// buffer, with everything written to it, from one to the other; the pool adds no lock and no
+// atomic of its own. `capacity`, `free_count`, `slot_size` and `block_size` may be called from any
+// thread; `free_count` is then a snapshot. The statistic counters are read by the statistics thread
+// at any time.
 
 namespace qm::writer {
 
 class MediaBufferPool : public StatisticContainer<MediaBufferPoolStatistic> {
 public:
-    // Slots and the block start are aligned to this, so that no two buffers share a cache line.
+    // Slots and the block start are aligned to this, so that no two buffers share a cache line
+    // and each header starts on a line of its own.
     static constexpr std::uint64_t SLOT_ALIGNMENT = 128;
 
-    // `count` buffers with media parts of at least `media_size` bytes. Throws std::bad_alloc when
-    // the block cannot be allocated or laid out. REQUIRES: `statistic` outlives the pool.
+    // `count` buffers whose media parts hold `media_size` bytes, rounded up so that each slot
+    // (header and media part) is a multiple of 128 bytes. Logs the layout at SYSTEM level.
+    // Throws std::bad_alloc when the block cannot be allocated or laid out (logged where the
+    // layout check fails), and, without a log line, when `count` is 0 or the sizes overflow.
+    // REQUIRES: `statistic` outlives the pool.
     MediaBufferPool(unsigned long count, unsigned long media_size,
                     MediaBufferPoolStatistic& statistic);
-    // Frees the block. Buffers still out of the pool are not waited for.
-    ~MediaBufferPool();
+    // The same with a statistic record of the pool's own (tests and tools; read it through
+    // `statistic()`).
+    MediaBufferPool(unsigned long count, unsigned long media_size);
+    // Frees the block after destroying every header in it, which drops the session references
+    // the headers still hold. Buffers still out of the pool are not waited for and must not be
+    // used afterwards.
+    // REQUIRES: no other thread uses the pool any more.
+    ~MediaBufferPool() override;
 
     MediaBufferPool(const MediaBufferPool&) = delete;
     MediaBufferPool& operator=(const MediaBufferPool&) = delete;
 
     // A free buffer, or null when none is left (counted, not logged: the caller says what it
-    // lost). Its `size` is 0. REQUIRES: called only by the session thread.
+    // lost). Its `size` is 0 and its `session` whatever it was last filled for.
+    // REQUIRES: called only by the session thread.
     [[nodiscard]] MediaBuffer* acquire();
 
-    // Empties the buffer and puts it back; false (logged and counted) when the free list is full
-    // already, which only a broken accounting can cause. Leaves `session` as it is.
-    // REQUIRES: called only by the media writer thread.
+    // Sets `size` to 0 and puts the buffer back; false (logged and counted) when the free list is
+    // full already, which only a broken accounting can cause: the pool then does not hold the
+    // buffer. Leaves `session` as it is.
+    // REQUIRES: called only by the media writer thread; `buffer` is not null.
     bool release(MediaBuffer* buffer);
 
     // The number of buffers, which is the free list's capacity.
     std::uint64_t capacity() const { return m_free->capacity(); }
-    // Buffers in the free list now; from a thread other than the two users, a snapshot.
+    // Buffers in the free list now.
     std::uint64_t free_count() const { return m_free->size(); }
+    // Bytes per slot: the 40-byte header and the media part.
     std::uint64_t slot_size() const { return m_slot_size; }
+    // Bytes of the one allocation: every slot and 128 spare bytes for the alignment of its start.
+    std::uint64_t block_size() const { return m_block_size; }
 
 private:
     using FreeList = DynamicQueue<MediaBuffer*, false>;
 
-    // Places a header at every slot from `first` and fills the free list; throws std::bad_alloc
-    // when the count does not come out as calculated.
-    void lay_out(std::uint8_t* first, std::uint64_t usable);
+    MediaBufferPool(unsigned long count, unsigned long media_size,
+                    MediaBufferPoolStatistic* statistic);
     void update_elements();
 
-    std::uint64_t m_slot_size;
-    std::uint64_t m_block_size;
+    std::uint64_t m_slot_size = 0;
+    std::uint64_t m_block_size = 0;
     std::unique_ptr<std::uint8_t[]> m_block;
     std::unique_ptr<FreeList> m_free;
-    // Every header placed, for the destructor; the same order as the slots.
+    // The first slot; `capacity()` slots follow it back to back. For the destructor.
     std::uint8_t* m_first_slot = nullptr;
-    std::uint64_t m_laid_out = 0;
 };
 
 }  // namespace qm::writer

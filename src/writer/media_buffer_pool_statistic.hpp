@@ -2,9 +2,14 @@
 
 #include "core/statistic_counter.hpp"
 
-// The media buffer pool's counters. `buffer_pool_elements` is written by both the session thread
-// (acquire) and the writer thread (release), each storing what it sees, so a report may show a
-// value a moment old; the error counters each have one writer. The statistics thread reads them.
+// The media buffer pool's counters, read at any moment by the statistics thread.
+//
+// Threads: `buffer_pool_acquire_errors` is written only by the session thread (acquire),
+// `buffer_pool_release_errors` only by the media writer thread (release). `buffer_pool_elements`
+// is written by both, but only ever by a plain store of the free-list size that the writing
+// thread has just seen, never by a read-modify-write, so no update can be lost to the other
+// thread; a report may show a value a moment old. The counters are relaxed atomics: nothing else
+// is published through them.
 
 namespace qm::writer {
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <optional>
@@ -11,23 +12,35 @@
 namespace qm::io {
 namespace {
 
-// The bytes after the stream header: the session header, then the frames.
+// The bytes after the stream header, read once: the session header, then the frames. Owns them;
+// the channels of a derived stream hold references into them, so the stream never moves.
 class QuillmarSessionStreamBase : public QuillmarSessionStreamImpl {
 public:
     explicit QuillmarSessionStreamBase(std::istream& in)
         : m_bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()) {}
 
+    QuillmarSessionStreamBase(const QuillmarSessionStreamBase&) = delete;
+    QuillmarSessionStreamBase& operator=(const QuillmarSessionStreamBase&) = delete;
+
     std::uint32_t format() const override { return MEDIA_FORMAT; }
     const std::vector<std::uint8_t>& bytes() const { return m_bytes; }
 
 private:
-    std::vector<std::uint8_t> m_bytes;
+    const std::vector<std::uint8_t> m_bytes;
 };
 
-class MediaSessionStream;
-
-// One side's frames. A frame is found by its start; the walk from frame to frame steps by the
-// size each frame header claims, and every frame is bounds-checked before it is read.
+// One side's frames. A frame is known by the index of its first byte; the walk steps from frame
+// to frame by the size each header claims, and a frame is read only after the bytes it covers
+// have been checked to lie inside the data, so arbitrary bytes cannot make it read outside them.
+// Frame headers are copied out of the bytes, never read in place at an unaligned address.
+//
+// Where the data ends early:
+// - fewer bytes than the 40-byte session header: there are no frames, and nothing is logged;
+// - fewer bytes than a 12-byte frame header at the end: that is the end of the data, and nothing
+//   is logged, because the ERROR line names the frame's side, offset and size and a cut header
+//   need not hold them;
+// - a whole header whose samples run past the end: the ERROR line, logged by the channel of the
+//   frame's side when it reaches it; that channel ends, the other one is unaffected.
 class MediaSessionChannel : public MediaChannel {
 public:
     MediaSessionChannel(const std::vector<std::uint8_t>& bytes, std::uint16_t side)
@@ -41,7 +54,7 @@ public:
         if (!m_current) {
             return 0;
         }
-        const SessionStreamFrame header = frame_at(*m_current);
+        const SessionStreamFrame header = header_at(*m_current);
         frame.payload = m_bytes.data() + *m_current + FRAME_HEADER_SIZE;
         frame.num = header.num;
         frame.offset = header.off + m_offset_base;
@@ -52,27 +65,31 @@ public:
 
 private:
     static std::size_t frame_size(const SessionStreamFrame& header) {
-        return FRAME_HEADER_SIZE + 2u * header.num;
+        return FRAME_HEADER_SIZE + 2u * std::size_t{header.num};
     }
 
-    // REQUIRES: a whole frame header lies at `start`.
-    SessionStreamFrame frame_at(std::size_t start) const {
+    bool has_header_at(std::size_t start) const {
+        return start <= m_bytes.size() && m_bytes.size() - start >= FRAME_HEADER_SIZE;
+    }
+
+    // REQUIRES: has_header_at(start).
+    SessionStreamFrame header_at(std::size_t start) const {
         SessionStreamFrame header;
         std::memcpy(&header, m_bytes.data() + start, sizeof header);
         return header;
     }
 
-    bool has_header_at(std::size_t start) const {
-        return start < m_bytes.size() && m_bytes.size() - start >= FRAME_HEADER_SIZE;
-    }
+    bool is_mine(const SessionStreamFrame& header) const { return (header.side & 1u) == m_side; }
 
-    // The offset base is the largest `off` up to and including the channel's first frame.
+    // The offset base is the largest `off` of the frames up to and including this side's first
+    // frame, both sides counted; every frame of the side is delivered moved by it. With no frame
+    // of this side the channel starts at its end.
     void find_first() {
         std::size_t start = sizeof(SessionHeader);
         while (has_header_at(start)) {
-            const SessionStreamFrame header = frame_at(start);
-            m_offset_base = std::max(m_offset_base, header.off);
-            if ((header.side & 1u) == m_side) {
+            const SessionStreamFrame header = header_at(start);
+            m_offset_base = std::max<std::uint32_t>(m_offset_base, header.off);
+            if (is_mine(header)) {
                 m_current = validated(start, header);
                 return;
             }
@@ -83,8 +100,8 @@ private:
     // The first frame of this side at or after `start`, validated; none at the end.
     std::optional<std::size_t> next_of_side(std::size_t start) const {
         while (has_header_at(start)) {
-            const SessionStreamFrame header = frame_at(start);
-            if ((header.side & 1u) == m_side) {
+            const SessionStreamFrame header = header_at(start);
+            if (is_mine(header)) {
                 return validated(start, header);
             }
             start += frame_size(header);
@@ -92,48 +109,52 @@ private:
         return std::nullopt;
     }
 
-    // A frame whose payload runs past the data ends the channel. A header cut short by the end
-    // is no frame at all.
-    std::optional<std::size_t> validated(std::size_t start, const SessionStreamFrame& header) const {
-        if (m_bytes.size() - start < frame_size(header)) {
-            QM_LOG_ERROR("MEDIA_CHANNEL" << ": frame [" << m_side << "/" << header.off << "]"
-                                         << ": possible data corruption: inconsistent frame size ("
-                                         << frame_size(header) << ")");
-            return std::nullopt;
+    // `start` when the frame's samples lie inside the data; otherwise the ERROR line and none.
+    // REQUIRES: has_header_at(start).
+    std::optional<std::size_t> validated(std::size_t start,
+                                         const SessionStreamFrame& header) const {
+        if (m_bytes.size() - start >= frame_size(header)) {
+            return start;
         }
-        return start;
+        const std::uint32_t off = header.off;
+        QM_LOG_ERROR("MEDIA_CHANNEL"
+                     << ": frame [" << m_side << "/" << off << "]"
+                     << ": possible data corruption: inconsistent frame size ("
+                     << frame_size(header) << ")");
+        return std::nullopt;
     }
 
     const std::vector<std::uint8_t>& m_bytes;
+    // The start of the frame the next `read` delivers; none once the channel has ended.
     std::optional<std::size_t> m_current;
     std::uint32_t m_offset_base = 0;
-    std::uint16_t m_side;
+    const std::uint16_t m_side;
 };
 
+// The media format: the stream's bytes and its two channels, side 0 then side 1.
 class MediaSessionStream : public QuillmarSessionStreamBase {
 public:
     explicit MediaSessionStream(std::istream& in)
         : QuillmarSessionStreamBase(in), m_channels{{{bytes(), 0}, {bytes(), 1}}} {}
 
-    std::vector<MediaChannel*> streams() const override {
-        return {&m_channels[0], &m_channels[1]};
-    }
+    std::vector<MediaChannel*> streams() const override { return {&m_channels[0], &m_channels[1]}; }
 
 private:
+    // Handing out a channel is a const query, reading it is not.
     mutable std::array<MediaSessionChannel, 2> m_channels;
 };
 
-}  // namespace
-
-DummySessionStream& DummySessionStream::instance() {
-    static DummySessionStream* const dummy = new DummySessionStream();
-    return *dummy;
+QuillmarSessionStreamImpl* open_stream(const QuillmarStreamHeader& header, std::istream& in) {
+    if (header.format != MEDIA_FORMAT) {
+        return &DummySessionStream::instance();
+    }
+    return new MediaSessionStream(in);
 }
 
+}  // namespace
+
 QuillmarSessionStream::QuillmarSessionStream(const QuillmarStreamHeader& header, std::istream& in)
-    : m_impl(header.format == MEDIA_FORMAT
-                 ? static_cast<QuillmarSessionStreamImpl*>(new MediaSessionStream(in))
-                 : &DummySessionStream::instance()) {}
+    : m_impl(open_stream(header, in)) {}
 
 void QuillmarSessionStream::Deleter::operator()(QuillmarSessionStreamImpl* impl) const {
     if (impl != &DummySessionStream::instance()) {

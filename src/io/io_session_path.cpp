@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <cstddef>
+#include <limits>
 #include <string_view>
 
 #include "log/logger.hpp"
@@ -10,36 +12,54 @@
 namespace qm::io {
 namespace {
 
-// The three time levels, built once from their pieces.
+constexpr std::uint64_t MICROSECONDS_PER_SECOND = 1000000;
+
+// The day, hour and minute directories in one format string, built once, so that one strftime
+// call renders all three from the same broken-down time.
 const std::string TIME_PATH_FORMAT = std::string("%Y-%m-%d") + "/" + "%H" + "/" + "%M";
 constexpr std::string_view TIME_PATH_FALLBACK = "0000-00-00/00/00";
+// Room for any year a 32-bit `tm_year` holds ("-2147481748-01-01/00/00" is 23 characters).
 constexpr std::size_t TIME_PATH_CAPACITY = 32;
 constexpr std::string_view FILE_NAME = "media.qm";
+
+// No conversion below can cut a start second short.
+static_assert(static_cast<std::uint64_t>(std::numeric_limits<std::time_t>::max()) >=
+                  std::numeric_limits<std::uint64_t>::max() / MICROSECONDS_PER_SECOND,
+              "a 64-bit time_t is needed to hold every start second");
+
+// The three time levels of `seconds` in UTC; empty when the second has no calendar date or its
+// text does not fit.
+std::string_view render_time_path(std::time_t seconds, char (&out)[TIME_PATH_CAPACITY]) {
+    tm utc{};
+    if (::gmtime_r(&seconds, &utc) == nullptr) {
+        return {};
+    }
+    return {out, std::strftime(out, sizeof out, TIME_PATH_FORMAT.c_str(), &utc)};
+}
 
 }  // namespace
 
 std::string session_path(std::uint64_t ts, const Uuid& uuid) {
+    return detail::session_path_at(static_cast<std::time_t>(ts / MICROSECONDS_PER_SECOND), ts,
+                                   uuid);
+}
+
+namespace detail {
+
+std::string session_path_at(std::time_t seconds, std::uint64_t ts, const Uuid& uuid) {
     const std::string uuid_text = utils::str::print_uuid(uuid.data());
-    const time_t seconds = static_cast<time_t>(ts / 1000000);
-    tm utc{};
-    char time_path[TIME_PATH_CAPACITY];
-    std::size_t length = 0;
-    if (::gmtime_r(&seconds, &utc) != nullptr) {
-        length = std::strftime(time_path, sizeof time_path, TIME_PATH_FORMAT.c_str(), &utc);
-    }
-    std::string path;
-    if (length == 0) {
+    char buffer[TIME_PATH_CAPACITY];
+    std::string_view time_path = render_time_path(seconds, buffer);
+    if (time_path.empty()) {
         QM_LOG_ERROR("QUILLMAR_IO: unable to compose time path for session \""
                      << uuid_text << "\", timestamp (" << ts << ")");
-        path = TIME_PATH_FALLBACK;
-    } else {
-        path.assign(time_path, length);
+        time_path = TIME_PATH_FALLBACK;
     }
-    path += "/";
-    path += uuid_text;
-    path += "/";
-    path += FILE_NAME;
+    std::string path;
+    path.reserve(time_path.size() + 1 + uuid_text.size() + 1 + FILE_NAME.size());
+    path.append(time_path).append("/").append(uuid_text).append("/").append(FILE_NAME);
     return path;
 }
 
+}  // namespace detail
 }  // namespace qm::io

@@ -9,7 +9,7 @@
 // accepted data packet, both sides interleaved. Every number is little-endian; the records are
 // packed and are copied to and from the bytes, never read in place at an unaligned address.
 // There is no frame count and no end marker: buffers are written whole, and they end at frame
-// boundaries.
+// boundaries. Plain records without owned resources; any thread.
 
 namespace qm::io {
 
@@ -45,7 +45,8 @@ struct __attribute__((packed)) SessionStreamFrame {
     std::uint32_t time;
 };
 
-inline constexpr std::size_t FILE_HEADER_SIZE = sizeof(QuillmarStreamHeader) + sizeof(SessionHeader);
+inline constexpr std::size_t FILE_HEADER_SIZE =
+    sizeof(QuillmarStreamHeader) + sizeof(SessionHeader);
 inline constexpr std::size_t FRAME_HEADER_SIZE = sizeof(SessionStreamFrame);
 
 static_assert(sizeof(QuillmarStreamHeader) == 8);
@@ -58,6 +59,7 @@ static_assert(offsetof(SessionHeader, sync_mt) == 16);
 static_assert(offsetof(SessionHeader, uuid) == 24);
 static_assert(FILE_HEADER_SIZE == 48);
 static_assert(sizeof(SessionStreamFrame) == 12);
+static_assert(FRAME_HEADER_SIZE == 12);
 static_assert(offsetof(SessionStreamFrame, side) == 0);
 static_assert(offsetof(SessionStreamFrame, reserved) == 1);
 static_assert(offsetof(SessionStreamFrame, num) == 2);

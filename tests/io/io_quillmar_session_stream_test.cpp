@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <sstream>
@@ -15,9 +16,9 @@
 namespace qm::io {
 namespace {
 
-using ::testing::ElementsAre;
-using test::Datagram;
 using test::DataFields;
+using test::Datagram;
+using ::testing::ElementsAre;
 
 constexpr std::uint64_t SYNC_MT = 500;
 
@@ -66,6 +67,11 @@ std::vector<Delivered> read_all(MediaChannel& channel) {
     return delivered;
 }
 
+// The payload of a delivered frame, byte by byte as it lies in the file.
+std::vector<std::uint8_t> payload_bytes(const MediaFrame& frame) {
+    return {frame.payload, frame.payload + 2u * frame.num};
+}
+
 // Opens `bytes` as a reader does: the 8-byte stream header first, the rest through the stream.
 class Opened {
 public:
@@ -101,8 +107,8 @@ TEST(SessionStreamTest, HeaderAloneGivesTwoChannelsThatEndAtOnce) {
 }
 
 TEST(SessionStreamTest, EachChannelDeliversItsSideInFileOrder) {
-    Opened opened(file_of({frame(0, 0, 520, {1, 2, 3}), frame(1, 0, 530, {9}),
-                           frame(0, 3, 540, {4, 5})}));
+    Opened opened(
+        file_of({frame(0, 0, 520, {1, 2, 3}), frame(1, 0, 530, {9}), frame(0, 3, 540, {4, 5})}));
 
     const std::vector<MediaChannel*> channels = opened.stream().streams();
     EXPECT_THAT(read_all(*channels[0]),
@@ -123,7 +129,8 @@ TEST(SessionStreamTest, OffsetBaseIsTheLargestOffsetUpToTheChannelsFirstFrame) {
 }
 
 TEST(SessionStreamTest, FrameTimeIsDeliveredAsStoredAcrossTheWrap) {
-    Opened opened(file_of({frame(0, 0, SYNC_MT - 1, {7}), frame(0, 1, SYNC_MT + (1ull << 32), {8})}));
+    Opened opened(
+        file_of({frame(0, 0, SYNC_MT - 1, {7}), frame(0, 1, SYNC_MT + (1ull << 32), {8})}));
 
     EXPECT_THAT(read_all(*opened.stream().streams()[0]),
                 ElementsAre(Delivered{1, 0, 0xFFFFFFFFu, {7}}, Delivered{1, 1, 0, {8}}));
@@ -131,8 +138,8 @@ TEST(SessionStreamTest, FrameTimeIsDeliveredAsStoredAcrossTheWrap) {
 
 TEST(SessionStreamTest, LastFrameCutShortEndsOnlyItsOwnChannel) {
     test::LogCapture capture;
-    Datagram bytes = file_of({frame(0, 0, 520, {1, 2}), frame(1, 0, 530, {5, 6}),
-                              frame(1, 2, 550, {7, 8, 9, 10})});
+    Datagram bytes = file_of(
+        {frame(0, 0, 520, {1, 2}), frame(1, 0, 530, {5, 6}), frame(1, 2, 550, {7, 8, 9, 10})});
     bytes.resize(bytes.size() - 3);  // the last frame claims 20 bytes, 17 remain
 
     Opened opened(bytes);
@@ -174,15 +181,36 @@ TEST(SessionStreamTest, TrailingBytesShorterThanAFrameHeaderAreIgnored) {
     EXPECT_TRUE(capture.texts().empty());
 }
 
-TEST(SessionStreamTest, SessionHeaderCutShortHasNoFrames) {
-    Datagram bytes = file_of({});
-    bytes.resize(30);
+// Only bit 0 of the side byte picks the channel; the other bits are ignored, not refused.
+TEST(SessionStreamTest, OnlyBitZeroOfTheSideByteChoosesTheChannel) {
+    Datagram bytes = file_of({frame(0, 0, 520, {1}), frame(0, 1, 530, {2})});
+    bytes[FILE_HEADER_SIZE] = 0xFE;
+    bytes[FILE_HEADER_SIZE + FRAME_HEADER_SIZE + 2] = 0x03;
 
     Opened opened(bytes);
 
-    EXPECT_EQ(opened.stream().streams().size(), 2u);
-    EXPECT_TRUE(read_all(*opened.stream().streams()[0]).empty());
-    EXPECT_TRUE(read_all(*opened.stream().streams()[1]).empty());
+    const std::vector<MediaChannel*> channels = opened.stream().streams();
+    EXPECT_THAT(read_all(*channels[0]), ElementsAre(Delivered{1, 0, 20, {1}}));
+    EXPECT_THAT(read_all(*channels[1]), ElementsAre(Delivered{1, 2, 30, {2}}));
+}
+
+// Nothing after the stream header, and one byte short of the session header: no frames, nothing
+// logged, and both channels still there.
+TEST(SessionStreamTest, SessionHeaderCutShortHasNoFrames) {
+    for (const std::size_t size : {std::size_t{8}, FILE_HEADER_SIZE - 1}) {
+        SCOPED_TRACE(size);
+        test::LogCapture capture;
+        Datagram bytes = file_of({frame(0, 0, 520, {1})});
+        bytes.resize(size);
+
+        Opened opened(bytes);
+
+        const std::vector<MediaChannel*> channels = opened.stream().streams();
+        ASSERT_EQ(channels.size(), 2u);
+        EXPECT_TRUE(read_all(*channels[0]).empty());
+        EXPECT_TRUE(read_all(*channels[1]).empty());
+        EXPECT_TRUE(capture.texts().empty());
+    }
 }
 
 TEST(SessionStreamTest, UnknownFormatIsTheDummyStreamAndReadsNothing) {
@@ -209,35 +237,93 @@ TEST(SessionStreamTest, EveryUnknownFormatSharesTheOneDummy) {
     EXPECT_EQ(&DummySessionStream::instance(), &DummySessionStream::instance());
 }
 
-TEST(QuillmarFormatTest, RecordsLieOnTheBytesAsWritten) {
+// A recording spelled byte by byte from its field values, little-endian, independently of the
+// records, the reader and the shared encoder, so that each of them is checked against the format.
+const Datagram LITERAL_FILE = {
+    0x51, 0x4D, 0x00, 0x46,                          // magic: "QM", a zero byte, "F"
+    0x00, 0x00, 0x00, 0x00,                          // format 0
+    0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11,  // ts 0x1122334455667788
+    0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,  // sync ts 0x0102030405060708
+    0x11, 0x10, 0x0F, 0x0E, 0x0D, 0x0C, 0x0B, 0x0A,  // sync mt 0x0A0B0C0D0E0F1011
+    0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,  // uuid
+    0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF,  //
+    0x01, 0x00, 0x02, 0x00,                          // frame: side 1, reserved, num 2
+    0xD4, 0xC3, 0xB2, 0xA1,                          //   off 0xA1B2C3D4
+    0x03, 0x02, 0x01, 0x00,                          //   time 0x00010203
+    0xAA, 0x55, 0x34, 0x12,                          //   samples 0x55AA, 0x1234
+    0x00, 0x00, 0x01, 0x00,                          // frame: side 0, reserved, num 1
+    0x10, 0x00, 0x00, 0x00,                          //   off 0x10
+    0xFE, 0xFF, 0xFF, 0xFF,                          //   time 0xFFFFFFFE
+    0xEF, 0xBE,                                      //   sample 0xBEEF
+};
+
+TEST(QuillmarFormatTest, RecordsReadTheFieldsFromTheirBytes) {
+    ASSERT_EQ(LITERAL_FILE.size(),
+              FILE_HEADER_SIZE + (FRAME_HEADER_SIZE + 4) + (FRAME_HEADER_SIZE + 2));
+    QuillmarStreamHeader stream;
+    SessionHeader session;
+    SessionStreamFrame first;
+    SessionStreamFrame second;
+    std::memcpy(&stream, LITERAL_FILE.data(), sizeof stream);
+    std::memcpy(&session, LITERAL_FILE.data() + 8, sizeof session);
+    std::memcpy(&first, LITERAL_FILE.data() + 48, sizeof first);
+    std::memcpy(&second, LITERAL_FILE.data() + 64, sizeof second);
+
+    EXPECT_EQ(stream.magic, QUILLMAR_MAGIC);
+    EXPECT_EQ(stream.format, MEDIA_FORMAT);
+    EXPECT_EQ(session.ts, 0x1122334455667788ULL);
+    EXPECT_EQ(session.sync_ts, 0x0102030405060708ULL);
+    EXPECT_EQ(session.sync_mt, 0x0A0B0C0D0E0F1011ULL);
+    EXPECT_EQ(std::memcmp(session.uuid, test::DEFAULT_UUID.data(), 16), 0);
+    EXPECT_EQ(first.side, 1);
+    EXPECT_EQ(first.reserved, 0);
+    EXPECT_EQ(first.num, 2);
+    EXPECT_EQ(first.off, 0xA1B2C3D4u);
+    EXPECT_EQ(first.time, 0x00010203u);
+    EXPECT_EQ(second.side, 0);
+    EXPECT_EQ(second.reserved, 0);
+    EXPECT_EQ(second.num, 1);
+    EXPECT_EQ(second.off, 0x10u);
+    EXPECT_EQ(second.time, 0xFFFFFFFEu);
+}
+
+// Channel 1's base is its own first `off`; channel 0's is the larger `off` of the side-1 frame
+// before it. Offsets wrap at 32 bits: 2 * 0xA1B2C3D4 is 0x1436587A8.
+TEST(QuillmarFormatTest, StreamDeliversTheFramesOfTheBytes) {
+    Opened opened(LITERAL_FILE);
+    const std::vector<MediaChannel*> channels = opened.stream().streams();
+    ASSERT_EQ(channels.size(), 2u);
+
+    MediaFrame frame;
+    ASSERT_EQ(channels[1]->read(frame), 1);
+    EXPECT_EQ(frame.num, 2);
+    EXPECT_EQ(frame.offset, 0x436587A8u);
+    EXPECT_EQ(frame.time, 0x00010203u);
+    EXPECT_THAT(payload_bytes(frame), ElementsAre(0xAA, 0x55, 0x34, 0x12));
+    EXPECT_EQ(channels[1]->read(frame), 0);
+
+    ASSERT_EQ(channels[0]->read(frame), 1);
+    EXPECT_EQ(frame.num, 1);
+    EXPECT_EQ(frame.offset, 0xA1B2C3E4u);
+    EXPECT_EQ(frame.time, 0xFFFFFFFEu);
+    EXPECT_THAT(payload_bytes(frame), ElementsAre(0xEF, 0xBE));
+    EXPECT_EQ(channels[0]->read(frame), 0);
+}
+
+// The encoder the writer's tests rely on spells the same bytes from the same fields.
+TEST(QuillmarFormatTest, SharedEncoderSpellsTheSameBytes) {
     test::StartFields start;
     start.ts = 0x1122334455667788ULL;
     start.sync_ts = 0x0102030405060708ULL;
     start.sync_mt = 0x0A0B0C0D0E0F1011ULL;
-    const Datagram header = test::encode_file_header(start);
-    ASSERT_EQ(header.size(), FILE_HEADER_SIZE);
+    Datagram bytes = test::encode_file_header(start);
+    for (const DataFields& data : {frame(1, 0xA1B2C3D4u, start.sync_mt + 0x10203, {0x55AA, 0x1234}),
+                                   frame(0, 0x10, start.sync_mt + 0xFFFFFFFEu, {0xBEEF})}) {
+        const Datagram encoded = test::encode_frame(data, start.sync_mt);
+        bytes.insert(bytes.end(), encoded.begin(), encoded.end());
+    }
 
-    QuillmarStreamHeader stream;
-    SessionHeader session;
-    std::memcpy(&stream, header.data(), sizeof stream);
-    std::memcpy(&session, header.data() + sizeof stream, sizeof session);
-
-    EXPECT_EQ(stream.magic, QUILLMAR_MAGIC);
-    EXPECT_EQ(stream.format, MEDIA_FORMAT);
-    EXPECT_EQ(session.ts, start.ts);
-    EXPECT_EQ(session.sync_ts, start.sync_ts);
-    EXPECT_EQ(session.sync_mt, start.sync_mt);
-    EXPECT_EQ(std::memcmp(session.uuid, start.header.uuid.data(), 16), 0);
-
-    const Datagram encoded = test::encode_frame(frame(1, 0xA1B2C3D4u, start.sync_mt + 0x10203, {0x55AA}), start.sync_mt);
-    ASSERT_EQ(encoded.size(), FRAME_HEADER_SIZE + 2);
-    SessionStreamFrame frame_header;
-    std::memcpy(&frame_header, encoded.data(), sizeof frame_header);
-    EXPECT_EQ(frame_header.side, 1);
-    EXPECT_EQ(frame_header.reserved, 0);
-    EXPECT_EQ(frame_header.num, 1);
-    EXPECT_EQ(frame_header.off, 0xA1B2C3D4u);
-    EXPECT_EQ(frame_header.time, 0x10203u);
+    EXPECT_EQ(bytes, LITERAL_FILE);
 }
 
 }  // namespace

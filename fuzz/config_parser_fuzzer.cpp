@@ -61,7 +61,8 @@ void check_escaped_value_comes_back(std::string_view text) {
         return;
     }
     const qm::rc_ptr<Configuration> configuration = new Configuration();
-    check(configuration->parse_args("storage=" + qm::utils::str::replace(std::string_view(value), ",", ",,")));
+    check(configuration->parse_args("storage=" +
+                                    qm::utils::str::replace(std::string_view(value), ",", ",,")));
     check(configuration->storage == value);
 }
 

@@ -53,9 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto channels = stream.streams();
     check(channels.size() == 2 && channels[0]->id() == 0 && channels[1]->id() == 1);
     const std::uint64_t taken = drain(*channels[0]) + drain(*channels[1]);
-    const std::uint64_t frame_bytes = size > sizeof(qm::io::SessionHeader)
-                                          ? size - sizeof(qm::io::SessionHeader)
-                                          : 0;
+    const std::uint64_t frame_bytes =
+        size > sizeof(qm::io::SessionHeader) ? size - sizeof(qm::io::SessionHeader) : 0;
     check(taken <= frame_bytes);
     return 0;
 }

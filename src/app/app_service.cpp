@@ -125,8 +125,7 @@ void log_pending(Select select) {
         if (!select(signal)) {
             continue;
         }
-        const std::uint32_t count =
-            pending_signals[signal].exchange(0, std::memory_order_relaxed);
+        const std::uint32_t count = pending_signals[signal].exchange(0, std::memory_order_relaxed);
         for (std::uint32_t i = 0; i < count; ++i) {
             log_signal(signal);
         }

@@ -60,8 +60,8 @@ private:
     // dropped.
     bool prepare_directory(WritingSession& session);
     void write_file(WritingSession& session, const MediaBuffer& buffer);
-    void report_write_error(WritingSession& session, const MediaBuffer& buffer,
-                            std::uint32_t bit, const char* message);
+    void report_write_error(WritingSession& session, const MediaBuffer& buffer, std::uint32_t bit,
+                            const char* message);
 
     rc_ptr<Configuration> m_configuration;
     MediaBufferPool& m_pool;

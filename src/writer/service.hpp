@@ -9,7 +9,8 @@ namespace qm::writer {
 // The recorder: the frame loads its configuration from /etc/varnholt/quillmar/writer.conf (or
 // "--config") and the "--args" assignments; `on_start` then builds the pipeline (UDP socket,
 // writing manager with its media writer, packet reader), reads datagrams on the main thread until
-// a stop signal and takes the pipeline down again. Supports daemon mode. `main` owns the one object on its stack.
+// a stop signal and takes the pipeline down again. Supports daemon mode. `main` owns the one object
+// on its stack.
 //
 // Threads: created on the main thread; every hook runs there. Whatever `on_start` builds it owns
 // and destroys itself before it returns; the worker threads it starts are stopped and joined by

@@ -40,8 +40,8 @@ public:
     // Builds the pool (throws std::bad_alloc when it cannot) and the media writer. The records
     // must outlive the manager.
     WritingManager(rc_ptr<Configuration> configuration, WritingManagerStatistic& statistic,
-                   MediaBufferPoolStatistic& pool_statistic,
-                   MediaWriterStatistic& writer_statistic, SteadyClock clock = &monotonic_now_us);
+                   MediaBufferPoolStatistic& pool_statistic, MediaWriterStatistic& writer_statistic,
+                   SteadyClock clock = &monotonic_now_us);
     // Stops the media writer (it drains its queue), then drops the writer, the pool and the table.
     ~WritingManager() override;
 

@@ -50,8 +50,8 @@ std::string describe_daemon() {
            " own-session=" + (::getsid(0) == ::getpid() ? "yes" : "no") +
            " stdin-empty=" + (::read(STDIN_FILENO, &byte, 1) == 0 ? "yes" : "no") +
            " cwd=" + (has_cwd ? cwd : "?") + " out=" + descriptor_target(STDOUT_FILENO) +
-           " err=" + descriptor_target(STDERR_FILENO) + " next-fd-free=" +
-           (next > STDERR_FILENO ? "yes" : "no") + "\n";
+           " err=" + descriptor_target(STDERR_FILENO) +
+           " next-fd-free=" + (next > STDERR_FILENO ? "yes" : "no") + "\n";
 }
 
 // Runs the switch in a forked child (the daemon's parent-to-be), whose log goes through the

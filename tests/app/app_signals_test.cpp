@@ -167,8 +167,8 @@ TEST_F(SignalsTest, HandlerLogsNothingUntilTheMainThreadAsksForTheLines) {
     ServiceBase::log_pending_signals();
 
     EXPECT_EQ(capture.texts(), (std::vector<std::string>{
-                                   received(1), "SERVICE: update has been requested",
-                                   received(15), "SERVICE: application stop has been requested"}));
+                                   received(1), "SERVICE: update has been requested", received(15),
+                                   "SERVICE: application stop has been requested"}));
 }
 
 TEST_F(SignalsTest, PendingLinesAreLoggedOnceAndStopLinesLast) {

@@ -31,7 +31,8 @@ constexpr int DATA_PER_LEG = 198;
 constexpr std::uint16_t UNITS_PER_DATA = 160;
 constexpr std::uint64_t MT_STEP = 20;
 const std::string LEAK_LINE =
-    "MEDIA_WRITER: Possible memory leak detected! All buffers must be inside the pool at this point";
+    "MEDIA_WRITER: Possible memory leak detected! All buffers must be inside the pool at this "
+    "point";
 
 // The uuid of leg `leg` in its text form.
 std::string leg_uuid_text(int leg) {

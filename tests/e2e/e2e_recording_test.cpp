@@ -187,8 +187,8 @@ TEST_F(RecordingE2eTest, OneLegIsRecordedByteForByte) {
     leg.frames = {
         frame(0, 1, 0, SYNC_MT + 20, 160),
         frame(1, 1, 0, SYNC_MT + 20, 80),
-        frame(0, 2, 160, SYNC_MT + 40, 0),            // no samples: a frame header alone
-        frame(1, 2, 80, SYNC_MT - 100, 3),            // before `sync mt`: the time wraps
+        frame(0, 2, 160, SYNC_MT + 40, 0),                   // no samples: a frame header alone
+        frame(1, 2, 80, SYNC_MT - 100, 3),                   // before `sync mt`: the time wraps
         frame(0, 3, 4000, SYNC_MT + (1ull << 32) + 5, 663),  // far above: wraps to 5
     };
 
@@ -204,8 +204,8 @@ TEST_F(RecordingE2eTest, OneLegIsRecordedByteForByte) {
 TEST_F(RecordingE2eTest, LegWithoutRecordingBitsLeavesNoTrace) {
     ChildProcess& process = start_recorder();
     Leg leg = make_leg(0, 3, 0x3F);
-    leg.start.header.uuid = {'l', 'e', 'g', '-', 'w', 'i', 't', 'h', 'o', 'u', 't', '-', 'r', 'e',
-                             'c', '!'};
+    leg.start.header.uuid = {'l', 'e', 'g', '-', 'w', 'i', 't', 'h',
+                             'o', 'u', 't', '-', 'r', 'e', 'c', '!'};
     for (DataFields& frame : leg.frames) {
         frame.header.uuid = leg.start.header.uuid;
     }
@@ -272,7 +272,8 @@ TEST_F(RecordingE2eTest, TwoHundredConcurrentLegsAreWholeOrTheKernelCountedTheLo
     for (const Leg& leg : legs) {
         const Datagram stored = file_bytes(file_of(leg));
         // Frames are all of one size here, so the count follows from the length.
-        const std::size_t frames = stored.size() < 48 ? 0 : (stored.size() - 48) / (12 + 2 * SAMPLES);
+        const std::size_t frames =
+            stored.size() < 48 ? 0 : (stored.size() - 48) / (12 + 2 * SAMPLES);
         frames_on_disk += frames;
         if (stored == leg.expected()) {
             ++whole_legs;
@@ -287,8 +288,8 @@ TEST_F(RecordingE2eTest, TwoHundredConcurrentLegsAreWholeOrTheKernelCountedTheLo
     }
     EXPECT_EQ(frames_on_disk + dropped, data_sent);
     std::cout << whole_legs << " of " << legs.size() << " legs whole, " << frames_on_disk
-              << " frames on disk, " << dropped << " datagrams dropped by the kernel, "
-              << data_sent << " data packets sent\n";
+              << " frames on disk, " << dropped << " datagrams dropped by the kernel, " << data_sent
+              << " data packets sent\n";
 }
 
 // Terminated legs are complete; an open leg ends at its last pushed buffer: 192 frames of 332
@@ -356,9 +357,9 @@ TEST_F(RecordingE2eTest, SessionDirectoryRemovedWhileRecordingHurtsOnlyThatLeg) 
     EXPECT_FALSE(process.wait_exit(0ms).has_value()) << "the recorder did not stay up";
     const ExitStatus status = stop(process);
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    EXPECT_EQ(texts(log_lines(process), "ERROR", "media_writer.cpp"),
-              std::vector<std::string>{"MEDIA_WRITER: failed to open file " +
-                                       file_of(hurt).string()});
+    EXPECT_EQ(
+        texts(log_lines(process), "ERROR", "media_writer.cpp"),
+        std::vector<std::string>{"MEDIA_WRITER: failed to open file " + file_of(hurt).string()});
     EXPECT_FALSE(std::filesystem::exists(file_of(hurt).parent_path()));
     EXPECT_EQ(file_bytes(file_of(other)), other.expected());
 }
@@ -375,9 +376,9 @@ TEST_F(RecordingE2eTest, DirectoryNamedLikeTheFileIsReportedOnceAndOtherLegsAreW
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    EXPECT_EQ(texts(log_lines(process), "ERROR", "media_writer.cpp"),
-              std::vector<std::string>{"MEDIA_WRITER: failed to open file " +
-                                       file_of(blocked).string()});
+    EXPECT_EQ(
+        texts(log_lines(process), "ERROR", "media_writer.cpp"),
+        std::vector<std::string>{"MEDIA_WRITER: failed to open file " + file_of(blocked).string()});
     EXPECT_TRUE(std::filesystem::is_directory(file_of(blocked)));
     EXPECT_EQ(file_bytes(file_of(other)), other.expected());
 }
@@ -387,8 +388,9 @@ TEST_F(RecordingE2eTest, DirectoryNamedLikeTheFileIsReportedOnceAndOtherLegsAreW
 // leg sent once the directory is writable is recorded.
 TEST_F(RecordingE2eTest, UnwritableStorageIsReportedPerLegAndTheRecorderStaysUp) {
     std::filesystem::create_directories(storage());
-    const std::string config = directory.write_file(
-        "writer.conf", "storage = " + storage().string() + "\nport = " + std::to_string(pick_port()) + "\n");
+    const std::string config =
+        directory.write_file("writer.conf", "storage = " + storage().string() +
+                                                "\nport = " + std::to_string(pick_port()) + "\n");
     ChildProcess& process = start_unprivileged({"--config", config});
     ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
     const Leg first = make_leg(1, 3);
@@ -399,9 +401,7 @@ TEST_F(RecordingE2eTest, UnwritableStorageIsReportedPerLegAndTheRecorderStaysUp)
     send_leg(second);
     ASSERT_TRUE(wait_terminated(process, 2)) << process.standard_error();
     ASSERT_TRUE(poll_until(
-        [&] {
-            return texts(log_lines(process), "ERROR", "media_writer.cpp").size() == 2;
-        },
+        [&] { return texts(log_lines(process), "ERROR", "media_writer.cpp").size() == 2; },
         TIMEOUT))
         << process.standard_error();
     std::filesystem::permissions(storage(), std::filesystem::perms::all);
@@ -411,10 +411,11 @@ TEST_F(RecordingE2eTest, UnwritableStorageIsReportedPerLegAndTheRecorderStaysUp)
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    EXPECT_EQ(texts(log_lines(process), "ERROR", "media_writer.cpp"),
-              (std::vector<std::string>{
-                  "MEDIA_WRITER: directory check or creation failed: " + file_of(first).string(),
-                  "MEDIA_WRITER: directory check or creation failed: " + file_of(second).string()}));
+    EXPECT_EQ(
+        texts(log_lines(process), "ERROR", "media_writer.cpp"),
+        (std::vector<std::string>{
+            "MEDIA_WRITER: directory check or creation failed: " + file_of(first).string(),
+            "MEDIA_WRITER: directory check or creation failed: " + file_of(second).string()}));
     EXPECT_FALSE(std::filesystem::exists(file_of(first)));
     EXPECT_EQ(file_bytes(file_of(later)), later.expected());
 }

@@ -277,11 +277,12 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLogUntilStopped)
     };
     // The media writer's thread logs its own start whenever it gets to run: the record is
     // checked apart from the ordered ones.
-    const auto writer_started = std::find_if(records.begin(), records.end(), [&](const std::string& r) {
-        return r.find(from(daemon) + "SYSTEM  | media_writer.cpp:") != std::string::npos &&
-               r.find("MEDIA_WRITER: thread [") != std::string::npos &&
-               r.find("] started\n") != std::string::npos;
-    });
+    const auto writer_started =
+        std::find_if(records.begin(), records.end(), [&](const std::string& r) {
+            return r.find(from(daemon) + "SYSTEM  | media_writer.cpp:") != std::string::npos &&
+                   r.find("MEDIA_WRITER: thread [") != std::string::npos &&
+                   r.find("] started\n") != std::string::npos;
+        });
     ASSERT_NE(writer_started, records.end());
     records.erase(writer_started);
     ASSERT_EQ(records.size(), expected_in_order.size());
@@ -301,8 +302,9 @@ TEST_F(DaemonE2eTest, OutputAndErrorGoToTheDaemonLogOrToDevNull) {
                                      ? (log_directory / "writer_daemon.log").string()
                                      : "/dev/null";
     const std::filesystem::path pid_file = directory.path() / "daemon.pid";
-    const std::string config = directory.write_file(
-        "writer.conf", "port = " + std::to_string(pick_port()) + "\nstorage = " + storage().string() + "\n");
+    const std::string config =
+        directory.write_file("writer.conf", "port = " + std::to_string(pick_port()) +
+                                                "\nstorage = " + storage().string() + "\n");
     ChildProcess& parent = start({"--daemon", "--pid-file", pid_file.string(), "--config", config});
     ASSERT_TRUE(finish(parent).exited_with(0));
     ASSERT_TRUE(poll_until([&] { return !read_file(pid_file).empty(); }, TIMEOUT)) << "no pid file";

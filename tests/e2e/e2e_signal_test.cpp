@@ -106,7 +106,8 @@ TEST_F(SignalE2eTest, DetachedRecorderStoppedAsSoonAsItsPidFileAppearsAlwaysEnds
         const std::string config = write_config("daemon" + std::to_string(run) + ".conf");
         const std::filesystem::path pid_file =
             directory.path() / ("daemon" + std::to_string(run) + ".pid");
-        ChildProcess& parent = start({"--daemon", "--pid-file", pid_file.string(), "--config", config});
+        ChildProcess& parent =
+            start({"--daemon", "--pid-file", pid_file.string(), "--config", config});
 
         const std::optional<pid_t> daemon = wait_for_pid(pid_file, TIMEOUT);
         ASSERT_TRUE(daemon.has_value()) << "run " << run << ": no pid file";
@@ -136,7 +137,10 @@ TEST_F(SignalE2eTest, ForegroundRecorderStoppedRightAfterItsStartAlwaysEnds) {
         ChildProcess& process = start({"--config", config});
         if (from_first_line) {
             ASSERT_TRUE(poll_closely(
-                [&] { return process.standard_error().find("SERVICE: exec path: ") != std::string::npos; },
+                [&] {
+                    return process.standard_error().find("SERVICE: exec path: ") !=
+                           std::string::npos;
+                },
                 TIMEOUT))
                 << "run " << run;
             pause_for(std::chrono::microseconds(after_first_line_us(random)));

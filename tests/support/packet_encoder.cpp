@@ -83,7 +83,7 @@ Datagram encode_terminate(const TerminateFields& fields) {
 
 Datagram encode_file_header(const StartFields& start) {
     Datagram out = {0x51, 0x4D, 0x00, 0x46};  // "QM", a zero byte, "F"
-    put(out, 0, 4);                            // the media format
+    put(out, 0, 4);                           // the media format
     put(out, start.ts, 8);
     put(out, start.sync_ts, 8);
     put(out, start.sync_mt, 8);

@@ -28,9 +28,7 @@ using namespace std::chrono_literals;
 // tests hand buffers to `on_queue_read` directly, on the test thread; the thread tests start it.
 class MediaWriterTest : public ::testing::Test {
 protected:
-    MediaWriterTest() {
-        configuration->storage = storage().string();
-    }
+    MediaWriterTest() { configuration->storage = storage().string(); }
 
     // A session whose file is `relative` under the storage directory.
     rc_ptr<WritingSession> session(const std::string& relative = "day/hour/minute/leg/media.qm") {
@@ -127,11 +125,10 @@ TEST_F(MediaWriterTest, DirectoryThatCannotBeMadeIsReportedOncePerSessionAndCoun
     writer.on_queue_read(filled(first, "lost too"));
     writer.on_queue_read(filled(second, "lost"));
 
-    EXPECT_THAT(capture.texts(log::Level::ERROR),
-                ElementsAre("MEDIA_WRITER: directory check or creation failed: " +
-                                first->file_path,
-                            "MEDIA_WRITER: directory check or creation failed: " +
-                                second->file_path));
+    EXPECT_THAT(
+        capture.texts(log::Level::ERROR),
+        ElementsAre("MEDIA_WRITER: directory check or creation failed: " + first->file_path,
+                    "MEDIA_WRITER: directory check or creation failed: " + second->file_path));
     EXPECT_EQ(statistic.directory_check_or_create_errors.load(), 3u);
     EXPECT_EQ(first->reported_errors, WritingSession::REPORTED_DIRECTORY);
     EXPECT_EQ(pool.free_count(), 4u);
@@ -155,8 +152,8 @@ TEST_F(MediaWriterTest, FileThatCannotBeOpenedIsReportedOncePerSessionAndCounted
 
     EXPECT_THAT(capture.texts(log::Level::ERROR),
                 ElementsAre("MEDIA_WRITER: failed to open file " + leg->file_path));
-    EXPECT_THAT(capture.lines(), ::testing::Contains(::testing::StartsWith(
-                                     "ERROR   | media_writer.cpp:")));
+    EXPECT_THAT(capture.lines(),
+                ::testing::Contains(::testing::StartsWith("ERROR   | media_writer.cpp:")));
     EXPECT_EQ(statistic.file_open_errors.load(), 2u);
     EXPECT_EQ(leg->reported_errors, WritingSession::REPORTED_OPEN);
 

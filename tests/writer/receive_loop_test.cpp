@@ -103,8 +103,8 @@ public:
                 if (id == 0) {
                     return false;
                 }
-                const std::string call = test::read_file("/proc/self/task/" + std::to_string(id) +
-                                                         "/syscall");
+                const std::string call =
+                    test::read_file("/proc/self/task/" + std::to_string(id) + "/syscall");
                 return call.rfind(std::to_string(SYS_poll) + " ", 0) == 0 ||
                        call.rfind(std::to_string(SYS_ppoll) + " ", 0) == 0;
             },
@@ -114,7 +114,9 @@ public:
     // A datagram: the only other thing that ends a wait.
     void release() { EXPECT_TRUE(test::send_udp(m_port, std::vector<std::uint8_t>{0x5A})); }
 
-    void send(const std::vector<std::uint8_t>& bytes) { EXPECT_TRUE(test::send_udp(m_port, bytes)); }
+    void send(const std::vector<std::uint8_t>& bytes) {
+        EXPECT_TRUE(test::send_udp(m_port, bytes));
+    }
 
     // Read once the loop has ended.
     const std::vector<std::vector<std::uint8_t>>& datagrams() const { return m_datagrams; }

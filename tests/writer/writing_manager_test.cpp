@@ -20,11 +20,11 @@
 namespace qm::writer {
 namespace {
 
-using ::testing::ElementsAre;
 using test::DataFields;
 using test::Datagram;
 using test::PacketBytes;
 using test::StartFields;
+using ::testing::ElementsAre;
 
 constexpr std::uint64_t T0 = 1'000'000'000'000;
 
@@ -113,8 +113,8 @@ TEST_F(WritingManagerTest, RecordedLegIsWrittenFrameByFrameInTheOrderAccepted) {
     const std::vector<DataFields> frames = {
         data(1, 0, 0, 5160, 160),
         data(1, 1, 0, 5200, 3),
-        data(2, 0, 160, 5320, 0),                    // no samples: a frame header alone
-        data(3, 0, 320, 4000, 2),                    // before `sync mt`: the time wraps
+        data(2, 0, 160, 5320, 0),                   // no samples: a frame header alone
+        data(3, 0, 320, 4000, 2),                   // before `sync mt`: the time wraps
         data(2, 1, 7, 5000 + (1ull << 32) + 9, 1),  // 2^32 after it: wraps to 9
     };
 
@@ -155,7 +155,8 @@ TEST_F(WritingManagerTest, LegWithoutRecordingBitsIsAZombieThatAbsorbsItsPackets
     build(4);
     StartFields start;
     start.ft = {0x3F, 0xFF};
-    start.header.uuid = {'l', 'e', 'g', '-', '0', '0', '0', '1', '-', 'A', 'B', 'C', 'D', 'E', 'F', 'G'};
+    start.header.uuid = {'l', 'e', 'g', '-', '0', '0', '0', '1',
+                         '-', 'A', 'B', 'C', 'D', 'E', 'F', 'G'};
     DataFields media = data(1, 0, 0, 1160, 160);
     media.header.uuid = start.header.uuid;
 
@@ -291,11 +292,10 @@ TEST_F(WritingManagerTest, EachFailedAcquireIsCountedAndLogged) {
 
     EXPECT_THAT(
         capture.texts(log::Level::ERROR),
-        ElementsAre(
-            "WRITING_MANAGER: : failed to acquire a buffer for session start",
-            "WRITING_MANAGER: " + UUID_TEXT +
-                ": failed to acquire a buffer for media after pushing the previous one",
-            "WRITING_MANAGER: " + UUID_TEXT + ": failed to acquire a buffer for  media"));
+        ElementsAre("WRITING_MANAGER: : failed to acquire a buffer for session start",
+                    "WRITING_MANAGER: " + UUID_TEXT +
+                        ": failed to acquire a buffer for media after pushing the previous one",
+                    "WRITING_MANAGER: " + UUID_TEXT + ": failed to acquire a buffer for  media"));
     EXPECT_EQ(statistic.session_zombie.load(), 1u);
     EXPECT_EQ(statistic.session_media_received_bytes.load(), 120u);
     EXPECT_EQ(statistic.session_media_buffered_bytes.load(), 40u);

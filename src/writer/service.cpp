@@ -13,6 +13,7 @@
 #include "net/net_socket.hpp"
 #include "utils/path.hpp"
 #include "writer/receive_loop.hpp"
+#include "writer/statistic_service.hpp"
 #include "writer/writing_manager.hpp"
 
 namespace qm::writer {
@@ -20,13 +21,21 @@ namespace {
 
 constexpr mode_t STORAGE_MODE = 0755;
 
-// Every statistic record of the recording pipeline.
-struct PipelineStatistics {
-    media::PacketReaderStatistic reader{};
-    WritingManagerStatistic sessions{};
-    MediaBufferPoolStatistic pool{};
-    MediaWriterStatistic writer{};
-};
+// Hands the report its settings and starts its thread; a report thread that cannot start
+// leaves the recorder running without reports.
+void start_statistics(const Configuration& configuration) {
+    StatisticService& statistics = StatisticService::Instance;
+    statistics.number = configuration.port;
+    statistics.show_number = true;
+    statistics.log_enabled = configuration.statistic_logging_enabled;
+    statistics.transfer_enabled = configuration.statistic_transfer_enabled;
+    statistics.transfer_host = configuration.statistic_transfer_host;
+    statistics.transfer_port = configuration.statistic_transfer_port;
+    const int started = statistics.start();
+    if (started != 0) {
+        QM_LOG_ERROR("SERVICE: failed to start statistic service, error: " << started);
+    }
+}
 
 }  // namespace
 
@@ -58,28 +67,32 @@ bool Service::on_start() {
         QM_LOG_ERROR("SERVICE: storage path is not a directory or failed to create");
         return false;
     }
-    // The storage manager's first cleanup pass, the statistics thread and the storage manager's
-    // thread start here, in this order, once they exist.
+    // The storage manager's first cleanup pass runs here, before any thread starts, and its
+    // thread starts after the statistics thread, once it exists.
+    log_pending_signals();
+    start_statistics(*configuration);
     log_pending_signals();
 
     // Value-initialised: the receive buffer starts zeroed.
     const auto read_buffer = std::make_unique<net::Socket::ReadBuffer>();
     net::Socket socket;
-    if (!socket.open(configuration->port, INADDR_ANY)) {
-        socket.close();
-        return false;
+    bool recorded = false;
+    if (socket.open(configuration->port, INADDR_ANY)) {
+        recorded = record(socket, *read_buffer);
     }
-    const bool recorded = record(socket, *read_buffer);
+    // Also when the socket could not be bound: the report thread must not log while the frame
+    // puts the logger away.
+    StatisticService::Instance.stop();
     socket.close();
     return recorded;
 }
 
 bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) {
-    // The records outlive the components that count into them.
-    PipelineStatistics statistics;
+    // The report's records outlive the components that count into them.
+    StatisticService& statistics = StatisticService::Instance;
     std::unique_ptr<WritingManager> writing;
     try {
-        writing = std::make_unique<WritingManager>(configuration, statistics.sessions,
+        writing = std::make_unique<WritingManager>(configuration, statistics.manager,
                                                    statistics.pool, statistics.writer);
     } catch (const std::bad_alloc&) {
         QM_LOG_ERROR("SERVICE: failed to allocate the media buffers");
@@ -90,7 +103,7 @@ bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) 
         QM_LOG_ERROR("SERVICE: failed to start writing manager, error: " << writing_started);
         return false;
     }
-    auto reader = std::make_unique<media::PacketReader>(&statistics.reader, *writing);
+    auto reader = std::make_unique<media::PacketReader>(&statistics.packet_reader, *writing);
     const int started = reader->start();
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start packets reader, error: " << started);

@@ -1,0 +1,246 @@
+#include "writer/statistic_service.hpp"
+
+#include <arpa/inet.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cmath>
+#include <initializer_list>
+#include <iomanip>
+#include <sstream>
+
+#include "log/logger.hpp"
+
+namespace qm::writer {
+namespace {
+
+// Longest title or text that still fits inside the frame.
+constexpr std::size_t FRAMED_TEXT_MAX = 82;
+constexpr std::string_view UNIT_LETTERS = "KMGTPEZY";
+
+// One value line of a section: its label (dots, colon and blank included) and its counter.
+struct Row {
+    std::string_view label;
+    std::uint64_t value;
+    bool bytes = false;
+};
+
+void print_rows(std::ostream& out, std::initializer_list<Row> rows) {
+    for (const Row& row : rows) {
+        std::ostringstream text;
+        text << row.label;
+        if (row.bytes) {
+            text << bytes_to_string(row.value);
+        } else {
+            text << row.value;
+        }
+        StatisticService::print_section_line(out, text.view());
+    }
+}
+
+void print_empty_line(std::ostream& out) {
+    StatisticService::print_section_line(out, " ");
+}
+
+}  // namespace
+
+StatisticService StatisticService::Instance;
+
+std::string bytes_to_string(std::uint64_t bytes) {
+    std::ostringstream text;
+    text << bytes;
+    if (bytes <= 1023) {
+        return text.str();
+    }
+    // The integer part of log2(bytes) / 10, from the bit width rather than a rounded logarithm.
+    const std::size_t exponent = std::min<std::size_t>((std::bit_width(bytes) - 1) / 10, 8);
+    const double scaled =
+        static_cast<double>(bytes) / std::pow(1024.0, static_cast<double>(exponent));
+    const auto whole = static_cast<std::uint64_t>(scaled);
+    const int precision =
+        whole <= 9 ? 3 : static_cast<int>(std::log10(static_cast<double>(whole))) + 3;
+    text << " (" << std::setprecision(precision) << scaled << UNIT_LETTERS[exponent - 1] << "iB)";
+    return text.str();
+}
+
+StatisticService::StatisticService() {
+    transfer_address.sin_family = AF_INET;
+    transfer_address.sin_port = 0;
+    transfer_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+}
+
+StatisticService::~StatisticService() {
+    stop();
+}
+
+void StatisticService::run() {
+    QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] started");
+    do {
+        try_print();
+    } while (wait_period());
+}
+
+bool StatisticService::wait_period() {
+    std::unique_lock lock(m_mutex);
+    m_wake.wait_for(lock, std::chrono::seconds(PERIOD_SECONDS), [this] { return m_stopping; });
+    return !m_stopping;
+}
+
+int StatisticService::stop() {
+    if (!is_running()) {
+        return 0;
+    }
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_wake.notify_all();
+    const int result = Thread::stop();
+    {
+        std::lock_guard lock(m_mutex);
+        m_stopping = false;
+    }
+    if (result == 0) {
+        QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] stopped");
+    } else {
+        QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] stopped with error ("
+                                                    << result << ")");
+    }
+    return result;
+}
+
+void StatisticService::try_print() {
+    if (!log_enabled) {
+        return;
+    }
+    std::ostringstream report;
+    print(report);
+    QM_LOG_SYSTEM(report.view());
+}
+
+void StatisticService::print(std::ostream& out) const {
+    if (show_number) {
+        print_section_header(out, "quillmarwriter:" + std::to_string(number) + " statistic");
+    } else {
+        print_section_header(out, "quillmarwriter statistic");
+    }
+    print_empty_line(out);
+    print_manager(out);
+    print_empty_line(out);
+    print_section_header(out, "writer statistic");
+    print_empty_line(out);
+    print_writer(out);
+    print_empty_line(out);
+    print_section_header(out, "packets statistic");
+    print_empty_line(out);
+    print_packet_reader(out);
+    print_empty_line(out);
+    print_spawned_symbol(out, '*');
+}
+
+void StatisticService::print_manager(std::ostream& out) const {
+    print_rows(
+        out,
+        {
+            {"session number.............................: ", manager.session.load()},
+            {"session number (zombie)....................: ", manager.session_zombie.load()},
+            {"session audit executions number............: ",
+             manager.session_audit_executions.load()},
+            {"session allocation errors number...........: ",
+             manager.session_allocation_errors.load()},
+            {"session existing index errors number.......: ",
+             manager.session_existing_index_errors.load()},
+            {"session unknown index errors number........: ",
+             manager.session_unknown_index_errors.load()},
+            {"session sequence break errors number.......: ",
+             manager.session_sequence_break_errors.load()},
+            {"session lost packets number................: ", manager.session_lost_packets.load()},
+            {"session media received bytes number........: ",
+             manager.session_media_received_bytes.load(), true},
+            {"session media buffered bytes number........: ",
+             manager.session_media_buffered_bytes.load(), true},
+            {"session media dropped  bytes number........: ",
+             manager.session_media_dropped_bytes.load(), true},
+        });
+}
+
+void StatisticService::print_writer(std::ostream& out) const {
+    print_rows(
+        out,
+        {
+            {"buffer queue elements number...............: ", writer.elements.load()},
+            {"buffer queue passed elements number........: ", writer.passed_elements.load()},
+            {"buffer queue dropped elements number.......: ", writer.dropped_elements.load()},
+            {"written bytes number.......................: ", writer.written_bytes.load(), true},
+            {"written lost bytes number..................: ", writer.written_lost_bytes.load(),
+             true},
+            {"buffer pool elements number................: ", pool.buffer_pool_elements.load()},
+            {"buffer pool acquire errors number..........: ",
+             pool.buffer_pool_acquire_errors.load()},
+            {"buffer pool release errors number..........: ",
+             pool.buffer_pool_release_errors.load()},
+            {"buffer null sessions errors number.........: ",
+             writer.buffer_null_sessions_errors.load()},
+            {"directory check or create errors number....: ",
+             writer.directory_check_or_create_errors.load()},
+            {"file open errors number....................: ", writer.file_open_errors.load()},
+            {"file write errors number...................: ", writer.file_write_errors.load()},
+        });
+}
+
+void StatisticService::print_packet_reader(std::ostream& out) const {
+    const media::PacketReaderStatistic& reader = packet_reader;
+    print_rows(
+        out, {
+                 {"packet queue elements number...............: ", reader.elements.load()},
+                 {"packet queue passed elements number........: ", reader.passed_elements.load()},
+                 {"packet queue dropped elements number.......: ", reader.dropped_elements.load()},
+                 {"packet queue idle hits number..............: ", reader.idle_hits.load()},
+                 {"packet dropped  by min length..............: ",
+                  reader.packet_dropped_by_min_length.load()},
+                 {"packet dropped  by max length..............: ",
+                  reader.packet_dropped_by_max_length.load()},
+                 {"packet dropped  by failed allocation.......: ",
+                  reader.packet_dropped_by_failed_allocation.load()},
+                 {"packet rejected by bad marker..............: ",
+                  reader.packet_rejected_by_bad_marker.load()},
+                 {"packet rejected by version.................: ",
+                  reader.packet_rejected_by_version.load()},
+                 {"packet rejected by corrupted size..........: ",
+                  reader.packet_rejected_by_corrupted_size.load()},
+                 {"packet rejected by unknown type............: ",
+                  reader.packet_rejected_by_unknown_type.load()},
+                 {"packet 'start' type number.................: ", reader.packet_start_type.load()},
+                 {"packet 'term'  type number.................: ", reader.packet_term_type.load()},
+                 {"packet 'data'  type number.................: ", reader.packet_data_type.load()},
+                 {"packet 'ctrl'  type number.................: ", reader.packet_ctrl_type.load()},
+             });
+}
+
+void StatisticService::print_section_header(std::ostream& out, std::string_view title) {
+    const std::size_t length = title.size();
+    if (length > FRAMED_TEXT_MAX) {
+        out << "* " << title << '\n';
+        return;
+    }
+    out << std::string((84 - length) / 2, '*') << ' ' << title << ' '
+        << std::string((85 - length) / 2, '*') << '\n';
+}
+
+void StatisticService::print_section_line(std::ostream& out, std::string_view text) {
+    const std::size_t length = text.size();
+    if (length > FRAMED_TEXT_MAX) {
+        out << "* " << text << '\n';
+        return;
+    }
+    out << "* " << text << std::string(83 - length, ' ') << "*\n";
+}
+
+void StatisticService::print_spawned_symbol(std::ostream& out, char symbol) {
+    out << std::string(LINE_WIDTH, symbol);
+}
+
+}  // namespace qm::writer

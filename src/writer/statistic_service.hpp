@@ -1,0 +1,94 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "core/thread.hpp"
+#include "media/packet_reader_statistic.hpp"
+#include "writer/media_buffer_pool_statistic.hpp"
+#include "writer/media_writer_statistic.hpp"
+#include "writer/writing_manager_statistic.hpp"
+
+// The periodic statistics report: a thread that renders the counters of every pipeline component
+// into one framed text, 86 characters a line, and logs it as one SYSTEM message at once when it
+// starts and then every 5 seconds. The components count into the records held here: the service
+// hands each its record when it builds the pipeline.
+//
+// There is one, `Instance`, for the process's lifetime. Threads: the main thread sets the report
+// settings (`show_number`, `number`, `log_enabled`, the transfer settings) before it starts the
+// thread, and starts and stops it; the components' threads write the records' counters; the
+// report thread reads them without locks, so a report is a loose snapshot. The transfer settings
+// are kept but the report is only ever logged.
+
+namespace qm::writer {
+
+// A byte count as digits, and from 1024 on with its size in binary units: "1536 (1.5KiB)".
+std::string bytes_to_string(std::uint64_t bytes);
+
+class StatisticService : public Thread {
+public:
+    static StatisticService Instance;
+
+    // Seconds between two reports.
+    static constexpr std::uint64_t PERIOD_SECONDS = 5;
+    // Characters in every line of the report, without its line end.
+    static constexpr std::size_t LINE_WIDTH = 86;
+
+    StatisticService();
+    // Stops the thread if it still runs.
+    ~StatisticService() override;
+
+    // Logs the thread's start, then one report at once and one every PERIOD_SECONDS until
+    // `stop`.
+    void run() override;
+    // Ends the thread at once, also in the middle of its wait, and logs how the join went.
+    // Returns 0 at once when the thread is not running.
+    int stop() override;
+
+    // One report, unless `log_enabled` is false.
+    void try_print();
+    // The whole report; its last line has no line end (the log line adds it).
+    void print(std::ostream& out) const;
+    void print_manager(std::ostream& out) const;
+    void print_writer(std::ostream& out) const;
+    void print_packet_reader(std::ostream& out) const;
+
+    // The framing: a title between asterisks, a text between "* " and "*", a run of one
+    // character; each framed line is LINE_WIDTH characters unless its text is too long for the
+    // frame, which then loses its right-hand side.
+    static void print_section_header(std::ostream& out, std::string_view title);
+    static void print_section_line(std::ostream& out, std::string_view text);
+    static void print_spawned_symbol(std::ostream& out, char symbol);
+
+    media::PacketReaderStatistic packet_reader{};
+    WritingManagerStatistic manager{};
+    MediaWriterStatistic writer{};
+    MediaBufferPoolStatistic pool{};
+
+    // The title shows `number` (the listening port) when `show_number` is set.
+    bool show_number = false;
+    std::uint64_t number = 0;
+    bool log_enabled = true;
+    bool transfer_enabled = false;
+    std::string transfer_host = "127.0.0.1";
+    std::uint16_t transfer_port = 0;
+    sockaddr_in transfer_address{};
+
+private:
+    // Waits one period, or less when a stop is requested; false once it is.
+    bool wait_period();
+
+    // Wakes the thread from its wait at a stop; the wait itself is on the monotonic clock.
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    // Guarded by m_mutex: set by `stop`, read by the waiting thread.
+    bool m_stopping = false;
+};
+
+}  // namespace qm::writer

@@ -1,0 +1,258 @@
+#include "writer/statistic_service.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "child_process.hpp"
+#include "log_capture.hpp"
+#include "poll.hpp"
+
+namespace qm::writer {
+namespace {
+
+using ::testing::ElementsAre;
+
+std::string header(std::string_view title) {
+    std::ostringstream out;
+    StatisticService::print_section_header(out, title);
+    return out.str();
+}
+
+std::string line(std::string_view text) {
+    std::ostringstream out;
+    StatisticService::print_section_line(out, text);
+    return out.str();
+}
+
+TEST(StatisticFramingTest, TitleOf82CharactersHasOneAsteriskOnEachSide) {
+    const std::string title(82, 't');
+    EXPECT_EQ(header(title), "* " + title + " *\n");
+}
+
+TEST(StatisticFramingTest, TitleOf83CharactersLosesItsFrame) {
+    const std::string title(83, 't');
+    EXPECT_EQ(header(title), "* " + title + "\n");
+}
+
+TEST(StatisticFramingTest, HeaderIsCentredAndAlways86Wide) {
+    EXPECT_EQ(header("writer statistic"),
+              std::string(34, '*') + " writer statistic " + std::string(34, '*') + "\n");
+    // An odd length puts the extra asterisk on the right.
+    EXPECT_EQ(header("odd"), std::string(40, '*') + " odd " + std::string(41, '*') + "\n");
+    for (std::size_t length = 0; length <= 82; ++length) {
+        EXPECT_EQ(header(std::string(length, 'x')).size(), 87u) << length;
+    }
+}
+
+TEST(StatisticFramingTest, LineIsPaddedTo86Characters) {
+    EXPECT_EQ(line("a"), "* a" + std::string(82, ' ') + "*\n");
+    EXPECT_EQ(line(std::string(82, 'v')), "* " + std::string(82, 'v') + " *\n");
+}
+
+TEST(StatisticFramingTest, LineLongerThan82CharactersLosesItsRightHandFrame) {
+    const std::string text(83, 'v');
+    EXPECT_EQ(line(text), "* " + text + "\n");
+}
+
+TEST(StatisticFramingTest, SpawnedSymbolIs86OfItWithoutALineEnd) {
+    std::ostringstream out;
+    StatisticService::print_spawned_symbol(out, '=');
+    EXPECT_EQ(out.str(), std::string(86, '='));
+}
+
+TEST(BytesToStringTest, BelowOneKibibyteIsDigitsAlone) {
+    EXPECT_EQ(bytes_to_string(0), "0");
+    EXPECT_EQ(bytes_to_string(1023), "1023");
+}
+
+TEST(BytesToStringTest, FromOneKibibyteTheBinaryUnitFollows) {
+    EXPECT_EQ(bytes_to_string(1024), "1024 (1KiB)");
+    EXPECT_EQ(bytes_to_string(1536), "1536 (1.5KiB)");
+    EXPECT_EQ(bytes_to_string(1048576), "1048576 (1MiB)");
+    EXPECT_EQ(bytes_to_string(1048575), "1048575 (1024KiB)");
+    EXPECT_EQ(bytes_to_string(5'000'000'000ULL), "5000000000 (4.66GiB)");
+    // 117.737...: three digits before the point, so five significant digits.
+    EXPECT_EQ(bytes_to_string(123'456'789), "123456789 (117.74MiB)");
+    EXPECT_EQ(bytes_to_string(18'446'744'073'709'551'615ULL), "18446744073709551615 (16EiB)");
+}
+
+// Every counter set to a value of its own, byte counts in KiB, MiB and GiB.
+TEST(StatisticReportTest, WholeReportCharacterForCharacter) {
+    StatisticService service;
+    service.show_number = true;
+    service.number = 5090;
+    WritingManagerStatistic& manager = service.manager;
+    manager.session = 12;
+    manager.session_zombie = 3;
+    manager.session_audit_executions = 4;
+    manager.session_allocation_errors = 5;
+    manager.session_existing_index_errors = 6;
+    manager.session_unknown_index_errors = 7;
+    manager.session_sequence_break_errors = 8;
+    manager.session_lost_packets = 9;
+    manager.session_media_received_bytes = 1536;
+    manager.session_media_buffered_bytes = 3'145'728;
+    manager.session_media_dropped_bytes = 512;
+    service.writer.elements = 21;
+    service.writer.passed_elements = 22;
+    service.writer.dropped_elements = 23;
+    service.writer.written_bytes = 5'368'709'120ULL;
+    service.writer.written_lost_bytes = 0;
+    service.pool.buffer_pool_elements = 3999;
+    service.pool.buffer_pool_acquire_errors = 24;
+    service.pool.buffer_pool_release_errors = 25;
+    service.writer.buffer_null_sessions_errors = 26;
+    service.writer.directory_check_or_create_errors = 27;
+    service.writer.file_open_errors = 28;
+    service.writer.file_write_errors = 29;
+    media::PacketReaderStatistic& reader = service.packet_reader;
+    reader.elements = 31;
+    reader.passed_elements = 32;
+    reader.dropped_elements = 33;
+    reader.idle_checks = 999;  // not shown
+    reader.idle_hits = 34;
+    reader.packet_dropped_by_min_length = 35;
+    reader.packet_dropped_by_max_length = 36;
+    reader.packet_dropped_by_failed_allocation = 37;
+    reader.packet_rejected_by_bad_marker = 38;
+    reader.packet_rejected_by_version = 39;
+    reader.packet_rejected_by_corrupted_size = 40;
+    reader.packet_rejected_by_unknown_type = 41;
+    reader.packet_start_type = 42;
+    reader.packet_term_type = 43;
+    reader.packet_data_type = 44;
+    reader.packet_ctrl_type = 45;
+
+    std::ostringstream out;
+    service.print(out);
+
+    const std::string blank = "*" + std::string(84, ' ') + "*\n";
+    const auto value = [](const std::string& text) {
+        return "* " + text + std::string(83 - text.size(), ' ') + "*\n";
+    };
+    const std::string expected =
+        std::string(27, '*') + " quillmarwriter:5090 statistic " + std::string(28, '*') + "\n" +
+        blank + value("session number.............................: 12") +
+        value("session number (zombie)....................: 3") +
+        value("session audit executions number............: 4") +
+        value("session allocation errors number...........: 5") +
+        value("session existing index errors number.......: 6") +
+        value("session unknown index errors number........: 7") +
+        value("session sequence break errors number.......: 8") +
+        value("session lost packets number................: 9") +
+        value("session media received bytes number........: 1536 (1.5KiB)") +
+        value("session media buffered bytes number........: 3145728 (3MiB)") +
+        value("session media dropped  bytes number........: 512") + blank + std::string(34, '*') +
+        " writer statistic " + std::string(34, '*') + "\n" + blank +
+        value("buffer queue elements number...............: 21") +
+        value("buffer queue passed elements number........: 22") +
+        value("buffer queue dropped elements number.......: 23") +
+        value("written bytes number.......................: 5368709120 (5GiB)") +
+        value("written lost bytes number..................: 0") +
+        value("buffer pool elements number................: 3999") +
+        value("buffer pool acquire errors number..........: 24") +
+        value("buffer pool release errors number..........: 25") +
+        value("buffer null sessions errors number.........: 26") +
+        value("directory check or create errors number....: 27") +
+        value("file open errors number....................: 28") +
+        value("file write errors number...................: 29") + blank + std::string(33, '*') +
+        " packets statistic " + std::string(34, '*') + "\n" + blank +
+        value("packet queue elements number...............: 31") +
+        value("packet queue passed elements number........: 32") +
+        value("packet queue dropped elements number.......: 33") +
+        value("packet queue idle hits number..............: 34") +
+        value("packet dropped  by min length..............: 35") +
+        value("packet dropped  by max length..............: 36") +
+        value("packet dropped  by failed allocation.......: 37") +
+        value("packet rejected by bad marker..............: 38") +
+        value("packet rejected by version.................: 39") +
+        value("packet rejected by corrupted size..........: 40") +
+        value("packet rejected by unknown type............: 41") +
+        value("packet 'start' type number.................: 42") +
+        value("packet 'term'  type number.................: 43") +
+        value("packet 'data'  type number.................: 44") +
+        value("packet 'ctrl'  type number.................: 45") + blank + std::string(86, '*');
+    EXPECT_EQ(out.str(), expected);
+    // With the line end that the log adds, every line is 86 characters and its end.
+    const std::vector<std::string> lines = test::split_lines(out.str() + "\n");
+    ASSERT_EQ(lines.size(), 48u);
+    for (const std::string& text : lines) {
+        EXPECT_EQ(text.size(), 86u) << text;
+    }
+}
+
+TEST(StatisticReportTest, TitleWithoutNumber) {
+    StatisticService service;
+    std::ostringstream out;
+    service.print(out);
+    EXPECT_EQ(out.str().substr(0, 87),
+              std::string(30, '*') + " quillmarwriter statistic " + std::string(30, '*') + "\n");
+}
+
+TEST(StatisticThreadTest, ReportsAtOnceWhenItStartsAndStopsWithoutWaitingOutThePeriod) {
+    test::LogCapture capture;
+    StatisticService service;
+    service.show_number = true;
+    service.number = 7;
+
+    ASSERT_EQ(service.start(), 0);
+    ASSERT_TRUE(capture.wait_for(" quillmarwriter:7 statistic "));
+    const auto asked = std::chrono::steady_clock::now();
+    ASSERT_EQ(service.stop(), 0);
+    const auto stop_time = std::chrono::steady_clock::now() - asked;
+
+    EXPECT_LT(stop_time, std::chrono::seconds(StatisticService::PERIOD_SECONDS));
+    const std::vector<std::string> texts = capture.texts(log::Level::SYSTEM);
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_THAT(texts[0],
+                ::testing::MatchesRegex(R"(STATISTIC_SERVICE: thread \[[0-9]+\] started)"));
+    std::ostringstream report;
+    service.print(report);
+    EXPECT_EQ(texts[1], report.str());
+    EXPECT_THAT(texts[2],
+                ::testing::MatchesRegex(R"(STATISTIC_SERVICE: thread \[[0-9]+\] stopped)"));
+    EXPECT_THAT(capture.lines()[1], ::testing::StartsWith("SYSTEM  | statistic_service.cpp:"));
+}
+
+TEST(StatisticThreadTest, WithLoggingDisabledTheThreadRunsAndWritesNoReport) {
+    test::LogCapture capture;
+    StatisticService service;
+    service.log_enabled = false;
+
+    ASSERT_EQ(service.start(), 0);
+    ASSERT_TRUE(capture.wait_for("STATISTIC_SERVICE: thread ["));
+    EXPECT_TRUE(service.is_running());
+    ASSERT_EQ(service.stop(), 0);
+
+    const std::vector<std::string> texts = capture.texts();
+    ASSERT_EQ(texts.size(), 2u);
+    EXPECT_THAT(texts[1],
+                ::testing::MatchesRegex(R"(STATISTIC_SERVICE: thread \[[0-9]+\] stopped)"));
+}
+
+TEST(StatisticThreadTest, StopOfAThreadThatDoesNotRunDoesNothing) {
+    test::LogCapture capture;
+    StatisticService service;
+    EXPECT_EQ(service.stop(), 0);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+TEST(StatisticServiceTest, TransferSettingsStartAsLoopbackPortZero) {
+    const StatisticService service;
+    EXPECT_FALSE(service.transfer_enabled);
+    EXPECT_EQ(service.transfer_host, "127.0.0.1");
+    EXPECT_EQ(service.transfer_port, 0);
+    EXPECT_EQ(service.transfer_address.sin_family, AF_INET);
+    EXPECT_EQ(service.transfer_address.sin_port, 0);
+    EXPECT_EQ(service.transfer_address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    EXPECT_TRUE(service.log_enabled);
+    EXPECT_FALSE(service.show_number);
+}
+
+}  // namespace
+}  // namespace qm::writer

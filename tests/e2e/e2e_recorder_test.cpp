@@ -278,8 +278,24 @@ TEST_F(RecorderFailureE2eTest, PortInUseExitsOneAfterTheBindError) {
     const std::regex bind_error = line_pattern(
         "ERROR  ", "net_socket\\.cpp",
         R"(SOCKET\[\d+\]: failed to bind a socket, error \(98\): Address already in use)");
+    const auto bind_failed = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return std::regex_match(line, bind_error);
+    });
+    ASSERT_NE(bind_failed, lines.end()) << process.standard_error();
+    // The report thread had been started before the socket was opened: it logged its start and
+    // its first report (on its own thread, so before or after the bind error), and it is stopped
+    // before the main thread's last line.
+    const long started = line_index(lines, "STATISTIC_SERVICE: thread [");
+    const long reported =
+        line_index(lines, " quillmarwriter:" + std::to_string(taken) + " statistic ");
+    EXPECT_GE(started, 0) << process.standard_error();
+    EXPECT_GT(reported, started);
+    EXPECT_LT(reported, static_cast<long>(lines.size()) - 2);
+    const std::regex report_stopped = line_pattern("SYSTEM ", "statistic_service\\.cpp",
+                                                   R"(STATISTIC_SERVICE: thread \[\d+\] stopped)");
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_TRUE(std::regex_match(lines[lines.size() - 2], bind_error)) << process.standard_error();
+    EXPECT_TRUE(std::regex_match(lines[lines.size() - 2], report_stopped))
+        << process.standard_error();
     EXPECT_NE(lines.back().find("SERVICE: [quillmarwriter] main thread ["), std::string::npos);
     EXPECT_EQ(line_index(lines, RECEIVING), -1);
 }

@@ -14,6 +14,7 @@
 #include "utils/path.hpp"
 #include "writer/receive_loop.hpp"
 #include "writer/statistic_service.hpp"
+#include "writer/storage_manager.hpp"
 #include "writer/writing_manager.hpp"
 
 namespace qm::writer {
@@ -67,10 +68,17 @@ bool Service::on_start() {
         QM_LOG_ERROR("SERVICE: storage path is not a directory or failed to create");
         return false;
     }
-    // The storage manager's first cleanup pass runs here, before any thread starts, and its
-    // thread starts after the statistics thread, once it exists.
+    // One cleanup pass before any thread starts, then the report thread, then the cleanup
+    // thread. A cleanup thread that cannot start leaves the recorder running without periodic
+    // cleanup rather than refusing to record.
+    StorageManager storage(configuration);
+    storage.cleanup();
     log_pending_signals();
     start_statistics(*configuration);
+    const int storage_started = storage.start();
+    if (storage_started != 0) {
+        QM_LOG_ERROR("SERVICE: failed to start storage manager, error: " << storage_started);
+    }
     log_pending_signals();
 
     // Value-initialised: the receive buffer starts zeroed.
@@ -80,8 +88,9 @@ bool Service::on_start() {
     if (socket.open(configuration->port, INADDR_ANY)) {
         recorded = record(socket, *read_buffer);
     }
-    // Also when the socket could not be bound: the report thread must not log while the frame
-    // puts the logger away.
+    // Also when the socket could not be bound: no thread may log while the frame puts the
+    // logger away.
+    storage.stop();
     StatisticService::Instance.stop();
     socket.close();
     return recorded;

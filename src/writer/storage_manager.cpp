@@ -1,0 +1,419 @@
+#include "writer/storage_manager.hpp"
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "log/logger.hpp"
+#include "utils/str.hpp"
+
+namespace qm::writer {
+namespace {
+
+namespace fs = boost::filesystem;
+
+constexpr std::uint64_t NOT_MEASURED = std::numeric_limits<std::uint64_t>::max();
+
+class SpaceCalculator {
+public:
+    explicit SpaceCalculator(const std::string& path) : m_path(path) {}
+    virtual ~SpaceCalculator() = default;
+    virtual std::uint64_t used() const = 0;
+    virtual explicit operator bool() const = 0;
+
+protected:
+    const std::string& m_path;
+};
+
+// The volume that holds the path, as the file system reports it.
+class DiskSpaceCalculator : public SpaceCalculator {
+public:
+    using SpaceCalculator::SpaceCalculator;
+
+    static DiskSpaceCalculator calc(const std::string& path) {
+        DiskSpaceCalculator calculator(path);
+        try {
+            const fs::space_info space = fs::space(path);
+            calculator.capacity = space.capacity;
+            calculator.free = space.free;
+            calculator.available = space.available;
+        } catch (const std::exception& error) {
+            QM_LOG_ERROR("DISK_SPACE_CALCULATOR: failed to get space for \""
+                         << path << "\", error: " << error.what());
+        } catch (...) {
+            QM_LOG_ERROR("DISK_SPACE_CALCULATOR: failed to get space for \""
+                         << path << "\", error: unknown");
+        }
+        return calculator;
+    }
+
+    std::uint64_t used() const override { return capacity - free; }
+    explicit operator bool() const override { return capacity != 0; }
+
+    std::uint64_t capacity = 0;
+    std::uint64_t free = 0;
+    std::uint64_t available = 0;
+};
+
+// The regular files under the path, added up; symbolic links to directories are not followed.
+class PathSpaceCalculator : public SpaceCalculator {
+public:
+    explicit PathSpaceCalculator(const std::string& path) : SpaceCalculator(path) {
+        try {
+            std::uint64_t sum = 0;
+            for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path)) {
+                if (fs::is_regular_file(entry.status())) {
+                    sum += fs::file_size(entry.path());
+                }
+            }
+            m_used = sum;
+        } catch (const std::exception& error) {
+            QM_LOG_ERROR("PATH_SPACE_CALCULATOR: failed to get space for \""
+                         << path << "\", error: " << error.what());
+        } catch (...) {
+            QM_LOG_ERROR("PATH_SPACE_CALCULATOR: failed to get space for \""
+                         << path << "\", error: unknown");
+        }
+    }
+
+    std::uint64_t used() const override { return m_used; }
+    explicit operator bool() const override { return m_used != NOT_MEASURED; }
+
+private:
+    std::uint64_t m_used = NOT_MEASURED;
+};
+
+class SpaceChecker {
+public:
+    virtual SpaceStatus check(const DiskSpaceCalculator& disk) const = 0;
+    virtual SpaceStatus check(const PathSpaceCalculator& path) const = 0;
+    virtual ~SpaceChecker() = default;
+};
+
+class ByteSpaceChecker : public SpaceChecker {
+public:
+    explicit ByteSpaceChecker(std::uint64_t threshold) : m_threshold(threshold) {}
+
+    SpaceStatus check(const DiskSpaceCalculator& disk) const override {
+        return disk ? compare_bytes(disk.used(), m_threshold) : SpaceStatus::unknown;
+    }
+    SpaceStatus check(const PathSpaceCalculator& path) const override {
+        return path ? compare_bytes(path.used(), m_threshold) : SpaceStatus::unknown;
+    }
+
+private:
+    std::uint64_t m_threshold;
+};
+
+class PercentSpaceChecker : public SpaceChecker {
+public:
+    PercentSpaceChecker(double threshold, const std::string& storage)
+        : m_threshold(threshold), m_storage(storage) {}
+
+    SpaceStatus check(const DiskSpaceCalculator& disk) const override {
+        if (!disk) {
+            return SpaceStatus::unknown;
+        }
+        return compare_percent(used_percent(disk.used(), disk.used() + disk.available),
+                               m_threshold);
+    }
+    // The files' bytes against what the volume holds for the recorder, as for "df".
+    SpaceStatus check(const PathSpaceCalculator& path) const override {
+        if (!path) {
+            return SpaceStatus::unknown;
+        }
+        const DiskSpaceCalculator disk = DiskSpaceCalculator::calc(m_storage);
+        if (!disk) {
+            return SpaceStatus::unknown;
+        }
+        return compare_percent(used_percent(path.used(), disk.used() + disk.available),
+                               m_threshold);
+    }
+
+private:
+    double m_threshold;
+    const std::string& m_storage;
+};
+
+// Positive thresholds are bytes, the others percentages stored negated.
+std::unique_ptr<SpaceChecker> make_checker(long double threshold, const std::string& storage) {
+    if (threshold > 0) {
+        // Beyond 2^64 - 1 bytes nothing is ever exceeded; the conversion must not overflow.
+        const long double limit = static_cast<long double>(NOT_MEASURED);
+        return std::make_unique<ByteSpaceChecker>(
+            threshold >= limit ? NOT_MEASURED : static_cast<std::uint64_t>(threshold));
+    }
+    double percent = static_cast<double>(std::fabs(threshold));
+    if (percent > 100) {
+        QM_LOG_WARNING("PERCENT_SPACE_CHECKER: a value (" << percent
+                                                          << ") must not exceed 100%, setting "
+                                                             "the one to 100%");
+        percent = 100;
+    }
+    if (percent == 100) {
+        QM_LOG_WARNING(
+            "PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly recommended to "
+            "reduce the value");
+    }
+    return std::make_unique<PercentSpaceChecker>(percent, storage);
+}
+
+// Room reserved for a listing: days under the root, hours in a day, minutes in an hour.
+constexpr std::size_t DAYS_EXPECTED = 16;
+constexpr std::size_t HOURS_EXPECTED = 24;
+constexpr std::size_t MINUTES_EXPECTED = 60;
+
+// Appends the full path of every entry of the directory `path`, one level, unsorted.
+void get_path_content(const std::string& path, std::vector<std::string>& list) {
+    boost::system::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (!fs::exists(status)) {
+        QM_LOG_ERROR("STORAGE_MANAGER: path does not exist: " << path);
+        return;
+    }
+    if (!fs::is_directory(status)) {
+        QM_LOG_ERROR("STORAGE_MANAGER: path is not a directory: " << path);
+        return;
+    }
+    for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
+         entry.increment(error)) {
+        list.push_back(entry->path().string());
+    }
+}
+
+// The first directory of `path` by name: the oldest, since the tree's names sort in time order.
+// Plain files in the tree are never taken for a day, an hour or a minute.
+std::string get_path_content_top(const std::string& path, std::size_t expected) {
+    std::vector<std::string> list;
+    list.reserve(expected);
+    get_path_content(path, list);
+    std::sort(list.begin(), list.end());
+    boost::system::error_code error;
+    const auto oldest = std::find_if(list.begin(), list.end(), [&](const std::string& entry) {
+        return fs::is_directory(entry, error);
+    });
+    return oldest == list.end() ? std::string() : *oldest;
+}
+
+// Removes one file or one empty directory; a directory that still holds something stays, without
+// a word.
+bool remove_path(const std::string& path) {
+    boost::system::error_code error;
+    if (fs::remove(path, error)) {
+        return true;
+    }
+    if (error && error.value() != ENOTEMPTY) {
+        QM_LOG_ERROR("STORAGE_MANAGER: failed to remove, error: " << error.message());
+    }
+    return false;
+}
+
+std::string parent_of(const std::string& path) {
+    return fs::path(path).parent_path().string();
+}
+
+}  // namespace
+
+StorageManager::StorageManager(rc_ptr<Configuration> configuration)
+    : m_configuration(std::move(configuration)) {}
+
+StorageManager::~StorageManager() {
+    stop();
+}
+
+int StorageManager::start() {
+    if (m_configuration->storage_cleanup_policy == cleanup_policy::DISABLED) {
+        return 0;
+    }
+    return Thread::start();
+}
+
+int StorageManager::stop() {
+    if (!is_running()) {
+        return 0;
+    }
+    // The flag first: the thread, woken by the promise, reports it, and must see it cleared.
+    request_stop();
+    m_stop.set_value();
+    const int result = join();
+    if (result == 0) {
+        QM_LOG_SYSTEM("STORAGE_MANAGER: thread [" << ::gettid() << "] stopped");
+    } else {
+        QM_LOG_WARNING("STORAGE_MANAGER: thread [" << ::gettid() << "] stopped with error ("
+                                                   << result << ")");
+    }
+    return result;
+}
+
+// The wait is measured on the steady clock, so that a change of the wall clock neither skips nor
+// repeats a pass.
+void StorageManager::run() {
+    QM_LOG_SYSTEM("STORAGE_MANAGER: thread [" << ::gettid() << "] started");
+    const std::future<void> stopped = m_stop.get_future();
+    while (is_running()) {
+        const std::chrono::microseconds period(timer());
+        if (stopped.wait_for(period) != std::future_status::timeout) {
+            break;
+        }
+        cleanup();
+    }
+    QM_LOG_SYSTEM("STORAGE_MANAGER: received stop indication, running: "
+                  << (is_running() ? "true" : "false"));
+}
+
+std::uint64_t StorageManager::timer() const {
+    const std::uint64_t configured = m_configuration->storage_cleanup_timer;
+    if (configured != 0) {
+        return configured;
+    }
+    QM_LOG_WARNING("STORAGE_MANAGER: adjusted timer to default value (" << DEFAULT_TIMER_US << ")");
+    return DEFAULT_TIMER_US;
+}
+
+void StorageManager::cleanup() {
+    QM_LOG_SYSTEM("STORAGE_MANAGER: cleanup started");
+    do_cleanup();
+    QM_LOG_SYSTEM("STORAGE_MANAGER: cleanup stopped");
+}
+
+void StorageManager::do_cleanup() {
+    std::set<std::string> removed;
+    while (exceeded() && remove_oldest(removed)) {
+    }
+}
+
+bool StorageManager::exceeded() const {
+    const SpaceStatus status = check_space(*m_configuration);
+    if (status == SpaceStatus::unknown) {
+        QM_LOG_ERROR("STORAGE_MANAGER: space check status [unknown]: " << static_cast<int>(status));
+    }
+    return status == SpaceStatus::exceeded;
+}
+
+bool StorageManager::remove_oldest(std::set<std::string>& removed) {
+    switch (m_configuration->storage_cleanup_policy) {
+        case cleanup_policy::DISABLED:
+            QM_LOG_WARNING("STORAGE_MANAGER: cleanup is disabled");
+            return false;
+        case cleanup_policy::DAY: {
+            return remove_chosen(get_day_path_for_cleanup(), removed);
+        }
+        case cleanup_policy::HOUR: {
+            const std::string hour = get_hour_path_for_cleanup();
+            if (!remove_chosen(hour, removed)) {
+                return false;
+            }
+            remove_if_empty(parent_of(hour), removed);
+            return true;
+        }
+        case cleanup_policy::MINUTE: {
+            const std::string minute = get_minute_path_for_cleanup();
+            if (!remove_chosen(minute, removed)) {
+                return false;
+            }
+            remove_if_empty(parent_of(minute), removed);
+            remove_if_empty(parent_of(parent_of(minute)), removed);
+            return true;
+        }
+    }
+    QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup policy: "
+                 << static_cast<int>(m_configuration->storage_cleanup_policy));
+    return false;
+}
+
+// The chosen path goes into the set whether or not its removal worked: chosen again, it would
+// only fail again, so the pass ends there instead of going round for ever.
+bool StorageManager::remove_chosen(const std::string& path, std::set<std::string>& removed) {
+    if (path.empty()) {
+        return false;
+    }
+    if (!removed.insert(path).second) {
+        QM_LOG_ERROR("STORAGE_MANAGER: infinite removing loop detected for path: " << path);
+        return false;
+    }
+    boost::system::error_code error;
+    fs::remove_all(path, error);
+    if (error) {
+        QM_LOG_ERROR("STORAGE_MANAGER: failed to remove, error: " << error.message());
+        return true;
+    }
+    QM_LOG_SYSTEM("STORAGE_MANAGER: removed: " << path);
+    return true;
+}
+
+void StorageManager::remove_if_empty(const std::string& path, std::set<std::string>& removed) {
+    if (remove_path(path)) {
+        QM_LOG_SYSTEM("STORAGE_MANAGER: removed: " << path);
+        removed.insert(path);
+    }
+}
+
+std::string StorageManager::get_day_path_for_cleanup() const {
+    return get_path_content_top(m_configuration->storage, DAYS_EXPECTED);
+}
+
+std::string StorageManager::get_hour_path_for_cleanup() const {
+    const std::string day = get_day_path_for_cleanup();
+    return day.empty() ? std::string() : get_path_content_top(day, HOURS_EXPECTED);
+}
+
+std::string StorageManager::get_minute_path_for_cleanup() const {
+    const std::string hour = get_hour_path_for_cleanup();
+    return hour.empty() ? std::string() : get_path_content_top(hour, MINUTES_EXPECTED);
+}
+
+SpaceStatus check_space(const Configuration& configuration) {
+    const std::unique_ptr<SpaceChecker> checker =
+        make_checker(configuration.storage_cleanup_threshold, configuration.storage);
+    switch (configuration.storage_cleanup_algo) {
+        case cleanup_algo::DF:
+            return checker->check(DiskSpaceCalculator::calc(configuration.storage));
+        case cleanup_algo::DU:
+            return checker->check(PathSpaceCalculator(configuration.storage));
+    }
+    QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup algo ("
+                 << static_cast<int>(configuration.storage_cleanup_algo) << ")");
+    return SpaceStatus::unknown;
+}
+
+SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold) {
+    if (threshold <= used) {
+        QM_LOG_SYSTEM("STORAGE_MANAGER: space: used (" << used << ") >= threshold (" << threshold
+                                                       << "): exceeded");
+        return SpaceStatus::exceeded;
+    }
+    QM_LOG_SYSTEM("STORAGE_MANAGER: space: used (" << used << ") < threshold (" << threshold
+                                                   << "): good");
+    return SpaceStatus::good;
+}
+
+SpaceStatus compare_percent(double used, double threshold) {
+    const std::string used_text = utils::str::print_double<2>(used);
+    const std::string threshold_text = utils::str::print_double<2>(threshold);
+    if (threshold <= used) {
+        QM_LOG_SYSTEM("STORAGE_MANAGER: space: used (" << used_text << "%) >= threshold ("
+                                                       << threshold_text << "%): exceeded");
+        return SpaceStatus::exceeded;
+    }
+    QM_LOG_SYSTEM("STORAGE_MANAGER: space: used (" << used_text << "%) < threshold ("
+                                                   << threshold_text << "%): good");
+    return SpaceStatus::good;
+}
+
+double used_percent(std::uint64_t used, std::uint64_t base) {
+    if (base == 0) {
+        return 100;
+    }
+    return static_cast<double>(used) / static_cast<double>(base) * 100;
+}
+
+}  // namespace qm::writer

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <future>
+#include <set>
+#include <string>
+
+#include "core/rc_ptr.hpp"
+#include "core/thread.hpp"
+#include "writer/configuration.hpp"
+
+// Keeps the recording storage from filling up. Every cleanup period its thread measures the
+// storage (the volume, "df", or the files under it, "du") against the threshold and, while the
+// measure is at or above it, removes the oldest directory of the recording tree at the level the
+// policy names (a minute, an hour or a day), then the emptied parents, one directory per step,
+// measuring again after each. The tree's names sort in time order, so the oldest is the first by
+// name. A pass never removes the same directory twice: a removal that changed nothing ends it.
+//
+// Threads: built, started and stopped by the service's main thread, which also runs the first
+// pass itself before any thread starts. The thread only reads the configuration. It shares the
+// tree with the media writer without a lock: a leg whose directory is removed under it loses
+// its later buffers (counted by the writer).
+
+namespace qm::writer {
+
+// How full the storage is, as one pass of the storage manager measures it ("df": the volume
+// that holds it; "du": the files under it) against its threshold (bytes, or a percentage of
+// what the recorder may use). Every comparison is logged.
+enum class SpaceStatus : int {
+    // Below the threshold.
+    good = 0,
+    // At or above it.
+    exceeded = 1,
+    // The measure could not be taken.
+    unknown = 2,
+};
+
+// Measures the storage and compares it with the threshold, logging the comparison (and a
+// measuring error). Warns about a percentage above or at 100, which is then taken as 100.
+SpaceStatus check_space(const Configuration& configuration);
+
+// The comparisons, each logging its line: used bytes against a byte threshold, and a used
+// percentage against a percent threshold (both numbers with two decimals).
+SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold);
+SpaceStatus compare_percent(double used, double threshold);
+
+// `used` as a percentage of what the recorder may use: `used` plus `available`; 100 when that
+// is 0. Blocks reserved for the super-user count as neither, so 100% means nothing is left.
+double used_percent(std::uint64_t used, std::uint64_t base);
+
+class StorageManager : public Thread {
+public:
+    // The period when `storage_cleanup_timer` is 0.
+    static constexpr std::uint64_t DEFAULT_TIMER_US = 60'000'000;
+
+    explicit StorageManager(rc_ptr<Configuration> configuration);
+    ~StorageManager() override;
+
+    // Starts the thread, unless the policy is "disabled": then nothing starts and the result is
+    // 0. Otherwise the thread-creation result.
+    int start() override;
+    // Wakes the thread at once (not a pass in progress), joins it and logs how that went. Returns
+    // 0 at once when the thread is not running.
+    int stop() override;
+    // One pass every `timer()`, the first one period after the start.
+    void run() override;
+
+    // The period in microseconds; warns and gives DEFAULT_TIMER_US when it is configured as 0.
+    std::uint64_t timer() const;
+
+    // One pass between its "started" and "stopped" lines.
+    void cleanup();
+    void do_cleanup();
+
+    // The full path of the oldest directory of that level, or "" when there is none. Only the
+    // oldest day is looked into for hours, and only its oldest hour for minutes.
+    std::string get_day_path_for_cleanup() const;
+    std::string get_hour_path_for_cleanup() const;
+    std::string get_minute_path_for_cleanup() const;
+
+private:
+    // True when the storage is at or above the threshold now; false, after saying why, when it
+    // is below or cannot be measured.
+    bool exceeded() const;
+    // Removes the oldest directory of the policy's level and the parents it emptied; false when
+    // the pass must end.
+    bool remove_oldest(std::set<std::string>& removed);
+    // Removes `path` with everything in it, unless this pass chose it before.
+    bool remove_chosen(const std::string& path, std::set<std::string>& removed);
+    // Removes `path` if it is an empty directory now.
+    void remove_if_empty(const std::string& path, std::set<std::string>& removed);
+
+    rc_ptr<Configuration> m_configuration;
+    std::promise<void> m_stop;
+};
+
+}  // namespace qm::writer

@@ -1,0 +1,282 @@
+#include "writer/storage_manager.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "poll.hpp"
+#include "temp_directory.hpp"
+
+namespace qm::writer {
+namespace {
+
+using ::testing::ElementsAre;
+
+const std::string STARTED = "STORAGE_MANAGER: cleanup started";
+const std::string STOPPED = "STORAGE_MANAGER: cleanup stopped";
+
+class StorageManagerTest : public ::testing::Test {
+protected:
+    StorageManagerTest() {
+        configuration->storage = storage().string();
+        configuration->storage_cleanup_algo = cleanup_algo::DU;
+        std::filesystem::create_directories(storage());
+    }
+
+    // A file of `size` bytes at `relative` under the storage directory.
+    void file(const std::string& relative, std::size_t size) const {
+        std::filesystem::create_directories((storage() / relative).parent_path());
+        directory.write_file("storage/" + relative, std::string(size, 'm'));
+    }
+
+    std::string path(const std::string& relative) const { return (storage() / relative).string(); }
+    std::filesystem::path storage() const { return directory.path() / "storage"; }
+
+    std::vector<std::string> pass() {
+        StorageManager manager(configuration);
+        capture.clear();
+        manager.cleanup();
+        return capture.texts();
+    }
+
+    static std::string used(std::uint64_t bytes, std::uint64_t threshold) {
+        const bool over = threshold <= bytes;
+        return "STORAGE_MANAGER: space: used (" + std::to_string(bytes) + ")" +
+               (over ? " >= " : " < ") + "threshold (" + std::to_string(threshold) +
+               "): " + (over ? "exceeded" : "good");
+    }
+    std::string removed(const std::string& relative) const {
+        return "STORAGE_MANAGER: removed: " + path(relative);
+    }
+
+    test::TempDirectory directory;
+    test::LogCapture capture;
+    rc_ptr<Configuration> configuration = new Configuration();
+};
+
+TEST_F(StorageManagerTest, DisabledPolicyStartsNoThread) {
+    configuration->storage_cleanup_policy = cleanup_policy::DISABLED;
+    StorageManager manager(configuration);
+
+    EXPECT_EQ(manager.start(), 0);
+
+    EXPECT_FALSE(manager.is_running());
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+TEST_F(StorageManagerTest, TimerZeroWarnsOnEveryCallAndGivesTheDefault) {
+    configuration->storage_cleanup_timer = 0;
+    const StorageManager manager(configuration);
+
+    EXPECT_EQ(manager.timer(), 60'000'000u);
+    EXPECT_EQ(manager.timer(), 60'000'000u);
+
+    const std::string warning = "STORAGE_MANAGER: adjusted timer to default value (60000000)";
+    EXPECT_THAT(capture.texts(log::Level::WARNING), ElementsAre(warning, warning));
+    configuration->storage_cleanup_timer = 5;
+    EXPECT_EQ(manager.timer(), 5u);
+    EXPECT_EQ(capture.texts().size(), 2u);
+}
+
+TEST_F(StorageManagerTest, PassBelowTheThresholdOnlyMeasures) {
+    configuration->storage_cleanup_threshold = 1024.0L * 1024 * 1024;
+    file("2024-01-01/00/00/leg/media.qm", 100);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(100, 1073741824), STOPPED));
+}
+
+TEST_F(StorageManagerTest, DuOnAnEmptyStorageIsZeroAndGood) {
+    configuration->storage_cleanup_threshold = 1;
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(0, 1), STOPPED));
+}
+
+// A day holding one hour holding one minute: all three go, and the newer day stays.
+TEST_F(StorageManagerTest, MinutePolicyRemovesTheMinuteThenTheParentsItEmptied) {
+    configuration->storage_cleanup_policy = cleanup_policy::MINUTE;
+    configuration->storage_cleanup_threshold = 15;
+    file("2024-01-01/00/00/leg/media.qm", 10);
+    file("2024-01-02/05/07/leg/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(20, 15), removed("2024-01-01/00/00"),
+                                    removed("2024-01-01/00"), removed("2024-01-01"), used(10, 15),
+                                    STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-02/05/07/leg/media.qm"));
+}
+
+TEST_F(StorageManagerTest, MinutePolicyKeepsParentsThatStillHoldSomething) {
+    configuration->storage_cleanup_policy = cleanup_policy::MINUTE;
+    configuration->storage_cleanup_threshold = 15;
+    file("2024-01-01/00/00/leg/media.qm", 10);
+    file("2024-01-01/00/01/leg/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(20, 15), removed("2024-01-01/00/00"),
+                                    used(10, 15), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/01/leg/media.qm"));
+}
+
+TEST_F(StorageManagerTest, HourPolicyRemovesOldestHoursUntilBelowTheThreshold) {
+    configuration->storage_cleanup_policy = cleanup_policy::HOUR;
+    configuration->storage_cleanup_threshold = 25;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/01/00/b/media.qm", 10);
+    file("2024-01-02/00/00/c/media.qm", 10);
+    file("2024-01-02/03/00/d/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(40, 25), removed("2024-01-01/00"), used(30, 25),
+                                    removed("2024-01-01/01"), removed("2024-01-01"), used(20, 25),
+                                    STOPPED));
+}
+
+TEST_F(StorageManagerTest, DayPolicyRemovesTheOldestDayWhole) {
+    configuration->storage_cleanup_policy = cleanup_policy::DAY;
+    configuration->storage_cleanup_threshold = 25;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/07/30/b/media.qm", 10);
+    file("2024-01-02/00/00/c/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(30, 25), removed("2024-01-01"), used(10, 25), STOPPED));
+}
+
+TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesNothing) {
+    configuration->storage_cleanup_policy = cleanup_policy::HOUR;
+    configuration->storage_cleanup_threshold = 1;
+    file("2024-01-01/notes.txt", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/notes.txt"));
+}
+
+TEST_F(StorageManagerTest, DisabledPolicyThatFindsTheStorageFullSaysSo) {
+    configuration->storage_cleanup_policy = cleanup_policy::DISABLED;
+    configuration->storage_cleanup_threshold = 1;
+    file("2024-01-01/00/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), "STORAGE_MANAGER: cleanup is disabled", STOPPED));
+}
+
+TEST_F(StorageManagerTest, MissingStorageCannotBeMeasured) {
+    std::filesystem::remove(storage());
+    configuration->storage_cleanup_threshold = 1;
+
+    const std::vector<std::string> by_files = pass();
+    ASSERT_EQ(by_files.size(), 4u);
+    EXPECT_EQ(by_files[1].rfind("PATH_SPACE_CALCULATOR: failed to get space for \"" +
+                                    storage().string() + "\", error: ",
+                                0),
+              0u)
+        << by_files[1];
+    EXPECT_EQ(by_files[2], "STORAGE_MANAGER: space check status [unknown]: 2");
+
+    configuration->storage_cleanup_algo = cleanup_algo::DF;
+    const std::vector<std::string> by_volume = pass();
+    ASSERT_EQ(by_volume.size(), 4u);
+    EXPECT_EQ(by_volume[1].rfind("DISK_SPACE_CALCULATOR: failed to get space for \"" +
+                                     storage().string() + "\", error: ",
+                                 0),
+              0u)
+        << by_volume[1];
+    EXPECT_EQ(by_volume[2], "STORAGE_MANAGER: space check status [unknown]: 2");
+}
+
+TEST_F(StorageManagerTest, ThresholdAbove100PercentIsTakenAs100WithTwoWarnings) {
+    configuration->storage_cleanup_threshold = -150;
+    configuration->storage_cleanup_algo = cleanup_algo::DF;
+
+    pass();
+
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre("PERCENT_SPACE_CHECKER: a value (150) must not exceed 100%, setting "
+                            "the one to 100%",
+                            "PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly "
+                            "recommended to reduce the value"));
+    EXPECT_THAT(capture.texts(),
+                ::testing::Contains(::testing::EndsWith("%) < threshold (100.00%): good")));
+}
+
+TEST_F(StorageManagerTest, ThresholdOf100PercentWarnsOnce) {
+    configuration->storage_cleanup_threshold = -100;
+
+    pass();
+
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre("PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly "
+                            "recommended to reduce the value"));
+}
+
+// 0% is reached by every measure; with nothing to remove the pass ends.
+TEST_F(StorageManagerTest, ThresholdZeroIsZeroPercentWhichIsAlwaysExceeded) {
+    configuration->storage_cleanup_threshold = 0;
+    configuration->storage_cleanup_algo = cleanup_algo::DF;
+
+    const std::vector<std::string> texts = pass();
+
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_THAT(texts[1], ::testing::EndsWith("%) >= threshold (0.00%): exceeded"));
+}
+
+TEST_F(StorageManagerTest, ThresholdOfTenGigabytesIsABytesThreshold) {
+    configuration->storage_cleanup_threshold = 10.0L * 1024 * 1024 * 1024;
+    file("a/b", 7);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(7, 10737418240ULL), STOPPED));
+}
+
+TEST(SpaceComparisonTest, PercentagesShowTwoDecimals) {
+    test::LogCapture capture;
+
+    EXPECT_EQ(compare_percent(95, 90), SpaceStatus::exceeded);
+    EXPECT_EQ(compare_percent(89.994, 90), SpaceStatus::good);
+
+    EXPECT_THAT(capture.texts(),
+                ElementsAre("STORAGE_MANAGER: space: used (95.00%) >= threshold (90.00%): exceeded",
+                            "STORAGE_MANAGER: space: used (89.99%) < threshold (90.00%): good"));
+}
+
+TEST(SpaceComparisonTest, BytesAtTheThresholdAreExceeded) {
+    test::LogCapture capture;
+    EXPECT_EQ(compare_bytes(100, 100), SpaceStatus::exceeded);
+    EXPECT_EQ(compare_bytes(99, 100), SpaceStatus::good);
+}
+
+TEST(SpaceComparisonTest, NothingUsableIsAHundredPercent) {
+    EXPECT_EQ(used_percent(0, 0), 100.0);
+    EXPECT_EQ(used_percent(50, 200), 25.0);
+    EXPECT_EQ(used_percent(95, 100), 95.0);
+}
+
+TEST_F(StorageManagerTest, StopWakesTheThreadAtOnceBetweenPasses) {
+    configuration->storage_cleanup_timer = 3'600'000'000ULL;  // an hour
+    StorageManager manager(configuration);
+
+    ASSERT_EQ(manager.start(), 0);
+    ASSERT_TRUE(capture.wait_for("STORAGE_MANAGER: thread ["));
+    ASSERT_EQ(manager.stop(), 0);
+
+    const std::vector<std::string> texts = capture.texts();
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_THAT(texts[0], ::testing::MatchesRegex(R"(STORAGE_MANAGER: thread \[[0-9]+\] started)"));
+    EXPECT_EQ(texts[1], "STORAGE_MANAGER: received stop indication, running: false");
+    EXPECT_THAT(texts[2], ::testing::MatchesRegex(R"(STORAGE_MANAGER: thread \[[0-9]+\] stopped)"));
+    EXPECT_EQ(manager.stop(), 0);
+}
+
+TEST_F(StorageManagerTest, ThreadRunsAPassEveryPeriod) {
+    configuration->storage_cleanup_timer = 1000;  // 1 ms
+    configuration->storage_cleanup_threshold = 1;
+    StorageManager manager(configuration);
+
+    ASSERT_EQ(manager.start(), 0);
+    ASSERT_TRUE(test::poll_until([&] { return capture.count(STOPPED) >= 3; },
+                                 std::chrono::milliseconds(5000)));
+    ASSERT_EQ(manager.stop(), 0);
+
+    EXPECT_EQ(capture.count(STARTED), capture.count(STOPPED));
+}
+
+}  // namespace
+}  // namespace qm::writer

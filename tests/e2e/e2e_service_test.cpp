@@ -261,6 +261,9 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLogUntilStopped)
                       "CONFIGURATION: option [port] is set to [" + std::to_string(chosen) + "]\n"),
         daemon_system("configuration.cpp",
                       "CONFIGURATION: option [storage] is set to [" + storage().string() + "]\n"),
+        daemon_system("storage_manager.cpp", "STORAGE_MANAGER: cleanup started\n"),
+        daemon_system("storage_manager.cpp", "STORAGE_MANAGER: space: used ("),
+        daemon_system("storage_manager.cpp", "STORAGE_MANAGER: cleanup stopped\n"),
         daemon_system("media_buffer_pool.cpp",
                       "MEDIA_BUFFER_POOL: allocated (4000) buffers of (64128) bytes each including "
                       "(64088) bytes of media part\n"),
@@ -273,6 +276,10 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLogUntilStopped)
                       "PACKETS_READER: thread [" + std::to_string(daemon) + "] stopped\n"),
         daemon_system("media_writer.cpp",
                       "MEDIA_WRITER: thread [" + std::to_string(daemon) + "] stopped\n"),
+        daemon_system("storage_manager.cpp",
+                      "STORAGE_MANAGER: received stop indication, running: false\n"),
+        daemon_system("storage_manager.cpp",
+                      "STORAGE_MANAGER: thread [" + std::to_string(daemon) + "] stopped\n"),
         daemon_system("statistic_service.cpp",
                       "STATISTIC_SERVICE: thread [" + std::to_string(daemon) + "] stopped\n"),
         daemon_system("app_service.cpp", main_thread + "stopped\n"),
@@ -291,6 +298,7 @@ TEST_F(DaemonE2eTest, ParentExitsZeroAndTheDaemonLogsToTheSystemLogUntilStopped)
     };
     take_record("media_writer.cpp:", "MEDIA_WRITER: thread [");
     take_record("statistic_service.cpp:", "STATISTIC_SERVICE: thread [");
+    take_record("storage_manager.cpp:", "STORAGE_MANAGER: thread [");
     take_record("statistic_service.cpp:",
                 " quillmarwriter:" + std::to_string(chosen) + " statistic ");
     ASSERT_EQ(records.size(), expected_in_order.size());

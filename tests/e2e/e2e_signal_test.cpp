@@ -21,6 +21,7 @@
 #include "orphan_reaper.hpp"
 #include "packet_encoder.hpp"
 #include "recorder_e2e.hpp"
+#include "syslog_listener.hpp"
 
 namespace qm::test {
 namespace {
@@ -97,6 +98,8 @@ protected:
 // of the configuration echo and then waited for the system log's lock, which its own thread held.
 TEST_F(SignalE2eTest, DetachedRecorderStoppedAsSoonAsItsPidFileAppearsAlwaysEnds) {
     OrphanReaper reaper;
+    // No other test may listen on /dev/log meanwhile: the daemons' records would land there.
+    const DevLogLock dev_log;
     // No listener on /dev/log: on a machine without a system logger every syslog() call fails to
     // connect and falls back to the console, which holds the system log's lock long enough for a
     // stop to land inside it (a handler that logged itself hung in the first run here).

@@ -43,9 +43,16 @@ bool is_stale_socket() {
 
 }  // namespace
 
+DevLogLock::DevLogLock() : m_fd(::open(LOCK_PATH, O_CREAT | O_RDWR | O_CLOEXEC, 0666)) {
+    ::flock(m_fd, LOCK_EX);
+}
+
+DevLogLock::~DevLogLock() {
+    ::flock(m_fd, LOCK_UN);
+    ::close(m_fd);
+}
+
 SyslogListener::SyslogListener() {
-    m_lock = ::open(LOCK_PATH, O_CREAT | O_RDWR | O_CLOEXEC, 0666);
-    ::flock(m_lock, LOCK_EX);
     if (is_stale_socket()) {
         ::unlink(DEV_LOG);
     }
@@ -73,8 +80,6 @@ SyslogListener::~SyslogListener() {
         ::close(m_socket);
         ::unlink(DEV_LOG);
     }
-    ::flock(m_lock, LOCK_UN);
-    ::close(m_lock);
 }
 
 bool SyslogListener::wait_for_record(const std::string& fragment,

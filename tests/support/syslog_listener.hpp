@@ -19,6 +19,21 @@ namespace qm::test {
 // /dev/log. Threads: created and used by the test's thread; a reader thread of its own drains the
 // socket all the time (a sender blocks once a few records are queued unread) and appends to the
 // records under a mutex.
+// The exclusive lock on /dev/log that test processes take turns on, held for the object's
+// lifetime. Tests that let daemons log without a listener hold it too, so that their records never
+// land in another test's listener.
+class DevLogLock {
+public:
+    DevLogLock();
+    ~DevLogLock();
+
+    DevLogLock(const DevLogLock&) = delete;
+    DevLogLock& operator=(const DevLogLock&) = delete;
+
+private:
+    int m_fd;
+};
+
 class SyslogListener {
 public:
     SyslogListener();
@@ -39,7 +54,7 @@ private:
     bool contains(const std::string& fragment) const;
     void run();
 
-    int m_lock = -1;
+    DevLogLock m_lock;
     int m_socket = -1;
     // Set by the destructor, read by the reader thread; relaxed: it only asks the thread to end,
     // and the join orders everything else.

@@ -1,0 +1,158 @@
+// Storage cleanup on the running recorder, over a storage tree the test fills itself and measures
+// with the "du" algorithm, so that the numbers are the test's own.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "packet_encoder.hpp"
+#include "recorder_e2e.hpp"
+
+namespace qm::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The default start packet's leg lands under 2021-10-11/12/17, newer than every day below.
+const std::string LEG_FILE = "2021-10-11/12/17/00112233-4455-6677-8899-aabbccddeeff/media.qm";
+
+class CleanupE2eTest : public RecorderE2eTest {
+protected:
+    void file(const std::string& relative, std::size_t size) const {
+        std::filesystem::create_directories((storage() / relative).parent_path());
+        directory.write_file("storage/" + relative, std::string(size, 'r'));
+    }
+
+    std::string removed(const std::string& relative) const {
+        return "STORAGE_MANAGER: removed: " + (storage() / relative).string();
+    }
+
+    std::vector<std::string> storage_texts(const ChildProcess& process) const {
+        std::vector<std::string> selected;
+        for (const LogLine& line : log_lines(process)) {
+            if (line.file == "storage_manager.cpp") {
+                selected.push_back(line.text);
+            }
+        }
+        return selected;
+    }
+};
+
+// Three minutes of 1000 bytes each against a threshold of 2500: the first pass, at start, removes
+// the oldest minute only (its hour still holds another); a recorded leg then tips the measure over
+// again, and a later pass removes the next minute with its emptied hour and day. The newest day and
+// the leg being recorded stay.
+TEST_F(CleanupE2eTest, PassesRemoveTheOldestMinutesUntilBelowTheThreshold) {
+    file("2020-01-01/00/00/a/media.qm", 1000);
+    file("2020-01-01/00/01/b/media.qm", 1000);
+    file("2020-01-02/10/30/c/media.qm", 1000);
+    ChildProcess& process = start_recorder(
+        "storage_cleanup_algo = du\nstorage_cleanup_policy = minute\n"
+        "storage_cleanup_threshold = 2500\nstorage_cleanup_timer = 1s\n");
+    ASSERT_TRUE(process.wait_for_line(removed("2020-01-01/00/00"), TIMEOUT));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2020-01-01/00/01/b/media.qm"));
+
+    // A leg of 48 + 4 x 332 = 1376 bytes: 2000 + 1376 is over the threshold again.
+    send(encode_start());
+    for (std::uint32_t seq = 1; seq <= 4; ++seq) {
+        DataFields data;
+        data.seq = seq;
+        data.off = (seq - 1) * 160;
+        data.header.mt = 1000 + 20 * seq;
+        data.payload.assign(160, 7);
+        send(encode_data(data));
+    }
+    send(encode_terminate());
+    ASSERT_TRUE(poll_until(
+        [&] {
+            std::error_code error;
+            return std::filesystem::file_size(storage() / LEG_FILE, error) == 1376;
+        },
+        TIMEOUT));
+    ASSERT_TRUE(poll_until(
+        [&] {
+            const std::vector<std::string> texts = storage_texts(process);
+            return std::find(texts.begin(), texts.end(), removed("2020-01-01")) != texts.end();
+        },
+        TIMEOUT))
+        << process.standard_error();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    const std::vector<std::string> texts = storage_texts(process);
+    const std::vector<std::string> removals = [&] {
+        std::vector<std::string> only;
+        for (const std::string& text : texts) {
+            if (text.rfind("STORAGE_MANAGER: removed: ", 0) == 0) {
+                only.push_back(text);
+            }
+        }
+        return only;
+    }();
+    EXPECT_EQ(removals,
+              (std::vector<std::string>{removed("2020-01-01/00/00"), removed("2020-01-01/00/01"),
+                                        removed("2020-01-01/00"), removed("2020-01-01")}));
+    EXPECT_EQ(texts[0], "STORAGE_MANAGER: cleanup started");
+    EXPECT_EQ(texts[1], "STORAGE_MANAGER: space: used (3000) >= threshold (2500): exceeded");
+    EXPECT_EQ(texts[2], removed("2020-01-01/00/00"));
+    EXPECT_EQ(texts[3], "STORAGE_MANAGER: space: used (2000) < threshold (2500): good");
+    EXPECT_EQ(texts[4], "STORAGE_MANAGER: cleanup stopped");
+    const auto exceeded_again =
+        std::find(texts.begin(), texts.end(),
+                  "STORAGE_MANAGER: space: used (3376) >= threshold (2500): exceeded");
+    ASSERT_NE(exceeded_again, texts.end());
+    EXPECT_EQ(*(exceeded_again + 1), removed("2020-01-01/00/01"));
+    EXPECT_EQ(*(exceeded_again + 4),
+              "STORAGE_MANAGER: space: used (2376) < threshold (2500): good");
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2020-01-02/10/30/c/media.qm"));
+    EXPECT_EQ(std::filesystem::file_size(storage() / LEG_FILE), 1376u);
+}
+
+// Root removes anything, so the recorder runs as nobody over a day directory that only root may
+// change: the removal fails, the same day comes up again and the pass ends there.
+TEST_F(CleanupE2eTest, DirectoryThatCannotBeRemovedEndsThePassAndTheRecorderStaysUp) {
+    file("2020-01-01/00/00/a/media.qm", 1000);
+    const std::string config = directory.write_file(
+        "writer.conf", "storage = " + storage().string() +
+                           "\nport = " + std::to_string(pick_port()) +
+                           "\nstorage_cleanup_algo = du\nstorage_cleanup_policy = day\n"
+                           "storage_cleanup_threshold = 10\nstorage_cleanup_timer = 1h\n");
+    ChildProcess& process = start_unprivileged({"--config", config});
+    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
+
+    EXPECT_FALSE(process.wait_exit(0ms).has_value()) << "the recorder did not stay up";
+    const ExitStatus status = stop(process);
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    const std::vector<std::string> texts = storage_texts(process);
+    ASSERT_GE(texts.size(), 7u) << process.standard_error();
+    EXPECT_EQ(texts[1], "STORAGE_MANAGER: space: used (1000) >= threshold (10): exceeded");
+    EXPECT_EQ(texts[2].rfind("STORAGE_MANAGER: failed to remove, error: ", 0), 0u) << texts[2];
+    EXPECT_EQ(texts[3], "STORAGE_MANAGER: space: used (1000) >= threshold (10): exceeded");
+    EXPECT_EQ(texts[4], "STORAGE_MANAGER: infinite removing loop detected for path: " +
+                            (storage() / "2020-01-01").string());
+    EXPECT_EQ(texts[5], "STORAGE_MANAGER: cleanup stopped");
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2020-01-01/00/00/a/media.qm"));
+}
+
+TEST_F(CleanupE2eTest, DisabledPolicyStartsNoThreadAndRemovesNothing) {
+    file("2020-01-01/00/00/a/media.qm", 1000);
+    ChildProcess& process = start_recorder(
+        "storage_cleanup_algo = du\nstorage_cleanup_policy = disabled\n"
+        "storage_cleanup_threshold = 10\nstorage_cleanup_timer = 1s\n");
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_EQ(storage_texts(process),
+              (std::vector<std::string>{
+                  "STORAGE_MANAGER: cleanup started",
+                  "STORAGE_MANAGER: space: used (1000) >= threshold (10): exceeded",
+                  "STORAGE_MANAGER: cleanup is disabled", "STORAGE_MANAGER: cleanup stopped"}));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2020-01-01/00/00/a/media.qm"));
+}
+
+}  // namespace
+}  // namespace qm::test

@@ -282,9 +282,13 @@ TEST_F(RecorderFailureE2eTest, PortInUseExitsOneAfterTheBindError) {
         return std::regex_match(line, bind_error);
     });
     ASSERT_NE(bind_failed, lines.end()) << process.standard_error();
-    // The report thread had been started before the socket was opened: it logged its start and
-    // its first report (on its own thread, so before or after the bind error), and it is stopped
-    // before the main thread's last line.
+    // The cleanup and report threads had been started before the socket was opened: they logged
+    // their start (and the report its first report) on their own threads, so before or after the
+    // bind error, and they are stopped before the main thread's last line.
+    const long cleanup_started = line_index(lines, "STORAGE_MANAGER: thread [");
+    EXPECT_GE(cleanup_started, 0) << process.standard_error();
+    EXPECT_GE(line_index(lines, "STORAGE_MANAGER: received stop indication, running: false"),
+              cleanup_started);
     const long started = line_index(lines, "STATISTIC_SERVICE: thread [");
     const long reported =
         line_index(lines, " quillmarwriter:" + std::to_string(taken) + " statistic ");

@@ -13,7 +13,7 @@
 
 #include "media/data_packet.hpp"
 #include "media/start_packet.hpp"
-#include "packet_encoder.hpp"
+#include "packet_bytes.hpp"
 #include "temp_directory.hpp"
 #include "writer/media_buffer_pool.hpp"
 #include "writer/media_writer.hpp"
@@ -38,11 +38,11 @@ void BM_OnSessionMedia(benchmark::State& state) {
         state.SkipWithError("the media writer did not start");
         return;
     }
-    test::PacketBytes start(test::encode_start());
+    test::PacketBytes start(media::encode_start());
     manager.on_packet(start.as<media::StartPacket>());
-    test::DataFields fields;
+    media::DataFields fields;
     fields.payload.assign(160, 0x1234);
-    test::PacketBytes data(test::encode_data(fields));
+    test::PacketBytes data(media::encode_data(fields));
     auto& packet = data.as<media::DataPacket>();
 
     for (auto _ : state) {
@@ -65,7 +65,7 @@ void BM_MediaWriterAppend(benchmark::State& state) {
     writer::MediaBufferPool pool(1, BUFFER_BYTES, pool_statistic);
     writer::MediaWriterStatistic statistic;
     writer::MediaWriter media_writer(configuration, pool, statistic);
-    test::PacketBytes start(test::encode_start());
+    test::PacketBytes start(media::encode_start());
     const std::string path = (directory.path() / "leg" / "media.qm").string();
     const rc_ptr<writer::WritingSession> session =
         new writer::WritingSession(start.as<media::StartPacket>(), 0, path);

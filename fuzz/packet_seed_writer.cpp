@@ -13,44 +13,44 @@
 #include <utility>
 #include <vector>
 
+#include "media/packet_encoder.hpp"
 #include "media/packet_header.hpp"
-#include "packet_encoder.hpp"
 
 namespace {
 
 namespace media = qm::media;
-using qm::test::Datagram;
+using qm::media::Datagram;
 
 std::vector<std::pair<std::string, Datagram>> seeds() {
-    qm::test::StartFields start_with_rule;
+    qm::media::StartFields start_with_rule;
     start_with_rule.header.flags =
         media::FLAG_START_RULE | media::FLAG_START_N | media::FLAG_OUTBOUND;
     start_with_rule.rule = 42;
     start_with_rule.ft = {0xff, 0x3c};
-    qm::test::StartFields start_empty_call_id;
+    qm::media::StartFields start_empty_call_id;
     start_empty_call_id.call_id = "";
-    qm::test::DataFields data_empty;
+    qm::media::DataFields data_empty;
     data_empty.payload = {};
-    qm::test::DataFields data_outbound;
+    qm::media::DataFields data_outbound;
     data_outbound.header.flags = media::FLAG_DATA_S | media::FLAG_OUTBOUND;
     data_outbound.seq = 2;
     data_outbound.off = 160;
     data_outbound.payload.assign(160, 0x1234);
-    qm::test::ControlFields control_with_ft;
+    qm::media::ControlFields control_with_ft;
     control_with_ft.ft = {{0xa8, 0x54}};
-    qm::test::ControlFields control_byte7;
+    qm::media::ControlFields control_byte7;
     control_byte7.header.flags = media::FLAG_CONTROL_FT | 0x0300;  // byte 7 set: no ft after all
     return {
-        {"start", qm::test::encode_start()},
-        {"start_rule", qm::test::encode_start(start_with_rule)},
-        {"start_empty_call_id", qm::test::encode_start(start_empty_call_id)},
-        {"data", qm::test::encode_data()},
-        {"data_empty", qm::test::encode_data(data_empty)},
-        {"data_outbound", qm::test::encode_data(data_outbound)},
-        {"control", qm::test::encode_control()},
-        {"control_ft", qm::test::encode_control(control_with_ft)},
-        {"control_byte7", qm::test::encode_control(control_byte7)},
-        {"terminate", qm::test::encode_terminate()},
+        {"start", qm::media::encode_start()},
+        {"start_rule", qm::media::encode_start(start_with_rule)},
+        {"start_empty_call_id", qm::media::encode_start(start_empty_call_id)},
+        {"data", qm::media::encode_data()},
+        {"data_empty", qm::media::encode_data(data_empty)},
+        {"data_outbound", qm::media::encode_data(data_outbound)},
+        {"control", qm::media::encode_control()},
+        {"control_ft", qm::media::encode_control(control_with_ft)},
+        {"control_byte7", qm::media::encode_control(control_byte7)},
+        {"terminate", qm::media::encode_terminate()},
     };
 }
 

@@ -9,10 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "packet_encoder.hpp"
+#include "media/packet_encoder.hpp"
 #include "recorder_e2e.hpp"
 
 namespace qm::test {
+
+// The packet encoder's fields and functions.
+using namespace media;
 namespace {
 
 using namespace std::chrono_literals;

@@ -16,12 +16,15 @@
 #include <thread>
 #include <vector>
 
+#include "media/packet_encoder.hpp"
 #include "net/net_address.hpp"
 #include "net/net_socket.hpp"
-#include "packet_encoder.hpp"
 #include "recorder_e2e.hpp"
 
 namespace qm::test {
+
+// The packet encoder's fields and functions.
+using namespace media;
 namespace {
 
 using Clock = std::chrono::steady_clock;

@@ -13,11 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "media/packet_encoder.hpp"
 #include "net/net_socket.hpp"
-#include "packet_encoder.hpp"
 #include "recorder_e2e.hpp"
 
 namespace qm::test {
+
+// The packet encoder's fields and functions.
+using namespace media;
 namespace {
 
 const std::string UUID_TEXT = "00112233-4455-6677-8899-aabbccddeeff";

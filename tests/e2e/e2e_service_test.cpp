@@ -7,12 +7,15 @@
 #include <filesystem>
 #include <regex>
 
+#include "media/packet_encoder.hpp"
 #include "orphan_reaper.hpp"
-#include "packet_encoder.hpp"
 #include "recorder_e2e.hpp"
 #include "syslog_listener.hpp"
 
 namespace qm::test {
+
+// The packet encoder's fields and functions.
+using namespace media;
 namespace {
 
 using ServiceE2eTest = RecorderE2eTest;

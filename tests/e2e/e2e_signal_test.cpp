@@ -16,14 +16,17 @@
 #include <thread>
 #include <vector>
 
+#include "media/packet_encoder.hpp"
 #include "net/net_address.hpp"
 #include "net/net_socket.hpp"
 #include "orphan_reaper.hpp"
-#include "packet_encoder.hpp"
 #include "recorder_e2e.hpp"
 #include "syslog_listener.hpp"
 
 namespace qm::test {
+
+// The packet encoder's fields and functions.
+using namespace media;
 namespace {
 
 using namespace std::chrono_literals;

@@ -11,13 +11,13 @@
 #include <vector>
 
 #include "log_capture.hpp"
-#include "packet_encoder.hpp"
+#include "media/packet_encoder.hpp"
 
 namespace qm::io {
 namespace {
 
-using test::DataFields;
-using test::Datagram;
+using media::DataFields;
+using media::Datagram;
 using ::testing::ElementsAre;
 
 constexpr std::uint64_t SYNC_MT = 500;
@@ -35,11 +35,11 @@ DataFields frame(std::uint16_t side, std::uint32_t off, std::uint64_t mt,
 // A file as the recorder writes it: the header of the default start packet (sync mt 500), then
 // the frames.
 Datagram file_of(const std::vector<DataFields>& frames) {
-    test::StartFields start;
+    media::StartFields start;
     start.sync_mt = SYNC_MT;
-    Datagram bytes = test::encode_file_header(start);
+    Datagram bytes = media::encode_file_header(start);
     for (const DataFields& data : frames) {
-        const Datagram encoded = test::encode_frame(data, SYNC_MT);
+        const Datagram encoded = media::encode_frame(data, SYNC_MT);
         bytes.insert(bytes.end(), encoded.begin(), encoded.end());
     }
     return bytes;
@@ -274,7 +274,7 @@ TEST(QuillmarFormatTest, RecordsReadTheFieldsFromTheirBytes) {
     EXPECT_EQ(session.ts, 0x1122334455667788ULL);
     EXPECT_EQ(session.sync_ts, 0x0102030405060708ULL);
     EXPECT_EQ(session.sync_mt, 0x0A0B0C0D0E0F1011ULL);
-    EXPECT_EQ(std::memcmp(session.uuid, test::DEFAULT_UUID.data(), 16), 0);
+    EXPECT_EQ(std::memcmp(session.uuid, media::DEFAULT_UUID.data(), 16), 0);
     EXPECT_EQ(first.side, 1);
     EXPECT_EQ(first.reserved, 0);
     EXPECT_EQ(first.num, 2);
@@ -312,14 +312,14 @@ TEST(QuillmarFormatTest, StreamDeliversTheFramesOfTheBytes) {
 
 // The encoder the writer's tests rely on spells the same bytes from the same fields.
 TEST(QuillmarFormatTest, SharedEncoderSpellsTheSameBytes) {
-    test::StartFields start;
+    media::StartFields start;
     start.ts = 0x1122334455667788ULL;
     start.sync_ts = 0x0102030405060708ULL;
     start.sync_mt = 0x0A0B0C0D0E0F1011ULL;
-    Datagram bytes = test::encode_file_header(start);
+    Datagram bytes = media::encode_file_header(start);
     for (const DataFields& data : {frame(1, 0xA1B2C3D4u, start.sync_mt + 0x10203, {0x55AA, 0x1234}),
                                    frame(0, 0x10, start.sync_mt + 0xFFFFFFFEu, {0xBEEF})}) {
-        const Datagram encoded = test::encode_frame(data, start.sync_mt);
+        const Datagram encoded = media::encode_frame(data, start.sync_mt);
         bytes.insert(bytes.end(), encoded.begin(), encoded.end());
     }
 

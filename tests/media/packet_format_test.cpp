@@ -8,7 +8,7 @@
 #include "media/packet_header.hpp"
 #include "media/start_packet.hpp"
 #include "media/terminate_packet.hpp"
-#include "packet_encoder.hpp"
+#include "packet_bytes.hpp"
 
 namespace qm::media {
 namespace {
@@ -16,11 +16,11 @@ namespace {
 using test::PacketBytes;
 
 TEST(PacketHeaderTest, FieldsReadInPlaceMatchTheEncodedValues) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.flags = 0x2301;
     fields.header.id = 0xfedcba9876543210ULL;
     fields.header.mt = 0x1122334455667788ULL;
-    PacketBytes bytes(test::encode_terminate(fields));
+    PacketBytes bytes(media::encode_terminate(fields));
     const PacketHeader& header = bytes.as<PacketHeader>();
     EXPECT_EQ(header.marker, PACKET_MARKER);
     EXPECT_EQ(header.type, static_cast<std::uint8_t>(PacketType::TERMINATE));
@@ -29,22 +29,22 @@ TEST(PacketHeaderTest, FieldsReadInPlaceMatchTheEncodedValues) {
     EXPECT_EQ(header.id, 0xfedcba9876543210ULL);
     EXPECT_EQ(header.mt, 0x1122334455667788ULL);
     EXPECT_EQ(std::vector<std::uint8_t>(header.uuid, header.uuid + 16),
-              std::vector<std::uint8_t>(test::DEFAULT_UUID.begin(), test::DEFAULT_UUID.end()));
+              std::vector<std::uint8_t>(media::DEFAULT_UUID.begin(), media::DEFAULT_UUID.end()));
     EXPECT_EQ(header.side(), 1);
     EXPECT_TRUE(header.is_outbound());
     EXPECT_EQ(header.flags_high_byte(), 0x23);
 }
 
 TEST(PacketHeaderTest, SideIsBitZeroOfTheFlags) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.flags = 0xfffe;
-    PacketBytes bytes(test::encode_terminate(fields));
+    PacketBytes bytes(media::encode_terminate(fields));
     EXPECT_EQ(bytes.as<PacketHeader>().side(), 0);
     EXPECT_FALSE(bytes.as<PacketHeader>().is_outbound());
 }
 
 TEST(PacketHeaderTest, MarkerIsFf00Ff00OnTheWire) {
-    const test::Datagram datagram = test::encode_terminate();
+    const media::Datagram datagram = media::encode_terminate();
     EXPECT_EQ(std::vector<std::uint8_t>(datagram.begin(), datagram.begin() + 4),
               (std::vector<std::uint8_t>{0xFF, 0x00, 0xFF, 0x00}));
     PacketBytes bytes(datagram);
@@ -52,9 +52,9 @@ TEST(PacketHeaderTest, MarkerIsFf00Ff00OnTheWire) {
 }
 
 TEST(PacketHeaderTest, BigEndianMarkerDoesNotReadAsTheMarker) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.marker = 0xFF00FF00;  // the marker's bytes in the wrong order: 00 FF 00 FF
-    const test::Datagram datagram = test::encode_terminate(fields);
+    const media::Datagram datagram = media::encode_terminate(fields);
     EXPECT_EQ(std::vector<std::uint8_t>(datagram.begin(), datagram.begin() + 4),
               (std::vector<std::uint8_t>{0x00, 0xFF, 0x00, 0xFF}));
     PacketBytes bytes(datagram);
@@ -62,7 +62,7 @@ TEST(PacketHeaderTest, BigEndianMarkerDoesNotReadAsTheMarker) {
 }
 
 TEST(StartPacketTest, FieldsReadInPlaceMatchTheEncodedValues) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header.flags = FLAG_START_RULE | FLAG_START_N;
     fields.ts = 0x0102030405060708ULL;
     fields.sync_ts = 0x1112131415161718ULL;
@@ -70,7 +70,7 @@ TEST(StartPacketTest, FieldsReadInPlaceMatchTheEncodedValues) {
     fields.rule = 0x3132333435363738ULL;
     fields.ft = {0x5a, 0xa5};
     fields.call_id = "abc";
-    PacketBytes bytes(test::encode_start(fields));
+    PacketBytes bytes(media::encode_start(fields));
     const StartPacket& packet = bytes.as<StartPacket>();
     EXPECT_EQ(packet.header.type, static_cast<std::uint8_t>(PacketType::START));
     EXPECT_EQ(packet.ts, 0x0102030405060708ULL);
@@ -86,21 +86,21 @@ TEST(StartPacketTest, FieldsReadInPlaceMatchTheEncodedValues) {
 }
 
 TEST(StartPacketTest, RuleAndNFlagsAreBits15And14) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header.flags = FLAG_START_N;
-    PacketBytes with_n(test::encode_start(fields));
+    PacketBytes with_n(media::encode_start(fields));
     EXPECT_FALSE(with_n.as<StartPacket>().has_rule());
     EXPECT_TRUE(with_n.as<StartPacket>().has_n_flag());
     fields.header.flags = static_cast<std::uint16_t>(~(FLAG_START_RULE | FLAG_START_N));
-    PacketBytes without(test::encode_start(fields));
+    PacketBytes without(media::encode_start(fields));
     EXPECT_FALSE(without.as<StartPacket>().has_rule());
     EXPECT_FALSE(without.as<StartPacket>().has_n_flag());
 }
 
 TEST(StartPacketTest, EmptyCallIdGivesTheShortestStartPacketOf82Bytes) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = "";
-    const test::Datagram datagram = test::encode_start(fields);
+    const media::Datagram datagram = media::encode_start(fields);
     EXPECT_EQ(datagram.size(), 82u);
     PacketBytes bytes(datagram);
     EXPECT_EQ(bytes.as<StartPacket>().required_length(), 82u);
@@ -108,9 +108,9 @@ TEST(StartPacketTest, EmptyCallIdGivesTheShortestStartPacketOf82Bytes) {
 }
 
 TEST(StartPacketTest, CallIdOf1294BytesGivesTheLargestDatagram) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = std::string(1294, 'c');
-    const test::Datagram datagram = test::encode_start(fields);
+    const media::Datagram datagram = media::encode_start(fields);
     EXPECT_EQ(datagram.size(), PACKET_MAX_LENGTH);
     PacketBytes bytes(datagram);
     EXPECT_EQ(bytes.as<StartPacket>().required_length(), PACKET_MAX_LENGTH);
@@ -118,36 +118,36 @@ TEST(StartPacketTest, CallIdOf1294BytesGivesTheLargestDatagram) {
 }
 
 TEST(StartPacketTest, CallIdOf1295BytesNeedsMoreThanTheLargestDatagram) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = std::string(1295, 'c');
-    PacketBytes bytes(test::encode_start(fields));
+    PacketBytes bytes(media::encode_start(fields));
     EXPECT_EQ(bytes.as<StartPacket>().required_length(), PACKET_MAX_LENGTH + 1);
 }
 
 TEST(StartPacketTest, CallIdEndsAtItsFirstZeroByte) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = std::string("ab\0cd", 5);
-    PacketBytes bytes(test::encode_start(fields));
+    PacketBytes bytes(media::encode_start(fields));
     EXPECT_EQ(bytes.as<StartPacket>().call_id_len, 5);
     EXPECT_EQ(bytes.as<StartPacket>().call_id(), "ab");
 }
 
 TEST(StartPacketTest, CallIdNeverReadsBeyondItsLength) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = "abcdef";
     fields.call_id_len = 3;
-    PacketBytes bytes(test::encode_start(fields));
+    PacketBytes bytes(media::encode_start(fields));
     EXPECT_EQ(bytes.as<StartPacket>().required_length(), 85u);
     EXPECT_EQ(bytes.as<StartPacket>().call_id(), "abc");
 }
 
 TEST(DataPacketTest, FieldsReadInPlaceMatchTheEncodedValues) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.header.flags = FLAG_DATA_S | FLAG_OUTBOUND;
     fields.seq = 0x01020304;
     fields.off = 0x11121314;
     fields.payload = {0x2122, 0x3132, 0x4142};
-    PacketBytes bytes(test::encode_data(fields));
+    PacketBytes bytes(media::encode_data(fields));
     const DataPacket& packet = bytes.as<DataPacket>();
     EXPECT_EQ(packet.header.type, static_cast<std::uint8_t>(PacketType::DATA));
     EXPECT_EQ(packet.seq, 0x01020304u);
@@ -161,9 +161,9 @@ TEST(DataPacketTest, FieldsReadInPlaceMatchTheEncodedValues) {
 }
 
 TEST(DataPacketTest, EmptyPayloadGivesTheShortestDataPacketOf50Bytes) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.payload = {};
-    const test::Datagram datagram = test::encode_data(fields);
+    const media::Datagram datagram = media::encode_data(fields);
     EXPECT_EQ(datagram.size(), 50u);
     PacketBytes bytes(datagram);
     EXPECT_EQ(bytes.as<DataPacket>().required_length(), 50u);
@@ -171,34 +171,34 @@ TEST(DataPacketTest, EmptyPayloadGivesTheShortestDataPacketOf50Bytes) {
 }
 
 TEST(DataPacketTest, Num663GivesTheLargestDatagram) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.payload.assign(663, 0x7f7f);
-    const test::Datagram datagram = test::encode_data(fields);
+    const media::Datagram datagram = media::encode_data(fields);
     EXPECT_EQ(datagram.size(), PACKET_MAX_LENGTH);
     PacketBytes bytes(datagram);
     EXPECT_EQ(bytes.as<DataPacket>().required_length(), PACKET_MAX_LENGTH);
 }
 
 TEST(DataPacketTest, Num664NeedsMoreThanTheLargestDatagram) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.payload = {};
     fields.num = 664;
-    PacketBytes bytes(test::encode_data(fields));
+    PacketBytes bytes(media::encode_data(fields));
     EXPECT_EQ(bytes.as<DataPacket>().required_length(), PACKET_MAX_LENGTH + 2);
 }
 
 TEST(DataPacketTest, LargestNumNeedsLengthBeyondSixteenBits) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.payload = {};
     fields.num = 0xffff;
-    PacketBytes bytes(test::encode_data(fields));
+    PacketBytes bytes(media::encode_data(fields));
     EXPECT_EQ(bytes.as<DataPacket>().required_length(), 50u + 2u * 0xffff);
 }
 
 TEST(ControlPacketTest, FtFormIs42Bytes) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.ft = {{0x12, 0x34}};
-    const test::Datagram datagram = test::encode_control(fields);
+    const media::Datagram datagram = media::encode_control(fields);
     EXPECT_EQ(datagram.size(), 42u);
     PacketBytes bytes(datagram);
     const ControlPacket& packet = bytes.as<ControlPacket>();
@@ -211,9 +211,9 @@ TEST(ControlPacketTest, FtFormIs42Bytes) {
 }
 
 TEST(ControlPacketTest, WithoutBit7ItIs40Bytes) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.header.flags = 0xff7f;
-    const test::Datagram datagram = test::encode_control(fields);
+    const media::Datagram datagram = media::encode_control(fields);
     EXPECT_EQ(datagram.size(), 40u);
     PacketBytes bytes(datagram);
     EXPECT_FALSE(bytes.as<ControlPacket>().has_ft());
@@ -221,9 +221,9 @@ TEST(ControlPacketTest, WithoutBit7ItIs40Bytes) {
 }
 
 TEST(ControlPacketTest, Bit7WithNonZeroByte7Is40BytesWithoutFt) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.header.flags = FLAG_CONTROL_FT | 0x0100;
-    const test::Datagram datagram = test::encode_control(fields);
+    const media::Datagram datagram = media::encode_control(fields);
     EXPECT_EQ(datagram.size(), 40u);
     PacketBytes bytes(datagram);
     EXPECT_FALSE(bytes.as<ControlPacket>().has_ft());
@@ -231,7 +231,7 @@ TEST(ControlPacketTest, Bit7WithNonZeroByte7Is40BytesWithoutFt) {
 }
 
 TEST(TerminatePacketTest, IsTheHeaderAlone) {
-    const test::Datagram datagram = test::encode_terminate();
+    const media::Datagram datagram = media::encode_terminate();
     EXPECT_EQ(datagram.size(), 40u);
     PacketBytes bytes(datagram);
     EXPECT_EQ(bytes.as<TerminatePacket>().header.type,

@@ -8,7 +8,7 @@
 
 #include "log/logger.hpp"
 #include "log_capture.hpp"
-#include "packet_encoder.hpp"
+#include "media/packet_encoder.hpp"
 #include "packet_reader_totals.hpp"
 #include "recording_listener.hpp"
 
@@ -21,7 +21,7 @@ const std::string UUID = "00112233-4455-6677-8899-aabbccddeeff";
 // reader thread, and takes the queued buffers itself.
 class PacketReaderTest : public testing::Test {
 protected:
-    void send(const test::Datagram& datagram) {
+    void send(const media::Datagram& datagram) {
         reader.read_from(datagram.data(), datagram.size());
     }
 
@@ -35,7 +35,7 @@ protected:
 
     // Sends one datagram, lets the reader take it, and checks that it landed in exactly one
     // counter.
-    void send_one(const test::Datagram& datagram) {
+    void send_one(const media::Datagram& datagram) {
         const std::uint64_t before = landed();
         send(datagram);
         drain();
@@ -53,14 +53,14 @@ protected:
     PacketReader reader{&statistic, listener};
 };
 
-test::HeaderFields header_with_length(std::size_t length) {
-    test::HeaderFields header;
+media::HeaderFields header_with_length(std::size_t length) {
+    media::HeaderFields header;
     header.length = length;
     return header;
 }
 
 TEST_F(PacketReaderTest, DatagramOf39BytesIsDroppedByMinLength) {
-    send_one(test::encode_terminate({header_with_length(39)}));
+    send_one(media::encode_terminate({header_with_length(39)}));
     EXPECT_EQ(statistic.packet_dropped_by_min_length, 1u);
     EXPECT_EQ(statistic.passed_elements, 0u);
     EXPECT_EQ(listener.packet_count(), 0u);
@@ -73,7 +73,7 @@ TEST_F(PacketReaderTest, EmptyDatagramIsDroppedByMinLength) {
 }
 
 TEST_F(PacketReaderTest, DatagramOf40BytesIsQueued) {
-    send(test::encode_terminate());
+    send(media::encode_terminate());
     EXPECT_EQ(statistic.passed_elements, 1u);
     EXPECT_EQ(reader.queue().size(), 1u);
     drain();
@@ -81,9 +81,9 @@ TEST_F(PacketReaderTest, DatagramOf40BytesIsQueued) {
 }
 
 TEST_F(PacketReaderTest, DatagramOf1376BytesIsQueued) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = std::string(1294, 'c');
-    send_one(test::encode_start(fields));
+    send_one(media::encode_start(fields));
     EXPECT_EQ(statistic.passed_elements, 1u);
     EXPECT_EQ(statistic.packet_start_type, 1u);
     ASSERT_EQ(listener.packet_count(), 1u);
@@ -91,9 +91,9 @@ TEST_F(PacketReaderTest, DatagramOf1376BytesIsQueued) {
 }
 
 TEST_F(PacketReaderTest, DatagramOf1377BytesIsDroppedByMaxLength) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = std::string(1295, 'c');
-    const test::Datagram datagram = test::encode_start(fields);
+    const media::Datagram datagram = media::encode_start(fields);
     ASSERT_EQ(datagram.size(), 1377u);
     send_one(datagram);
     EXPECT_EQ(statistic.packet_dropped_by_max_length, 1u);
@@ -101,33 +101,33 @@ TEST_F(PacketReaderTest, DatagramOf1377BytesIsDroppedByMaxLength) {
 }
 
 TEST_F(PacketReaderTest, StartTypeOf40BytesIsCorruptedSize) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.type = 0x81;
-    send_one(test::encode_terminate(fields));
+    send_one(media::encode_terminate(fields));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 1u);
     EXPECT_EQ(listener.packet_count(), 0u);
 }
 
 TEST_F(PacketReaderTest, WrongMarkerAndWrongVersionCountOnlyAsBadMarker) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.marker = 0x00FF00FE;
     fields.header.version = 2;
-    send_one(test::encode_terminate(fields));
+    send_one(media::encode_terminate(fields));
     EXPECT_EQ(statistic.packet_rejected_by_bad_marker, 1u);
     EXPECT_EQ(statistic.packet_rejected_by_version, 0u);
 }
 
 TEST_F(PacketReaderTest, BigEndianMarkerIsBadMarker) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.marker = 0xFF00FF00;
-    send_one(test::encode_terminate(fields));
+    send_one(media::encode_terminate(fields));
     EXPECT_EQ(statistic.packet_rejected_by_bad_marker, 1u);
 }
 
 TEST_F(PacketReaderTest, EachMarkerByteMatters) {
-    const test::Datagram valid = test::encode_terminate();
+    const media::Datagram valid = media::encode_terminate();
     for (std::size_t i = 0; i < 4; ++i) {
-        test::Datagram broken = valid;
+        media::Datagram broken = valid;
         broken[i] ^= 0x01;
         send_one(broken);
     }
@@ -136,9 +136,9 @@ TEST_F(PacketReaderTest, EachMarkerByteMatters) {
 
 TEST_F(PacketReaderTest, WrongVersionIsRejectedByVersion) {
     for (std::uint8_t version : {0, 2, 255}) {
-        test::TerminateFields fields;
+        media::TerminateFields fields;
         fields.header.version = version;
-        send_one(test::encode_terminate(fields));
+        send_one(media::encode_terminate(fields));
     }
     EXPECT_EQ(statistic.packet_rejected_by_version, 3u);
     EXPECT_EQ(listener.packet_count(), 0u);
@@ -146,42 +146,42 @@ TEST_F(PacketReaderTest, WrongVersionIsRejectedByVersion) {
 
 TEST_F(PacketReaderTest, TypeOutsideTheFourIsUnknownTypeEvenAt40Bytes) {
     for (std::uint8_t type : {0x85, 0x80, 0x00, 0x01, 0xff}) {
-        test::TerminateFields fields;
+        media::TerminateFields fields;
         fields.header.type = type;
-        send_one(test::encode_terminate(fields));
+        send_one(media::encode_terminate(fields));
     }
     EXPECT_EQ(statistic.packet_rejected_by_unknown_type, 5u);
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 0u);
 }
 
 TEST_F(PacketReaderTest, StartWithEmptyCallIdIs82Bytes) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = "";
-    send_one(test::encode_start(fields));
+    send_one(media::encode_start(fields));
     EXPECT_EQ(statistic.packet_start_type, 1u);
     fields.header.length = 83;
-    send_one(test::encode_start(fields));
+    send_one(media::encode_start(fields));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 1u);
 }
 
 TEST_F(PacketReaderTest, StartWhoseCallIdLengthDisagreesIsCorruptedSize) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id_len = static_cast<std::uint16_t>(fields.call_id.size() + 1);
-    send_one(test::encode_start(fields));
+    send_one(media::encode_start(fields));
     fields.call_id_len = static_cast<std::uint16_t>(fields.call_id.size() - 1);
-    send_one(test::encode_start(fields));
+    send_one(media::encode_start(fields));
     fields.call_id_len = 0xffff;
-    send_one(test::encode_start(fields));
+    send_one(media::encode_start(fields));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 3u);
     EXPECT_EQ(statistic.packet_start_type, 0u);
 }
 
 TEST_F(PacketReaderTest, DataWithNum0Is50BytesAndNum663Is1376) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.payload = {};
-    send_one(test::encode_data(fields));
+    send_one(media::encode_data(fields));
     fields.payload.assign(663, 0x0102);
-    send_one(test::encode_data(fields));
+    send_one(media::encode_data(fields));
     EXPECT_EQ(statistic.packet_data_type, 2u);
     ASSERT_EQ(listener.packet_count(), 2u);
     EXPECT_TRUE(listener.packets()[0].payload.empty());
@@ -189,23 +189,23 @@ TEST_F(PacketReaderTest, DataWithNum0Is50BytesAndNum663Is1376) {
 }
 
 TEST_F(PacketReaderTest, DataWhoseNumDisagreesIsCorruptedSize) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.num = 5;
-    send_one(test::encode_data(fields));
+    send_one(media::encode_data(fields));
     fields.num = 3;
-    send_one(test::encode_data(fields));
-    test::DataFields odd;
+    send_one(media::encode_data(fields));
+    media::DataFields odd;
     odd.header.length = 51;
     odd.payload = {};
-    send_one(test::encode_data(odd));
+    send_one(media::encode_data(odd));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 3u);
 }
 
 TEST_F(PacketReaderTest, ControlOf40And42Bytes) {
-    send_one(test::encode_control());
-    test::ControlFields with_ft;
+    send_one(media::encode_control());
+    media::ControlFields with_ft;
     with_ft.ft = {{0x80, 0x01}};
-    send_one(test::encode_control(with_ft));
+    send_one(media::encode_control(with_ft));
     EXPECT_EQ(statistic.packet_ctrl_type, 2u);
     ASSERT_EQ(listener.packet_count(), 2u);
     EXPECT_FALSE(listener.packets()[0].ft.has_value());
@@ -213,51 +213,51 @@ TEST_F(PacketReaderTest, ControlOf40And42Bytes) {
 }
 
 TEST_F(PacketReaderTest, ControlBit7WithNonZeroByte7Is40BytesWithoutFt) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.header.flags = FLAG_CONTROL_FT | 0x0100;
-    send_one(test::encode_control(fields));
+    send_one(media::encode_control(fields));
     EXPECT_EQ(statistic.packet_ctrl_type, 1u);
     fields.ft = {{0, 0}};  // the same flags with two more bytes: too long for its rule
-    send_one(test::encode_control(fields));
+    send_one(media::encode_control(fields));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 1u);
 }
 
 TEST_F(PacketReaderTest, ControlWithFtFlagButOnly40BytesIsCorruptedSize) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.ft = {{0, 0}};
     fields.header.length = 40;
-    send_one(test::encode_control(fields));
+    send_one(media::encode_control(fields));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 1u);
 }
 
 TEST_F(PacketReaderTest, TerminateLongerThan40BytesIsCorruptedSize) {
-    send_one(test::encode_terminate({header_with_length(41)}));
+    send_one(media::encode_terminate({header_with_length(41)}));
     EXPECT_EQ(statistic.packet_rejected_by_corrupted_size, 1u);
 }
 
 TEST_F(PacketReaderTest, ListenerGetsTheMatchingOverloadWithTheFieldValues) {
-    test::StartFields start;
+    media::StartFields start;
     start.header.id = 7;
     start.header.mt = 70;
     start.header.flags = FLAG_OUTBOUND;
     start.ts = 700;
     start.call_id = "leg-7";
     start.ft = {0x40, 0x08};
-    test::DataFields data;
+    media::DataFields data;
     data.header.id = 8;
     data.header.mt = 80;
     data.seq = 800;
     data.off = 8000;
     data.payload = {0x0a0b};
-    test::ControlFields control;
+    media::ControlFields control;
     control.header.id = 9;
-    test::TerminateFields terminate;
+    media::TerminateFields terminate;
     terminate.header.id = 10;
     terminate.header.mt = 100;
-    send(test::encode_start(start));
-    send(test::encode_data(data));
-    send(test::encode_control(control));
-    send(test::encode_terminate(terminate));
+    send(media::encode_start(start));
+    send(media::encode_data(data));
+    send(media::encode_control(control));
+    send(media::encode_terminate(terminate));
     drain();
 
     const std::vector<test::RecordedPacket> packets = listener.packets();
@@ -287,11 +287,11 @@ TEST_F(PacketReaderTest, ListenerGetsTheMatchingOverloadWithTheFieldValues) {
 }
 
 TEST_F(PacketReaderTest, StartControlAndTerminateAreLoggedAtSystemLevel) {
-    test::ControlFields control;
+    media::ControlFields control;
     control.ft = {{0x80, 0x00}};
-    send(test::encode_start());
-    send(test::encode_control(control));
-    send(test::encode_terminate());
+    send(media::encode_start());
+    send(media::encode_control(control));
+    send(media::encode_terminate());
     drain();
     const std::vector<std::string> texts = log.texts(log::Level::SYSTEM);
     ASSERT_EQ(texts.size(), 3u);
@@ -307,7 +307,7 @@ TEST_F(PacketReaderTest, StartControlAndTerminateAreLoggedAtSystemLevel) {
 }
 
 TEST_F(PacketReaderTest, DataIsLoggedAtTraceLevel) {
-    send(test::encode_data());
+    send(media::encode_data());
     drain();
     const std::vector<std::string> lines = log.lines();
     ASSERT_EQ(lines.size(), 1u);
@@ -348,29 +348,29 @@ private:
 
 TEST_F(PacketReaderTest, DataLineIsNotBuiltBelowTrace) {
     EmitCounter counter(log::Level::DEBUG);
-    send(test::encode_data());
+    send(media::encode_data());
     drain();
     EXPECT_EQ(counter.emitted(), 0);
     EXPECT_EQ(statistic.packet_data_type, 1u);
     EXPECT_EQ(listener.packet_count(), 1u);
-    send(test::encode_terminate());
+    send(media::encode_terminate());
     drain();
     EXPECT_EQ(counter.emitted(), 1);
 }
 
 TEST_F(PacketReaderTest, RefusedDatagramsAreNeverLogged) {
-    test::TerminateFields bad_marker;
+    media::TerminateFields bad_marker;
     bad_marker.header.marker = 0;
-    test::TerminateFields bad_version;
+    media::TerminateFields bad_version;
     bad_version.header.version = 9;
-    test::TerminateFields bad_type;
+    media::TerminateFields bad_type;
     bad_type.header.type = 0x85;
-    send(test::encode_terminate({header_with_length(39)}));
-    send(test::encode_terminate({header_with_length(1377)}));
-    send(test::encode_terminate(bad_marker));
-    send(test::encode_terminate(bad_version));
-    send(test::encode_terminate(bad_type));
-    send(test::encode_terminate({header_with_length(41)}));
+    send(media::encode_terminate({header_with_length(39)}));
+    send(media::encode_terminate({header_with_length(1377)}));
+    send(media::encode_terminate(bad_marker));
+    send(media::encode_terminate(bad_version));
+    send(media::encode_terminate(bad_type));
+    send(media::encode_terminate({header_with_length(41)}));
     drain();
     EXPECT_EQ(landed(), 6u);
     EXPECT_TRUE(log.lines().empty());
@@ -378,20 +378,20 @@ TEST_F(PacketReaderTest, RefusedDatagramsAreNeverLogged) {
 }
 
 TEST_F(PacketReaderTest, EveryDatagramLandsInExactlyOneCounter) {
-    std::vector<test::Datagram> datagrams;
+    std::vector<media::Datagram> datagrams;
     for (std::size_t length : {0, 1, 39, 40, 41, 49, 50, 81, 82, 83, 1376, 1377, 65535}) {
-        test::HeaderFields header = header_with_length(length);
-        datagrams.push_back(test::encode_start({header}));
-        datagrams.push_back(test::encode_data({header}));
-        datagrams.push_back(test::encode_control({header}));
-        datagrams.push_back(test::encode_terminate({header}));
+        media::HeaderFields header = header_with_length(length);
+        datagrams.push_back(media::encode_start({header}));
+        datagrams.push_back(media::encode_data({header}));
+        datagrams.push_back(media::encode_control({header}));
+        datagrams.push_back(media::encode_terminate({header}));
     }
     for (std::uint8_t type = 0x7f; type <= 0x86; ++type) {
-        test::TerminateFields fields;
+        media::TerminateFields fields;
         fields.header.type = type;
-        datagrams.push_back(test::encode_terminate(fields));
+        datagrams.push_back(media::encode_terminate(fields));
     }
-    for (const test::Datagram& datagram : datagrams) {
+    for (const media::Datagram& datagram : datagrams) {
         send(datagram);
     }
     drain();
@@ -426,7 +426,7 @@ TEST_F(PacketReaderTest, StopWithoutAThreadReturnsZeroAndLogsNothing) {
 
 TEST_F(PacketReaderTest, FullQueueDropsTheNextDatagram) {
     log::set_level(log::Level::INFO);  // 100000 data packets; no trace lines needed
-    const test::Datagram datagram = test::encode_data();
+    const media::Datagram datagram = media::encode_data();
     for (int i = 0; i < 100000; ++i) {
         send(datagram);
     }
@@ -451,19 +451,19 @@ TEST_F(PacketReaderTest, ExhaustedPoolDropsByFailedAllocation) {
     } catch (const PacketBuffer::BadAlloc&) {
     }
     ASSERT_EQ(PacketBuffer::allocator.free_count(), 0u);
-    send_one(test::encode_terminate());
+    send_one(media::encode_terminate());
     EXPECT_EQ(statistic.packet_dropped_by_failed_allocation, 1u);
     EXPECT_EQ(statistic.passed_elements, 0u);
     held.pop_back();
-    send_one(test::encode_terminate());
+    send_one(media::encode_terminate());
     EXPECT_EQ(statistic.packet_dropped_by_failed_allocation, 1u);
     EXPECT_EQ(statistic.packet_term_type, 1u);
 }
 
 TEST_F(PacketReaderTest, BuffersGoBackToThePool) {
     const std::size_t free_before = PacketBuffer::allocator.free_count();
-    send(test::encode_terminate());
-    send(test::encode_start());
+    send(media::encode_terminate());
+    send(media::encode_start());
     EXPECT_EQ(PacketBuffer::allocator.free_count(), free_before - 2);
     drain();
     EXPECT_EQ(PacketBuffer::allocator.free_count(), free_before);
@@ -474,7 +474,7 @@ TEST(PacketReaderLifetimeTest, DestroyingTheReaderReturnsQueuedBuffersToThePool)
     {
         test::RecordingListener listener;
         PacketReader reader(nullptr, listener);
-        const test::Datagram datagram = test::encode_terminate();
+        const media::Datagram datagram = media::encode_terminate();
         for (int i = 0; i < 10; ++i) {
             reader.read_from(datagram.data(), datagram.size());
         }

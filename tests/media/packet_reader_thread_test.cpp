@@ -7,7 +7,7 @@
 
 #include "log_capture.hpp"
 #include "media/media_packet_reader.hpp"
-#include "packet_encoder.hpp"
+#include "media/packet_encoder.hpp"
 #include "packet_reader_totals.hpp"
 #include "poll.hpp"
 #include "recording_listener.hpp"
@@ -25,7 +25,7 @@ class PacketReaderThreadTest : public testing::Test {
 protected:
     ~PacketReaderThreadTest() override { reader.stop(); }
 
-    void send(const test::Datagram& datagram) {
+    void send(const media::Datagram& datagram) {
         reader.read_from(datagram.data(), datagram.size());
     }
 
@@ -50,20 +50,20 @@ TEST_F(PacketReaderThreadTest, StartFeedStopLogsAndDeliversEveryPacketInOrder) {
     const pid_t reader_thread = listener.thread_id();
     EXPECT_NE(reader_thread, ::gettid());
 
-    std::vector<test::Datagram> datagrams;
-    test::StartFields start;
+    std::vector<media::Datagram> datagrams;
+    media::StartFields start;
     start.header.id = 1;
-    datagrams.push_back(test::encode_start(start));
+    datagrams.push_back(media::encode_start(start));
     for (std::uint32_t seq = 1; seq <= 50; ++seq) {
-        test::DataFields data;
+        media::DataFields data;
         data.header.id = 1;
         data.seq = seq;
-        datagrams.push_back(test::encode_data(data));
+        datagrams.push_back(media::encode_data(data));
     }
-    test::TerminateFields terminate;
+    media::TerminateFields terminate;
     terminate.header.id = 1;
-    datagrams.push_back(test::encode_terminate(terminate));
-    for (const test::Datagram& datagram : datagrams) {
+    datagrams.push_back(media::encode_terminate(terminate));
+    for (const media::Datagram& datagram : datagrams) {
         send(datagram);
     }
 
@@ -105,29 +105,29 @@ TEST_F(PacketReaderThreadTest, SecondStopReturnsZeroAndLogsNothing) {
 
 TEST_F(PacketReaderThreadTest, RefusalsOnBothThreadsLandInExactlyOneCounterEach) {
     ASSERT_EQ(reader.start(), 0);
-    test::TerminateFields bad_marker;
+    media::TerminateFields bad_marker;
     bad_marker.header.marker = 0x00FF00FE;
-    test::TerminateFields bad_version;
+    media::TerminateFields bad_version;
     bad_version.header.version = 0;
-    test::TerminateFields bad_type;
+    media::TerminateFields bad_type;
     bad_type.header.type = 0x85;
-    test::HeaderFields short_header;
+    media::HeaderFields short_header;
     short_header.length = 39;
-    test::HeaderFields long_header;
+    media::HeaderFields long_header;
     long_header.length = 1377;
-    test::HeaderFields odd_header;
+    media::HeaderFields odd_header;
     odd_header.length = 41;
-    const std::vector<test::Datagram> datagrams = {
-        test::encode_terminate(bad_marker),
-        test::encode_terminate(bad_version),
-        test::encode_terminate(bad_type),
-        test::encode_terminate({short_header}),
-        test::encode_terminate({long_header}),
-        test::encode_terminate({odd_header}),
-        test::encode_control(),
+    const std::vector<media::Datagram> datagrams = {
+        media::encode_terminate(bad_marker),
+        media::encode_terminate(bad_version),
+        media::encode_terminate(bad_type),
+        media::encode_terminate({short_header}),
+        media::encode_terminate({long_header}),
+        media::encode_terminate({odd_header}),
+        media::encode_control(),
     };
     for (int round = 0; round < 20; ++round) {
-        for (const test::Datagram& datagram : datagrams) {
+        for (const media::Datagram& datagram : datagrams) {
             send(datagram);
         }
     }
@@ -145,10 +145,10 @@ TEST_F(PacketReaderThreadTest, FullQueueBehindABlockedListenerDropsTheNextDatagr
     log::set_level(log::Level::INFO);  // 100000 data packets; no trace lines needed
     ASSERT_EQ(reader.start(), 0);
     listener.block();
-    send(test::encode_start());
+    send(media::encode_start());
     ASSERT_TRUE(test::poll_until([&] { return listener.blocked(); }, DEADLINE));
 
-    const test::Datagram datagram = test::encode_data();
+    const media::Datagram datagram = media::encode_data();
     for (int i = 0; i < 100000; ++i) {
         send(datagram);
     }

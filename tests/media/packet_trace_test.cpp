@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string>
 
-#include "packet_encoder.hpp"
+#include "packet_bytes.hpp"
 
 namespace qm::media {
 namespace {
@@ -14,15 +14,15 @@ namespace {
 const std::string UUID = "00112233-4455-6677-8899-aabbccddeeff";
 
 template <typename Packet>
-std::string trace(const test::Datagram& datagram) {
+std::string trace(const media::Datagram& datagram) {
     test::PacketBytes bytes(datagram);
     std::ostringstream out;
     out << trace_of(bytes.as<Packet>());
     return out.str();
 }
 
-std::string start_trace(const test::StartFields& fields) {
-    return trace<StartPacket>(test::encode_start(fields));
+std::string start_trace(const media::StartFields& fields) {
+    return trace<StartPacket>(media::encode_start(fields));
 }
 
 // A start packet's whole line with default fields but those given.
@@ -39,7 +39,7 @@ TEST(PacketTraceTest, StartWithoutRule) {
 }
 
 TEST(PacketTraceTest, StartWithRuleAppendsTheRule) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header.flags = FLAG_START_RULE;
     fields.rule = 18446744073709551615ULL;
     EXPECT_EQ(start_trace(fields),
@@ -47,26 +47,26 @@ TEST(PacketTraceTest, StartWithRuleAppendsTheRule) {
 }
 
 TEST(PacketTraceTest, StartRuleIsNotPrintedWithoutItsFlag) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.rule = 77;
     EXPECT_EQ(start_trace(fields), start_line("--", "inbound", "R-----"));
 }
 
 TEST(PacketTraceTest, StartNFlag) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header.flags = FLAG_START_N;
     EXPECT_EQ(start_trace(fields), start_line("-N", "inbound", "R-----"));
 }
 
 TEST(PacketTraceTest, StartBothFlagsAndOutboundLeg) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header.flags = FLAG_START_RULE | FLAG_START_N | FLAG_OUTBOUND;
     fields.rule = 3;
     EXPECT_EQ(start_trace(fields), start_line("RN", "outbound", "R-----", ", rule: 3"));
 }
 
 TEST(PacketTraceTest, StartAllNumbersInDecimal) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header.mt = 0;
     fields.header.version = 255;
     fields.header.id = 0;
@@ -83,7 +83,7 @@ TEST(PacketTraceTest, StartAllNumbersInDecimal) {
 }
 
 TEST(PacketTraceTest, StartCallIdStopsAtZeroByteAndAtItsLength) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = std::string("ab\0cd", 5);
     EXPECT_EQ(start_trace(fields), start_line("--", "inbound", "R-----", "", "ab"));
     fields.call_id = "call-1@example.org-and-more";
@@ -92,7 +92,7 @@ TEST(PacketTraceTest, StartCallIdStopsAtZeroByteAndAtItsLength) {
 }
 
 TEST(PacketTraceTest, StartEmptyCallId) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.call_id = "";
     EXPECT_EQ(start_trace(fields), start_line("--", "inbound", "R-----", "", ""));
 }
@@ -106,15 +106,15 @@ struct FtCase {
 class FtCharactersTest : public testing::TestWithParam<FtCase> {};
 
 TEST_P(FtCharactersTest, StartLineShowsTheSixCharacters) {
-    test::StartFields fields;
+    media::StartFields fields;
     fields.ft = {GetParam().ft0, GetParam().ft1};
     EXPECT_EQ(start_trace(fields), start_line("--", "inbound", GetParam().chars));
 }
 
 TEST_P(FtCharactersTest, ControlLineShowsTheSameCharacters) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.ft = {{GetParam().ft0, GetParam().ft1}};
-    EXPECT_EQ(trace<ControlPacket>(test::encode_control(fields)),
+    EXPECT_EQ(trace<ControlPacket>(media::encode_control(fields)),
               "CTRL  | mt: 1000, v: 1, f: 0, uuid: " + UUID + ", ft: " + GetParam().chars);
 }
 
@@ -131,51 +131,51 @@ INSTANTIATE_TEST_SUITE_P(EveryPosition, FtCharactersTest,
                                          FtCase{0xe8, 0x14, "RRs?a?"}));
 
 TEST(PacketTraceTest, DataInbound) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.seq = 4294967295u;
     fields.off = 320;
-    EXPECT_EQ(trace<DataPacket>(test::encode_data(fields)),
+    EXPECT_EQ(trace<DataPacket>(media::encode_data(fields)),
               "DATA  | mt: 1000, v: 1, f: -, uuid: " + UUID +
                   ", side: 0, seq: 4294967295, num: 4, off: 320");
 }
 
 TEST(PacketTraceTest, DataOutboundWithSFlag) {
-    test::DataFields fields;
+    media::DataFields fields;
     fields.header.flags = FLAG_DATA_S | FLAG_OUTBOUND;
     fields.header.mt = 123456789012ULL;
     fields.payload = {};
-    EXPECT_EQ(trace<DataPacket>(test::encode_data(fields)),
+    EXPECT_EQ(trace<DataPacket>(media::encode_data(fields)),
               "DATA  | mt: 123456789012, v: 1, f: S, uuid: " + UUID +
                   ", side: 1, seq: 1, num: 0, off: 0");
 }
 
 TEST(PacketTraceTest, TerminateShowsByte7AsNumber) {
-    test::TerminateFields fields;
+    media::TerminateFields fields;
     fields.header.flags = 0xff01;
-    EXPECT_EQ(trace<TerminatePacket>(test::encode_terminate(fields)),
+    EXPECT_EQ(trace<TerminatePacket>(media::encode_terminate(fields)),
               "TERM  | mt: 1000, v: 1, f: 255, uuid: " + UUID);
-    EXPECT_EQ(trace<TerminatePacket>(test::encode_terminate()),
+    EXPECT_EQ(trace<TerminatePacket>(media::encode_terminate()),
               "TERM  | mt: 1000, v: 1, f: 0, uuid: " + UUID);
 }
 
 TEST(PacketTraceTest, Control40BytesHasNoFt) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.header.flags = 0x0701;
-    EXPECT_EQ(trace<ControlPacket>(test::encode_control(fields)),
+    EXPECT_EQ(trace<ControlPacket>(media::encode_control(fields)),
               "CTRL  | mt: 1000, v: 1, f: 7, uuid: " + UUID);
 }
 
 TEST(PacketTraceTest, ControlBit7WithNonZeroByte7HasNoFt) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.header.flags = FLAG_CONTROL_FT | 0x0200;
-    EXPECT_EQ(trace<ControlPacket>(test::encode_control(fields)),
+    EXPECT_EQ(trace<ControlPacket>(media::encode_control(fields)),
               "CTRL  | mt: 1000, v: 1, f: 2, uuid: " + UUID);
 }
 
 TEST(PacketTraceTest, Control42BytesShowsFt) {
-    test::ControlFields fields;
+    media::ControlFields fields;
     fields.ft = {{0x80, 0x00}};
-    EXPECT_EQ(trace<ControlPacket>(test::encode_control(fields)),
+    EXPECT_EQ(trace<ControlPacket>(media::encode_control(fields)),
               "CTRL  | mt: 1000, v: 1, f: 0, uuid: " + UUID + ", ft: R-----");
 }
 

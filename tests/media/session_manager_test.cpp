@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
-#include "packet_encoder.hpp"
+#include "packet_bytes.hpp"
 
 namespace qm::media {
 namespace {
@@ -98,8 +98,8 @@ private:
     int& m_destroyed_sessions;
 };
 
-test::HeaderFields header_of(std::uint64_t id, std::uint64_t mt = 1000, std::uint16_t flags = 0) {
-    test::HeaderFields header;
+media::HeaderFields header_of(std::uint64_t id, std::uint64_t mt = 1000, std::uint16_t flags = 0) {
+    media::HeaderFields header;
     header.id = id;
     header.mt = mt;
     header.flags = flags;
@@ -112,30 +112,30 @@ protected:
 
     void start(std::uint64_t id, std::uint64_t mt = 1000, const std::string& call_id = "call-1",
                std::uint64_t ts = 42) {
-        test::StartFields fields;
+        media::StartFields fields;
         fields.header = header_of(id, mt);
         fields.call_id = call_id;
         fields.ts = ts;
-        test::PacketBytes bytes(test::encode_start(fields));
+        test::PacketBytes bytes(media::encode_start(fields));
         manager->on_packet(bytes.as<StartPacket>());
     }
     void data(std::uint64_t id, std::uint32_t seq, std::uint8_t side = 0, std::uint64_t mt = 1000) {
-        test::DataFields fields;
+        media::DataFields fields;
         fields.header = header_of(id, mt, side);
         fields.seq = seq;
-        test::PacketBytes bytes(test::encode_data(fields));
+        test::PacketBytes bytes(media::encode_data(fields));
         manager->on_packet(bytes.as<DataPacket>());
     }
     void control(std::uint64_t id, std::uint64_t mt = 1000) {
-        test::ControlFields fields;
+        media::ControlFields fields;
         fields.header = header_of(id, mt);
-        test::PacketBytes bytes(test::encode_control(fields));
+        test::PacketBytes bytes(media::encode_control(fields));
         manager->on_packet(bytes.as<ControlPacket>());
     }
     void terminate(std::uint64_t id, std::uint64_t mt = 1000) {
-        test::TerminateFields fields;
+        media::TerminateFields fields;
         fields.header = header_of(id, mt);
-        test::PacketBytes bytes(test::encode_terminate(fields));
+        test::PacketBytes bytes(media::encode_terminate(fields));
         manager->on_packet(bytes.as<TerminatePacket>());
     }
 
@@ -183,7 +183,7 @@ TEST_F(SessionManagerTest, StartPacketCreatesSessionFromItsFields) {
 
     const rc_ptr<Session> session = find(ID);
     ASSERT_TRUE(session);
-    EXPECT_EQ(test::DEFAULT_UUID, session->uuid);
+    EXPECT_EQ(media::DEFAULT_UUID, session->uuid);
     EXPECT_EQ(ID, session->id);
     EXPECT_EQ(1633954638004211ULL, session->ts);
     EXPECT_EQ(5000u, session->first_mt);
@@ -202,9 +202,9 @@ TEST_F(SessionManagerTest, StartPacketCreatesSessionFromItsFields) {
 
 TEST_F(SessionManagerTest, DefaultCreateSessionMakesPlainSession) {
     SessionManager plain(&statistic, &FakeClock::now);
-    test::StartFields fields;
+    media::StartFields fields;
     fields.header = header_of(ID, 77);
-    test::PacketBytes bytes(test::encode_start(fields));
+    test::PacketBytes bytes(media::encode_start(fields));
     plain.on_packet(bytes.as<StartPacket>());
 
     ASSERT_EQ(1u, plain.sessions().size());
@@ -217,7 +217,7 @@ TEST_F(SessionManagerTest, DefaultCreateSessionMakesPlainSession) {
 
 TEST_F(SessionManagerTest, ManagerWithoutGivenRecordCountsIntoItsOwn) {
     SessionManager own(nullptr, &FakeClock::now);
-    test::PacketBytes bytes(test::encode_data());
+    test::PacketBytes bytes(media::encode_data());
     own.on_packet(bytes.as<DataPacket>());
 
     EXPECT_EQ(1u, own.statistic().session_unknown_index_errors);
@@ -322,7 +322,7 @@ TEST_F(SessionManagerTest, DataPacketForUnknownIdMakesZombie) {
     const rc_ptr<Session> zombie = find(ID);
     ASSERT_TRUE(zombie);
     EXPECT_TRUE(zombie->zombie);
-    EXPECT_EQ(test::DEFAULT_UUID, zombie->uuid);
+    EXPECT_EQ(media::DEFAULT_UUID, zombie->uuid);
     EXPECT_EQ(0u, zombie->ts);
     EXPECT_EQ(2500u, zombie->first_mt);
     EXPECT_EQ(T0, zombie->created_us);
@@ -683,8 +683,8 @@ TEST_F(SessionManagerTest, NullActivityElementIsRemovedByTheAudit) {
 }
 
 TEST_F(SessionManagerTest, TryAuditsOnlyAboveTenThousandSessions) {
-    test::StartFields fields;
-    test::PacketBytes bytes(test::encode_start(fields));
+    media::StartFields fields;
+    test::PacketBytes bytes(media::encode_start(fields));
     StartPacket& packet = bytes.as<StartPacket>();
     for (std::uint64_t id = 1; id <= SessionManager::BUSY_TABLE_SIZE; ++id) {
         packet.header.id = id;

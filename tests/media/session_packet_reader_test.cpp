@@ -6,7 +6,7 @@
 #include "log_capture.hpp"
 #include "media/media_packet_reader.hpp"
 #include "media/media_session_manager.hpp"
-#include "packet_encoder.hpp"
+#include "media/packet_encoder.hpp"
 #include "poll.hpp"
 
 // The session table behind the real packet reader: datagrams go in on this thread through
@@ -19,23 +19,23 @@ namespace {
 constexpr std::chrono::milliseconds DEADLINE{10'000};
 const std::string UUID_TEXT = "00112233-4455-6677-8899-aabbccddeeff";
 
-test::HeaderFields header_of(std::uint64_t id, std::uint64_t mt) {
-    test::HeaderFields header;
+media::HeaderFields header_of(std::uint64_t id, std::uint64_t mt) {
+    media::HeaderFields header;
     header.id = id;
     header.mt = mt;
     return header;
 }
 
-test::Datagram data_of(std::uint64_t id, std::uint32_t seq, std::uint64_t mt) {
-    test::DataFields fields;
+media::Datagram data_of(std::uint64_t id, std::uint32_t seq, std::uint64_t mt) {
+    media::DataFields fields;
     fields.header = header_of(id, mt);
     fields.seq = seq;
-    return test::encode_data(fields);
+    return media::encode_data(fields);
 }
 
 class SessionPacketReaderTest : public ::testing::Test {
 protected:
-    void send(const test::Datagram& datagram) {
+    void send(const media::Datagram& datagram) {
         reader.read_from(datagram.data(), datagram.size());
     }
 
@@ -49,20 +49,20 @@ protected:
 TEST_F(SessionPacketReaderTest, PacketsFromTheReaderThreadShapeTheSessionTable) {
     ASSERT_EQ(0, reader.start());
 
-    test::StartFields start;
+    media::StartFields start;
     start.header = header_of(1, 1000);
-    send(test::encode_start(start));
+    send(media::encode_start(start));
     send(data_of(1, 1, 1100));
     send(data_of(1, 2, 1200));
     send(data_of(1, 5, 1300));
     send(data_of(1, 4, 1400));
     send(data_of(2, 7, 1000));
-    test::ControlFields control;
+    media::ControlFields control;
     control.header = header_of(1, 1500);
-    send(test::encode_control(control));
-    test::TerminateFields terminate;
+    send(media::encode_control(control));
+    media::TerminateFields terminate;
     terminate.header = header_of(3, 1600);
-    send(test::encode_terminate(terminate));
+    send(media::encode_terminate(terminate));
 
     // The table settles with the zombie of id 2 beside the session of id 1. Once the poll has
     // seen a counter's value, later reads cannot see an older one, so the checks below are firm.
@@ -83,9 +83,9 @@ TEST_F(SessionPacketReaderTest, PacketsFromTheReaderThreadShapeTheSessionTable) 
 
     // Then the terminate packets close both; the idle reader audits the table between them.
     terminate.header = header_of(1, 1700);
-    send(test::encode_terminate(terminate));
+    send(media::encode_terminate(terminate));
     terminate.header = header_of(2, 1700);
-    send(test::encode_terminate(terminate));
+    send(media::encode_terminate(terminate));
     EXPECT_TRUE(test::poll_until(
         [&] {
             return sessions.session == 0 && sessions.session_zombie == 0 &&

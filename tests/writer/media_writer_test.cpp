@@ -12,7 +12,7 @@
 
 #include "child_process.hpp"
 #include "log_capture.hpp"
-#include "packet_encoder.hpp"
+#include "packet_bytes.hpp"
 #include "poll.hpp"
 #include "temp_directory.hpp"
 #include "writer/media_buffer_pool.hpp"
@@ -32,7 +32,7 @@ protected:
 
     // A session whose file is `relative` under the storage directory.
     rc_ptr<WritingSession> session(const std::string& relative = "day/hour/minute/leg/media.qm") {
-        test::PacketBytes bytes(test::encode_start());
+        test::PacketBytes bytes(media::encode_start());
         return new WritingSession(bytes.as<media::StartPacket>(), 0,
                                   (storage() / relative).string());
     }

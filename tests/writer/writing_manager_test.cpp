@@ -14,16 +14,16 @@
 #include "media/data_packet.hpp"
 #include "media/start_packet.hpp"
 #include "media/terminate_packet.hpp"
-#include "packet_encoder.hpp"
+#include "packet_bytes.hpp"
 #include "temp_directory.hpp"
 
 namespace qm::writer {
 namespace {
 
-using test::DataFields;
-using test::Datagram;
+using media::DataFields;
+using media::Datagram;
+using media::StartFields;
 using test::PacketBytes;
-using test::StartFields;
 using ::testing::ElementsAre;
 
 constexpr std::uint64_t T0 = 1'000'000'000'000;
@@ -76,15 +76,15 @@ protected:
     }
 
     void feed_start(const StartFields& fields = {}) {
-        PacketBytes bytes(test::encode_start(fields));
+        PacketBytes bytes(media::encode_start(fields));
         manager->on_packet(bytes.as<media::StartPacket>());
     }
     void feed(const DataFields& fields) {
-        PacketBytes bytes(test::encode_data(fields));
+        PacketBytes bytes(media::encode_data(fields));
         manager->on_packet(bytes.as<media::DataPacket>());
     }
-    void feed_terminate(const test::TerminateFields& fields = {}) {
-        PacketBytes bytes(test::encode_terminate(fields));
+    void feed_terminate(const media::TerminateFields& fields = {}) {
+        PacketBytes bytes(media::encode_terminate(fields));
         manager->on_packet(bytes.as<media::TerminatePacket>());
     }
 
@@ -125,9 +125,9 @@ TEST_F(WritingManagerTest, RecordedLegIsWrittenFrameByFrameInTheOrderAccepted) {
     feed_terminate();
     drain();
 
-    Datagram expected = test::encode_file_header(start);
+    Datagram expected = media::encode_file_header(start);
     for (const DataFields& frame : frames) {
-        expected = expected + test::encode_frame(frame, start.sync_mt);
+        expected = expected + media::encode_frame(frame, start.sync_mt);
     }
     EXPECT_EQ(file(), expected);
     EXPECT_EQ(statistic.session_media_received_bytes.load(), 2u * (160 + 3 + 0 + 2 + 1));
@@ -147,7 +147,7 @@ TEST_F(WritingManagerTest, EitherTopBitOfTheFirstFeatureByteRecordsTheLeg) {
     feed_terminate();
     drain();
 
-    EXPECT_EQ(file(), test::encode_file_header(start));
+    EXPECT_EQ(file(), media::encode_file_header(start));
     EXPECT_EQ(statistic.session_zombie.load(), 0u);
 }
 
@@ -207,9 +207,9 @@ TEST_F(WritingManagerTest, BufferTakesWholeFramesUntilTheNextNoLongerFits) {
     drain();
 
     EXPECT_EQ(writer_statistic.passed_elements.load(), 2u);
-    Datagram expected = test::encode_file_header(StartFields{});
+    Datagram expected = media::encode_file_header(StartFields{});
     for (const DataFields& frame : frames) {
-        expected = expected + test::encode_frame(frame, StartFields{}.sync_mt);
+        expected = expected + media::encode_frame(frame, StartFields{}.sync_mt);
     }
     EXPECT_EQ(file(), expected);
     EXPECT_EQ(writer_statistic.written_bytes.load(), 48u + 193u * 332u);
@@ -223,7 +223,7 @@ TEST_F(WritingManagerTest, TerminationPushesExactlyOneBufferHoldingOnlyTheHeader
     drain();
 
     EXPECT_EQ(writer_statistic.passed_elements.load(), 1u);
-    EXPECT_EQ(file(), test::encode_file_header(StartFields{}));
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}));
     EXPECT_EQ(statistic.session.load(), 0u);
 }
 
@@ -237,8 +237,8 @@ TEST_F(WritingManagerTest, TimeOutCompletesTheSessionLikeATermination) {
     ASSERT_TRUE(manager->audit());
     drain();
 
-    EXPECT_EQ(file(), test::encode_file_header(StartFields{}) +
-                          test::encode_frame(frame, StartFields{}.sync_mt));
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}) +
+                          media::encode_frame(frame, StartFields{}.sync_mt));
 }
 
 // A media part of 88 bytes (the smallest slot) holds the header and one 20-sample frame (52
@@ -262,8 +262,8 @@ TEST_F(WritingManagerTest, FrameLargerThanAWholeBufferIsDroppedAfterThePreviousW
     EXPECT_EQ(statistic.session_media_dropped_bytes.load(), 80u);
     // The empty buffer stayed attached and was the last one pushed.
     EXPECT_EQ(writer_statistic.passed_elements.load(), 3u);
-    EXPECT_EQ(file(), test::encode_file_header(StartFields{}) +
-                          test::encode_frame(small, StartFields{}.sync_mt));
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}) +
+                          media::encode_frame(small, StartFields{}.sync_mt));
 }
 
 TEST_F(WritingManagerTest, OpenSessionsAtShutdownEndAtTheirLastPushedBuffer) {
@@ -273,7 +273,7 @@ TEST_F(WritingManagerTest, OpenSessionsAtShutdownEndAtTheirLastPushedBuffer) {
     feed(data(1, 0, 0, 600, 20));  // pushes the header's buffer, keeps the frame
     manager.reset();
 
-    EXPECT_EQ(file(), test::encode_file_header(StartFields{}));
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}));
     EXPECT_EQ(writer_statistic.passed_elements.load(), 1u);
 }
 
@@ -305,8 +305,8 @@ TEST_F(WritingManagerTest, EachFailedAcquireIsCountedAndLogged) {
     feed_terminate();  // no buffer attached: nothing more to push
     drain();
     EXPECT_EQ(writer_statistic.passed_elements.load(), 2u);
-    EXPECT_EQ(file(), test::encode_file_header(StartFields{}) +
-                          test::encode_frame(data(1, 0, 0, 600, 20), StartFields{}.sync_mt));
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}) +
+                          media::encode_frame(data(1, 0, 0, 600, 20), StartFields{}.sync_mt));
 }
 
 // The writer's queue holds as many buffers as the pool has, so it can only refuse one if the

@@ -7,17 +7,17 @@
 #include <string>
 #include <vector>
 
-// Builds recorder datagrams of the four packet types from field values, for tests, tools and the
-// fuzz seeds, so that nobody spells packet bytes by hand. The bytes are written one by one in
-// little-endian order at their wire offsets, independently of the host and of the in-place records
-// of "media/packet_header.hpp", so reading an encoded packet through a record checks that record's
-// layout.
+// Builds recorder datagrams of the four packet types from field values, for the `quillmar send`
+// tool, the tests and the fuzz seeds, so that nobody spells packet bytes by hand. The bytes are
+// written one by one in little-endian order at their wire offsets, independently of the host and of
+// the in-place records of "media/packet_header.hpp", so reading an encoded packet through a record
+// checks that record's layout.
 //
 // Every fields struct has defaults that make a valid packet; the knobs of `HeaderFields` (marker,
 // version, type, length) and the per-type length fields (`call_id_len`, `num`) break one rule at a
 // time. Pure functions; any thread.
 
-namespace qm::test {
+namespace qm::media {
 
 using Datagram = std::vector<std::uint8_t>;
 using Uuid = std::array<std::uint8_t, 16>;
@@ -74,6 +74,9 @@ struct TerminateFields {
 
 Datagram encode_start(const StartFields& fields = {});
 Datagram encode_data(const DataFields& fields = {});
+// The same into `out`, whose bytes it replaces; a reused `out` keeps its capacity, so a sender
+// encoding packet after packet allocates nothing once it has grown.
+void encode_data(const DataFields& fields, Datagram& out);
 Datagram encode_control(const ControlFields& fields = {});
 Datagram encode_terminate(const TerminateFields& fields = {});
 
@@ -83,20 +86,4 @@ Datagram encode_terminate(const TerminateFields& fields = {});
 Datagram encode_file_header(const StartFields& start);
 Datagram encode_frame(const DataFields& data, std::uint64_t sync_mt);
 
-// A datagram copied into a zero-filled, 8-byte aligned buffer of the largest datagram's size, as a
-// pooled packet buffer holds it, so that a test can read it through a packet record in place.
-// Bytes beyond 1376 are cut off.
-class PacketBytes {
-public:
-    explicit PacketBytes(const Datagram& datagram);
-
-    template <typename Packet>
-    Packet& as() {
-        return *reinterpret_cast<Packet*>(m_bytes.data());
-    }
-
-private:
-    alignas(8) std::array<std::uint8_t, 1376> m_bytes{};
-};
-
-}  // namespace qm::test
+}  // namespace qm::media

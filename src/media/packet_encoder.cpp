@@ -1,9 +1,9 @@
-#include "packet_encoder.hpp"
+#include "media/packet_encoder.hpp"
 
 #include <algorithm>
 #include <utility>
 
-namespace qm::test {
+namespace qm::media {
 namespace {
 
 constexpr std::uint8_t START_TYPE = 0x81;
@@ -19,13 +19,23 @@ void put(Datagram& out, std::uint64_t value, int width) {
     }
 }
 
+// Appends 16-bit units as little-endian pairs, grown once rather than byte by byte.
+void put_units(Datagram& out, const std::vector<std::uint16_t>& units) {
+    std::size_t at = out.size();
+    out.resize(at + 2 * units.size());
+    for (std::uint16_t unit : units) {
+        out[at++] = static_cast<std::uint8_t>(unit);
+        out[at++] = static_cast<std::uint8_t>(unit >> 8);
+    }
+}
+
 template <std::size_t N>
 void put(Datagram& out, const std::array<std::uint8_t, N>& bytes) {
     out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-Datagram header(const HeaderFields& fields, std::uint8_t type, std::uint16_t extra_flags = 0) {
-    Datagram out;
+void put_header(Datagram& out, const HeaderFields& fields, std::uint8_t type,
+                std::uint16_t extra_flags = 0) {
     put(out, fields.marker, 4);
     put(out, fields.type.value_or(type), 1);
     put(out, fields.version, 1);
@@ -33,13 +43,22 @@ Datagram header(const HeaderFields& fields, std::uint8_t type, std::uint16_t ext
     put(out, fields.id, 8);
     put(out, fields.uuid);
     put(out, fields.mt, 8);
+}
+
+Datagram header(const HeaderFields& fields, std::uint8_t type, std::uint16_t extra_flags = 0) {
+    Datagram out;
+    put_header(out, fields, type, extra_flags);
     return out;
 }
 
-Datagram finish(Datagram out, const HeaderFields& fields) {
+void cut_or_pad(Datagram& out, const HeaderFields& fields) {
     if (fields.length) {
         out.resize(*fields.length, 0);
     }
+}
+
+Datagram finish(Datagram out, const HeaderFields& fields) {
+    cut_or_pad(out, fields);
     return out;
 }
 
@@ -59,14 +78,19 @@ Datagram encode_start(const StartFields& fields) {
 }
 
 Datagram encode_data(const DataFields& fields) {
-    Datagram out = header(fields.header, DATA_TYPE);
+    Datagram out;
+    encode_data(fields, out);
+    return out;
+}
+
+void encode_data(const DataFields& fields, Datagram& out) {
+    out.clear();
+    put_header(out, fields.header, DATA_TYPE);
     put(out, fields.seq, 4);
     put(out, fields.off, 4);
     put(out, fields.num.value_or(static_cast<std::uint16_t>(fields.payload.size())), 2);
-    for (std::uint16_t unit : fields.payload) {
-        put(out, unit, 2);
-    }
-    return finish(std::move(out), fields.header);
+    put_units(out, fields.payload);
+    cut_or_pad(out, fields.header);
 }
 
 Datagram encode_control(const ControlFields& fields) {
@@ -99,14 +123,8 @@ Datagram encode_frame(const DataFields& data, std::uint64_t sync_mt) {
     put(out, num, 2);
     put(out, data.off, 4);
     put(out, (data.header.mt - sync_mt) & 0xFFFFFFFFu, 4);
-    for (std::uint16_t unit : data.payload) {
-        put(out, unit, 2);
-    }
+    put_units(out, data.payload);
     return out;
 }
 
-PacketBytes::PacketBytes(const Datagram& datagram) {
-    std::copy_n(datagram.begin(), std::min(datagram.size(), m_bytes.size()), m_bytes.begin());
-}
-
-}  // namespace qm::test
+}  // namespace qm::media

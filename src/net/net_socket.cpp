@@ -1,6 +1,7 @@
 #include "net/net_socket.hpp"
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -80,6 +81,55 @@ bool Socket::open(std::int32_t port, std::uint32_t address) {
         return false;
     }
     return true;
+}
+
+std::uint64_t Socket::set_receive_buffer(std::uint64_t requested) {
+    if (m_fd == -1) {
+        return 0;
+    }
+    if (requested == 0) {
+        return receive_buffer();
+    }
+    const int bytes = static_cast<int>(requested);
+    if (::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) != 0) {
+        const SystemError error{errno};
+        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to set the receive buffer, " << error);
+    }
+    // The system doubles a request to cover its own bookkeeping and reports the doubled figure;
+    // the grant is given in the request's terms.
+    std::uint64_t granted = receive_buffer() / 2;
+    // Beyond net.core.rmem_max only with CAP_NET_ADMIN; without it the call fails and the
+    // smaller grant stands.
+    if (granted < requested &&
+        ::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) {
+        granted = receive_buffer() / 2;
+    }
+    if (granted < requested) {
+        QM_LOG_WARNING("SOCKET[" << m_fd << "]: receive buffer: " << granted << " bytes of "
+                                 << requested << " requested; raise net.core.rmem_max to grant it");
+    } else {
+        QM_LOG_SYSTEM("SOCKET[" << m_fd << "]: receive buffer: " << granted << " bytes");
+    }
+    return granted;
+}
+
+std::uint64_t Socket::receive_buffer() const {
+    int reported = 0;
+    socklen_t size = sizeof reported;
+    if (::getsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &reported, &size) != 0) {
+        return 0;
+    }
+    return static_cast<std::uint64_t>(reported);
+}
+
+std::optional<std::uint32_t> kernel_drops(int fd) {
+    std::uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t size = sizeof memory;
+    if (fd < 0 || ::getsockopt(fd, SOL_SOCKET, SO_MEMINFO, memory, &size) != 0 ||
+        size <= SK_MEMINFO_DROPS * sizeof memory[0]) {
+        return std::nullopt;
+    }
+    return memory[SK_MEMINFO_DROPS];
 }
 
 std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {

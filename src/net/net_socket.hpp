@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace qm::net {
@@ -46,6 +47,14 @@ public:
     // when a descriptor is already held; a failed bind keeps its descriptor, so the next call
     // returns true.
     bool open(std::int32_t port, std::uint32_t address);
+
+    // Asks for a receive buffer of `requested` bytes and returns the size granted, or keeps the
+    // system's default (`net.core.rmem_default`) for 0 and returns that. The system doubles
+    // every request for its own bookkeeping; the grant is given in the request's terms, halved.
+    // A request above `net.core.rmem_max` is forced when the process has CAP_NET_ADMIN. Logs a
+    // request's grant at SYSTEM, or at WARNING when it falls short; the default logs nothing.
+    // 0 when no descriptor is held or the size cannot be read.
+    std::uint64_t set_receive_buffer(std::uint64_t requested);
 
     // What ended a `wait`.
     enum class Wake { DATAGRAM, DOORBELL };
@@ -79,8 +88,15 @@ public:
     std::int32_t fd() const { return m_fd; }
 
 private:
+    // The system's figure for the receive buffer; 0 when it cannot be read.
+    std::uint64_t receive_buffer() const;
+
     std::int32_t m_fd = -1;
 };
+
+// Datagrams the system discarded for the socket `fd` since it was created, because its receive
+// buffer was full; nothing when the count cannot be read. Any thread.
+std::optional<std::uint32_t> kernel_drops(int fd);
 
 // The system host name; empty when it cannot be read.
 std::string get_host_name();

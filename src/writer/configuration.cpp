@@ -93,6 +93,18 @@ bool try_parse_cleanup_threshold(const std::string& text, long double& out) {
     return false;
 }
 
+bool try_parse_socket_bytes(const std::string& text, std::uint64_t& out) {
+    constexpr long double LARGEST = 2147483647.0L;
+    long double bytes = 0;
+    // A sign or a percentage would parse as a threshold; neither is a size.
+    if (text.find_first_of("-%") != std::string::npos ||
+        !try_parse_cleanup_threshold(text, bytes) || bytes > LARGEST) {
+        return false;
+    }
+    out = static_cast<std::uint64_t>(bytes);
+    return true;
+}
+
 int Configuration::set_value(const std::string& key, const std::string& value,
                              std::ostringstream& detail) {
     if (key == "storage") {
@@ -118,6 +130,9 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "media_buffers_count") {
         return to_status(
             utils::str::try_parse_value<unsigned long, 10>(value, media_buffers_count).succeeded());
+    }
+    if (key == "receive_buffer_size") {
+        return to_status(try_parse_socket_bytes(value, receive_buffer_size));
     }
     if (key == "write_media") {
         return to_status(conf::try_parse_bool(value, write_media));

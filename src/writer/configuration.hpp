@@ -43,6 +43,11 @@ bool try_parse_cleanup_policy(const std::string& text, cleanup_policy& out);
 // suffix is then refused.
 bool try_parse_cleanup_threshold(const std::string& text, long double& out);
 
+// A count of bytes for the socket: a whole or fractional number with the size suffixes of
+// `try_parse_cleanup_threshold` ("32M", "1.5K", "65536"), no percentage, at most 2147483647
+// (the system takes an int). Leaves `out` alone when refused.
+bool try_parse_socket_bytes(const std::string& text, std::uint64_t& out);
+
 class Configuration
     : public conf::StatExtension<conf::PortExtension<conf::LogExtenstion<conf::Configuration>>> {
 public:
@@ -59,6 +64,8 @@ public:
     // 0 leaves the choice to the media buffer pool.
     std::uint64_t media_buffers_count = 0;
     bool write_media = true;
+    // Receive buffer requested for the UDP socket, in bytes; 0 keeps the system's default.
+    std::uint64_t receive_buffer_size = 0;
 
 protected:
     int set_value(const std::string& key, const std::string& value,

@@ -86,6 +86,8 @@ bool Service::on_start() {
     net::Socket socket;
     bool recorded = false;
     if (socket.open(configuration->port, INADDR_ANY)) {
+        const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
+        StatisticService::Instance.watch_kernel_drops(socket.fd(), granted);
         recorded = record(socket, *read_buffer);
     }
     // Also when the socket could not be bound: no thread may log while the frame puts the

@@ -10,9 +10,11 @@
 #include <cmath>
 #include <initializer_list>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 
 #include "log/logger.hpp"
+#include "net/net_socket.hpp"
 
 namespace qm::writer {
 namespace {
@@ -80,6 +82,7 @@ void StatisticService::run() {
     QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] started");
     do {
         try_print();
+        check_kernel_drops();
     } while (wait_period());
 }
 
@@ -110,6 +113,25 @@ int StatisticService::stop() {
                                                     << result << ")");
     }
     return result;
+}
+
+void StatisticService::watch_kernel_drops(int fd, std::uint64_t receive_buffer) {
+    m_receive_buffer.store(receive_buffer, std::memory_order_relaxed);
+    m_drops_fd.store(fd, std::memory_order_release);
+}
+
+void StatisticService::check_kernel_drops() {
+    const int fd = m_drops_fd.load(std::memory_order_acquire);
+    const std::optional<std::uint32_t> drops = net::kernel_drops(fd);
+    if (!drops || *drops == m_drops_seen) {
+        return;
+    }
+    // The count is the system's 32-bit one; unsigned subtraction survives its wrap.
+    QM_LOG_WARNING("STATISTIC_SERVICE: the system dropped "
+                   << static_cast<std::uint32_t>(*drops - m_drops_seen)
+                   << " datagrams since the last report: the receive buffer ("
+                   << m_receive_buffer.load(std::memory_order_relaxed) << " bytes) overflowed");
+    m_drops_seen = *drops;
 }
 
 void StatisticService::try_print() {

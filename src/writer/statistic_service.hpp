@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -51,6 +52,12 @@ public:
     // Returns 0 at once when the thread is not running.
     int stop() override;
 
+    // From now on, every period compares the count of datagrams the system dropped for the
+    // socket `fd` with the last one and logs a WARNING, naming `receive_buffer` (bytes granted),
+    // when it grew. Called by the main thread once its socket is open; the socket outlives the
+    // thread.
+    void watch_kernel_drops(int fd, std::uint64_t receive_buffer);
+
     // One report, unless `log_enabled` is false.
     void try_print();
     // The whole report; its last line has no line end (the log line adds it).
@@ -81,6 +88,9 @@ public:
     sockaddr_in transfer_address{};
 
 private:
+    // The WARNING of `watch_kernel_drops`, whether or not reports are logged.
+    void check_kernel_drops();
+
     // Waits one period, or less when a stop is requested; false once it is.
     bool wait_period();
 
@@ -89,6 +99,12 @@ private:
     std::condition_variable m_wake;
     // Guarded by m_mutex: set by `stop`, read by the waiting thread.
     bool m_stopping = false;
+
+    // Published by the main thread, the buffer size before the descriptor; -1 while none.
+    std::atomic<int> m_drops_fd{-1};
+    std::atomic<std::uint64_t> m_receive_buffer{0};
+    // The report thread's own: the count at the last check.
+    std::uint32_t m_drops_seen = 0;
 };
 
 }  // namespace qm::writer

@@ -18,7 +18,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -271,6 +273,70 @@ TEST_F(LoopbackTest, InterruptionIsLoggedAtInfo) {
                 ::testing::ElementsAre(::testing::StartsWith("INFO    | net_socket.cpp:")));
     EXPECT_THAT(capture.texts(),
                 ::testing::ElementsAre(fd_prefix(m_receiver) + "system interrupted call"));
+}
+
+// A number the system keeps in /proc/sys.
+std::uint64_t sysctl_value(const std::string& name) {
+    std::ifstream in("/proc/sys/" + name);
+    std::uint64_t value = 0;
+    in >> value;
+    return value;
+}
+
+TEST_F(LoopbackTest, RequestedReceiveBufferIsGrantedAndLoggedAtSystem) {
+    test::LogCapture capture;
+
+    // Below the smallest `net.core.rmem_max` of a stock system, so no privilege is involved.
+    const std::uint64_t granted = m_receiver.set_receive_buffer(100000);
+
+    EXPECT_EQ(granted, 100000u);
+    EXPECT_THAT(capture.lines(),
+                ::testing::ElementsAre(::testing::StartsWith("SYSTEM  | net_socket.cpp:")));
+    EXPECT_THAT(capture.texts(),
+                ::testing::ElementsAre(fd_prefix(m_receiver) + "receive buffer: 100000 bytes"));
+}
+
+TEST_F(LoopbackTest, DefaultReceiveBufferIsKeptSilently) {
+    test::LogCapture capture;
+
+    const std::uint64_t granted = m_receiver.set_receive_buffer(0);
+
+    EXPECT_EQ(granted, sysctl_value("net/core/rmem_default"));
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST(SocketTest, ReceiveBufferOfAClosedSocketIsNone) {
+    test::LogCapture capture;
+    Socket socket;
+
+    EXPECT_EQ(socket.set_receive_buffer(65536), 0u);
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST_F(LoopbackTest, KernelDropsCountTheDatagramsAFullBufferTurnedAway) {
+    m_receiver.set_receive_buffer(4096);
+    constexpr int SENT = 200;
+    const std::vector<std::uint8_t> datagram = pattern(1000);
+    for (int i = 0; i < SENT; ++i) {
+        send(datagram);
+    }
+    // Loopback delivers within sendto: every datagram is queued or dropped by now.
+    int queued = 0;
+    std::uint8_t buffer[2000];
+    while (::recv(m_receiver.fd(), buffer, sizeof buffer, MSG_DONTWAIT) > 0) {
+        ++queued;
+    }
+
+    ASSERT_GT(queued, 0);
+    ASSERT_LT(queued, SENT);
+    EXPECT_EQ(kernel_drops(m_receiver.fd()), std::optional<std::uint32_t>(SENT - queued));
+}
+
+TEST(SocketTest, KernelDropsOfNoSocketAreNone) {
+    EXPECT_EQ(kernel_drops(-1), std::nullopt);
+    const int file = ::open("/dev/null", O_RDONLY);
+    EXPECT_EQ(kernel_drops(file), std::nullopt);
+    ::close(file);
 }
 
 TEST(SocketTest, BindToAPortInUseFailsButKeepsTheDescriptor) {

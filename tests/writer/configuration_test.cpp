@@ -45,6 +45,7 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->media_buffer_size, 0u);
     EXPECT_EQ(configuration->media_buffers_count, 0u);
     EXPECT_TRUE(configuration->write_media);
+    EXPECT_EQ(configuration->receive_buffer_size, 0u);
 }
 
 TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
@@ -64,6 +65,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_EQ(configuration->port, 5090);
     EXPECT_EQ(configuration->storage, "storage");
     EXPECT_EQ(configuration->media_buffers_count, 1000u);
+    EXPECT_EQ(configuration->receive_buffer_size, 33554432u);
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_TRUE(capture.texts(Level::ERROR).empty());
 }
@@ -81,7 +83,8 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
                                                   "storage_cleanup_timer = 5m\n"
                                                   "media_buffer_size = 64000\n"
                                                   "media_buffers_count = 4000\n"
-                                                  "write_media = false\n");
+                                                  "write_media = false\n"
+                                                  "receive_buffer_size = 32M\n");
     ASSERT_TRUE(configuration->parse_file(path));
     EXPECT_EQ(configuration->log_level, Level::DEBUG);
     EXPECT_EQ(configuration->port, 5090);
@@ -97,6 +100,7 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
     EXPECT_EQ(configuration->media_buffer_size, 64000u);
     EXPECT_EQ(configuration->media_buffers_count, 4000u);
     EXPECT_FALSE(configuration->write_media);
+    EXPECT_EQ(configuration->receive_buffer_size, 33554432u);
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_EQ(capture.count("CONFIGURATION: option [storage] is set to [/srv/rec ords]"), 1u);
 }
@@ -299,6 +303,29 @@ TEST(CleanupParsersTest, ThresholdKeepsThePlainNumberOnARefusedSuffix) {
     EXPECT_FALSE(try_parse_cleanup_threshold("%", threshold));
     EXPECT_FALSE(try_parse_cleanup_threshold("1e999999", threshold));
     EXPECT_EQ(threshold, 1.0L);
+}
+
+TEST(SocketBytesParserTest, TakesBytesAndTheSizeSuffixes) {
+    std::uint64_t bytes = 1;
+    EXPECT_TRUE(try_parse_socket_bytes("0", bytes));
+    EXPECT_EQ(bytes, 0u);
+    EXPECT_TRUE(try_parse_socket_bytes("65536", bytes));
+    EXPECT_EQ(bytes, 65536u);
+    EXPECT_TRUE(try_parse_socket_bytes("1.5K", bytes));
+    EXPECT_EQ(bytes, 1536u);
+    EXPECT_TRUE(try_parse_socket_bytes("32 mb", bytes));
+    EXPECT_EQ(bytes, 33554432u);
+    EXPECT_TRUE(try_parse_socket_bytes("2147483647", bytes));
+    EXPECT_EQ(bytes, 2147483647u);
+}
+
+TEST(SocketBytesParserTest, RefusesSignsPercentagesAndWhatTheSystemCannotTake) {
+    for (const char* text :
+         {"-1", "-0", "0%", "50%", "2G", "2147483648", "1T", "32 MiB", "", "x"}) {
+        std::uint64_t bytes = 7;
+        EXPECT_FALSE(try_parse_socket_bytes(text, bytes)) << text;
+        EXPECT_EQ(bytes, 7u) << text;
+    }
 }
 
 TEST(CleanupParsersTest, NamesLeaveOutAloneWhenRefused) {

@@ -7,6 +7,7 @@ packages=(
     cmake ninja-build g++ clang libclang-rt-14-dev
     libboost-filesystem-dev libboost-system-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    libcli11-dev libsndfile1-dev nlohmann-json3-dev
 )
 
 missing=()

@@ -147,6 +147,11 @@ protected:
         return start_program(QM_BINARY_PATH, std::move(args), working_directory);
     }
 
+    // Starts the `quillmar` tool with its output in a directory of its own.
+    ChildProcess& start_tool(std::vector<std::string> args) {
+        return start_program(QM_TOOL_PATH, std::move(args), {});
+    }
+
     // Starts the binary as the unprivileged user nobody, for what root would be allowed anyway.
     // The test's directory is opened to that user.
     ChildProcess& start_unprivileged(std::vector<std::string> args) {

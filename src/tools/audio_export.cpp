@@ -1,0 +1,321 @@
+#include "tools/audio_export.hpp"
+
+#include <sndfile.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "io/io_media_channel.hpp"
+#include "io/io_media_frame.hpp"
+#include "io/quillmar_format.hpp"
+#include "tools/recording_file.hpp"
+#include "utils/str.hpp"
+
+namespace qm::tools {
+namespace {
+
+// Sample frames produced and written at a time.
+constexpr std::size_t BLOCK_FRAMES = 4096;
+
+std::runtime_error failure(const std::filesystem::path& path, const std::string& problem) {
+    return std::runtime_error(path.string() + ": " + problem);
+}
+
+// "1 gap", "2 gaps".
+std::string counted(std::uint64_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+int channel_count(ExportChannels channels) {
+    return channels == ExportChannels::STEREO ? 2 : 1;
+}
+
+int sound_format_of(const std::filesystem::path& output) {
+    std::string extension = output.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (extension == ".wav") {
+        return SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    }
+    if (extension == ".flac") {
+        return SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+    }
+    if (extension == ".ogg") {
+        return SF_FORMAT_OGG | SF_FORMAT_VORBIS;
+    }
+    if (extension == ".opus") {
+        return SF_FORMAT_OGG | SF_FORMAT_OPUS;
+    }
+    throw failure(output,
+                  "unsupported extension \"" + extension + "\" (use .wav, .flac, .ogg or .opus)");
+}
+
+SF_INFO sound_info_for(const ExportOptions& options) {
+    if (options.rate <= 0) {
+        throw failure(options.output,
+                      "sample rate " + std::to_string(options.rate) + " is not a positive number");
+    }
+    SF_INFO info{};
+    info.samplerate = options.rate;
+    info.channels = channel_count(options.channels);
+    info.format = sound_format_of(options.output);
+    if (sf_format_check(&info) == 0) {
+        throw failure(options.output, "this libsndfile cannot write " +
+                                          options.output.extension().string() + " with " +
+                                          counted(info.channels, "channel") + " at " +
+                                          std::to_string(info.samplerate) + " Hz");
+    }
+    return info;
+}
+
+void refuse_existing(const ExportOptions& options) {
+    std::error_code error;
+    if (!options.force &&
+        std::filesystem::exists(std::filesystem::symlink_status(options.output, error))) {
+        throw failure(options.output, "already exists (use --force to overwrite it)");
+    }
+}
+
+// A frame on the timeline, its start counted from the timeline's origin.
+struct PlacedFrame {
+    std::uint64_t start = 0;
+    std::uint16_t num = 0;
+    const std::uint8_t* payload = nullptr;
+
+    std::uint64_t end() const { return start + num; }
+};
+
+// What the reader delivered, both sides, and where the timeline starts and ends.
+struct Timeline {
+    std::array<std::vector<PlacedFrame>, 2> sides;
+    std::uint64_t length = 0;
+    std::uint64_t frame_bytes = 0;
+};
+
+Timeline timeline_of(RecordingFile& file) {
+    std::array<std::vector<io::MediaFrame>, 2> delivered;
+    const std::vector<io::MediaChannel*> channels = file.stream().streams();
+    Timeline timeline;
+    // The reader's 32-bit offsets as they are: offsets that wrap are not unwrapped.
+    std::uint32_t origin = std::numeric_limits<std::uint32_t>::max();
+    for (std::size_t side = 0; side < channels.size() && side < delivered.size(); ++side) {
+        io::MediaFrame frame;
+        while (channels[side]->read(frame) == 1) {
+            delivered[side].push_back(frame);
+            origin = std::min(origin, frame.offset);
+            timeline.frame_bytes += io::FRAME_HEADER_SIZE + 2u * std::uint64_t{frame.num};
+        }
+    }
+    for (std::size_t side = 0; side < delivered.size(); ++side) {
+        std::vector<PlacedFrame>& placed = timeline.sides[side];
+        placed.reserve(delivered[side].size());
+        for (const io::MediaFrame& frame : delivered[side]) {
+            placed.push_back({std::uint64_t{frame.offset} - origin, frame.num, frame.payload});
+            timeline.length = std::max(timeline.length, placed.back().end());
+        }
+        // Stable, so that of frames at one offset the first in the file is placed first.
+        std::stable_sort(
+            placed.begin(), placed.end(),
+            [](const PlacedFrame& a, const PlacedFrame& b) { return a.start < b.start; });
+    }
+    return timeline;
+}
+
+// Adds the gaps and the overlapping frames of one side, sorted by start, to `result`.
+void count_side(const std::vector<PlacedFrame>& frames, std::uint64_t length,
+                ExportResult& result) {
+    std::uint64_t placed_end = 0;
+    for (const PlacedFrame& frame : frames) {
+        if (frame.start > placed_end) {
+            ++result.gaps;
+            result.silence += frame.start - placed_end;
+        } else if (frame.start < placed_end && frame.num != 0) {
+            ++result.overlapping_frames;
+        }
+        placed_end = std::max(placed_end, frame.end());
+    }
+    if (length > placed_end) {
+        ++result.gaps;
+        result.silence += length - placed_end;
+    }
+}
+
+// One side's samples from the start of the timeline on, a run at a time. The sample at a position
+// is that of the first frame, in sorted order, covering it, which is the frame that placed it
+// first; without one it is silence.
+class SideTrack {
+public:
+    // REQUIRES: `frames` sorted by start.
+    explicit SideTrack(const std::vector<PlacedFrame>& frames) : m_frames(frames) {}
+
+    // Fills `out` with the next `count` samples.
+    void fill(std::int16_t* out, std::size_t count) {
+        while (count > 0) {
+            while (m_next < m_frames.size() && m_frames[m_next].end() <= m_position) {
+                ++m_next;
+            }
+            const std::size_t run = m_next < m_frames.size() && m_frames[m_next].start <= m_position
+                                        ? copy_samples(m_frames[m_next], out, count)
+                                        : fill_silence(out, count);
+            out += run;
+            count -= run;
+            m_position += run;
+        }
+    }
+
+private:
+    // The samples are little-endian and not aligned.
+    std::size_t copy_samples(const PlacedFrame& frame, std::int16_t* out, std::size_t count) const {
+        const std::size_t run =
+            static_cast<std::size_t>(std::min<std::uint64_t>(count, frame.end() - m_position));
+        const std::uint8_t* bytes = frame.payload + 2u * (m_position - frame.start);
+        for (std::size_t i = 0; i < run; ++i) {
+            out[i] = static_cast<std::int16_t>(
+                static_cast<std::uint16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8)));
+        }
+        return run;
+    }
+
+    // Up to the next frame's start; no frame covers a position before it.
+    std::size_t fill_silence(std::int16_t* out, std::size_t count) const {
+        std::size_t run = count;
+        if (m_next < m_frames.size()) {
+            run = static_cast<std::size_t>(
+                std::min<std::uint64_t>(count, m_frames[m_next].start - m_position));
+        }
+        std::fill_n(out, run, std::int16_t{0});
+        return run;
+    }
+
+    const std::vector<PlacedFrame>& m_frames;
+    // Frames before it end at or before the position.
+    std::size_t m_next = 0;
+    std::uint64_t m_position = 0;
+};
+
+std::int16_t clipped_sum(std::int16_t a, std::int16_t b) {
+    const int sum = int{a} + int{b};
+    return static_cast<std::int16_t>(std::clamp(sum, int{std::numeric_limits<std::int16_t>::min()},
+                                                int{std::numeric_limits<std::int16_t>::max()}));
+}
+
+struct SoundFileCloser {
+    void operator()(SNDFILE* file) const { sf_close(file); }
+};
+
+// Writes the timeline in blocks; false when libsndfile did not take a block.
+bool write_sound(SNDFILE* sound, const Timeline& timeline, ExportChannels channels) {
+    std::array<SideTrack, 2> tracks = {SideTrack(timeline.sides[0]), SideTrack(timeline.sides[1])};
+    std::array<std::vector<std::int16_t>, 2> sides = {std::vector<std::int16_t>(BLOCK_FRAMES),
+                                                      std::vector<std::int16_t>(BLOCK_FRAMES)};
+    const int width = channel_count(channels);
+    std::vector<std::int16_t> block(BLOCK_FRAMES * width);
+    for (std::uint64_t written = 0; written < timeline.length;) {
+        const auto frames = static_cast<std::size_t>(
+            std::min<std::uint64_t>(BLOCK_FRAMES, timeline.length - written));
+        switch (channels) {
+            case ExportChannels::SIDE_0:
+                tracks[0].fill(block.data(), frames);
+                break;
+            case ExportChannels::SIDE_1:
+                tracks[1].fill(block.data(), frames);
+                break;
+            case ExportChannels::STEREO:
+            case ExportChannels::MIX:
+                tracks[0].fill(sides[0].data(), frames);
+                tracks[1].fill(sides[1].data(), frames);
+                for (std::size_t i = 0; i < frames; ++i) {
+                    if (channels == ExportChannels::STEREO) {
+                        block[2 * i] = sides[0][i];
+                        block[2 * i + 1] = sides[1][i];
+                    } else {
+                        block[i] = clipped_sum(sides[0][i], sides[1][i]);
+                    }
+                }
+                break;
+        }
+        if (sf_writef_short(sound, block.data(), static_cast<sf_count_t>(frames)) !=
+            static_cast<sf_count_t>(frames)) {
+            return false;
+        }
+        written += frames;
+    }
+    return true;
+}
+
+}  // namespace
+
+ExportResult export_audio(const ExportOptions& options) {
+    SF_INFO info = sound_info_for(options);
+    refuse_existing(options);
+    RecordingFile recording(options.input);
+    if (!recording.session()) {
+        throw failure(options.input, "truncated header: " + counted(recording.size(), "byte") +
+                                         ", shorter than the " +
+                                         std::to_string(io::FILE_HEADER_SIZE) +
+                                         "-byte file header");
+    }
+    const Timeline timeline = timeline_of(recording);
+
+    ExportResult result;
+    result.channels = info.channels;
+    result.samples = timeline.length;
+    result.rate = info.samplerate;
+    const std::uint64_t whole = io::FILE_HEADER_SIZE + timeline.frame_bytes;
+    result.tail = recording.size() > whole ? recording.size() - whole : 0;
+    if (options.channels != ExportChannels::SIDE_1) {
+        count_side(timeline.sides[0], timeline.length, result);
+    }
+    if (options.channels != ExportChannels::SIDE_0) {
+        count_side(timeline.sides[1], timeline.length, result);
+    }
+
+    // libsndfile creates the file before it finds out that it cannot write it: whatever went
+    // wrong, the output is removed rather than left half written. It did not exist or may be
+    // replaced, refuse_existing saw to that.
+    const auto failed = [&options](const std::string& reason) {
+        std::error_code ignored;
+        std::filesystem::remove(options.output, ignored);
+        return failure(options.output, "cannot write: " + reason);
+    };
+    std::unique_ptr<SNDFILE, SoundFileCloser> sound(
+        sf_open(options.output.c_str(), SFM_WRITE, &info));
+    if (!sound) {
+        throw failed(sf_strerror(nullptr));
+    }
+    if (!write_sound(sound.get(), timeline, options.channels)) {
+        const std::string reason = sf_strerror(sound.get());
+        sound.reset();
+        throw failed(reason);
+    }
+    const int closed = sf_close(sound.release());
+    if (closed != 0) {
+        throw failed(sf_error_number(closed));
+    }
+    return result;
+}
+
+std::string summary_line(const std::filesystem::path& output, const ExportResult& result) {
+    const double seconds = result.rate > 0 ? static_cast<double>(result.samples) / result.rate : 0;
+    return output.string() + ": " + counted(result.channels, "channel") + ", " +
+           counted(result.samples, "sample") + " (" + utils::str::print_double<3>(seconds) +
+           " s at " + std::to_string(result.rate) + " Hz), " + counted(result.gaps, "gap") +
+           " filled with " + counted(result.silence, "sample") + " of silence, " +
+           counted(result.overlapping_frames, "overlapping frame") + " (samples placed first kept)";
+}
+
+std::string tail_warning(const std::filesystem::path& input, const ExportResult& result) {
+    if (result.tail == 0) {
+        return "";
+    }
+    return input.string() + ": warning: truncated tail: " + counted(result.tail, "byte") +
+           " after the last whole frame not exported";
+}
+
+}  // namespace qm::tools

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+// `quillmar export`: a recording turned into an audio file through libsndfile, the format chosen
+// by the output's extension (.wav 16-bit PCM, .flac 16-bit, .ogg Vorbis, .opus when this
+// libsndfile can write it).
+//
+// The timeline is the leg's: every frame of either side sits at its offset (MediaFrame::offset)
+// counted from the smallest offset of any frame, and the audio runs to the largest offset + num
+// of any frame, whatever channels are written, so that the sides stay aligned with each other and
+// with exports of the other side. Where a side has no sample it is silent. Frames are placed in
+// order of offset, ties in file order; samples a frame shares with frames placed before it keep
+// the earlier ones. Offsets are the reader's 32-bit values: a leg whose offsets wrap is not
+// unwrapped, its frames past the wrap land at the start of the timeline.
+//
+// The audio is written in blocks as it is produced, silence included, so memory follows the size
+// of the recording (which the reader holds) and not the length of its gaps.
+// One export per call; any thread.
+
+namespace qm::tools {
+
+enum class ExportChannels {
+    // Side 0 left, side 1 right.
+    STEREO,
+    // One channel: side 0 + side 1, clipped to 16 bits.
+    MIX,
+    SIDE_0,
+    SIDE_1,
+};
+
+struct ExportOptions {
+    std::filesystem::path input;
+    std::filesystem::path output;
+    ExportChannels channels = ExportChannels::STEREO;
+    // Written into the file; the samples are not resampled.
+    int rate = 8000;
+    // Replace an existing output.
+    bool force = false;
+};
+
+struct ExportResult {
+    int channels = 0;
+    // Per channel.
+    std::uint64_t samples = 0;
+    int rate = 0;
+    // Stretches of the timeline without samples and their length, counted per side written (both
+    // for STEREO and MIX), from the start of the timeline to its end.
+    std::uint64_t gaps = 0;
+    std::uint64_t silence = 0;
+    // Frames of a side sharing samples with frames placed before them.
+    std::uint64_t overlapping_frames = 0;
+    // Bytes after the last whole frame of the input, which the reader does not deliver.
+    std::uint64_t tail = 0;
+};
+
+// THROWS: std::runtime_error, one line naming the file at fault, when the output's extension is
+// not one of the above, the output exists and `force` is not set, the input is not a readable
+// recording (RecordingError) or ends inside its header, or libsndfile fails (with its words). An
+// output libsndfile failed to write is removed.
+ExportResult export_audio(const ExportOptions& options);
+
+// "OUT: 2 channels, 40000 samples (5.000 s at 8000 Hz), 3 gaps filled with 480 samples of
+// silence, 0 overlapping frames (samples placed first kept)".
+std::string summary_line(const std::filesystem::path& output, const ExportResult& result);
+
+// "IN: warning: truncated tail: 7 bytes after the last whole frame not exported"; empty without a
+// tail.
+std::string tail_warning(const std::filesystem::path& input, const ExportResult& result);
+
+}  // namespace qm::tools

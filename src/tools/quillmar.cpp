@@ -1,0 +1,25 @@
+// `quillmar`: look into recordings, turn them into audio, send test calls to a recorder and
+// verify what it recorded. Each subcommand lives in its own file; see "tools/tool_commands.hpp".
+
+#include <CLI/CLI.hpp>
+
+#include "build_version.hpp"
+#include "tools/tool_commands.hpp"
+
+int main(int argc, char** argv) {
+    CLI::App app{"quillmar: inspect, export, send and verify quillmarwriter recordings"};
+    app.set_version_flag("--version", std::string(qm::build::VERSION));
+    app.require_subcommand(1);
+    int status = 0;
+    qm::tools::add_inspect_command(app, status);
+    qm::tools::add_export_command(app, status);
+    qm::tools::add_send_command(app, status);
+    qm::tools::add_verify_command(app, status);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // Help and version end with 0; every mistake on the command line is a usage error, 2.
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    return status;
+}

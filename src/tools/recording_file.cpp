@@ -1,0 +1,81 @@
+#include "tools/recording_file.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+namespace qm::tools {
+namespace {
+
+std::string describe(const std::filesystem::path& path, const std::string& problem) {
+    return path.string() + ": " + problem;
+}
+
+}  // namespace
+
+RecordingFile::RecordingFile(const std::filesystem::path& path) : m_path(path) {
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error)) {
+        throw RecordingError(describe(path, "is a directory"));
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        throw RecordingError(describe(path, std::string("cannot open: ") + std::strerror(errno)));
+    }
+    m_size = std::filesystem::file_size(path, error);
+    io::QuillmarStreamHeader header{};
+    in.read(reinterpret_cast<char*>(&header), sizeof header);
+    if (in.gcount() < static_cast<std::streamsize>(sizeof header.magic) ||
+        header.magic != io::QUILLMAR_MAGIC) {
+        throw RecordingError(describe(path, "not a media file (no \"QM\\0F\" magic)"));
+    }
+    if (!in) {
+        // The magic is there but the file ends inside the format: a media file cut in its header,
+        // not a file of another kind. There is nothing after it for the stream to read.
+        in.clear();
+        header.format = io::MEDIA_FORMAT;
+    }
+    if (header.format != io::MEDIA_FORMAT) {
+        throw RecordingError(describe(path, "unknown format " + std::to_string(header.format)));
+    }
+    const std::streampos frames_at = in.tellg();
+    io::SessionHeader session{};
+    if (in.read(reinterpret_cast<char*>(&session), sizeof session)) {
+        m_session = session;
+    }
+    in.clear();
+    in.seekg(frames_at);
+    m_stream = std::make_unique<io::QuillmarSessionStream>(header, in);
+}
+
+std::optional<io::Uuid> parse_uuid(const std::string& text) {
+    // 8-4-4-4-12 hexadecimal digits.
+    static constexpr std::size_t DASHES[] = {8, 13, 18, 23};
+    if (text.size() != 36) {
+        return std::nullopt;
+    }
+    io::Uuid uuid{};
+    std::size_t byte = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        if (std::find(std::begin(DASHES), std::end(DASHES), i) != std::end(DASHES)) {
+            if (text[i] != '-') {
+                return std::nullopt;
+            }
+            ++i;
+            continue;
+        }
+        if (!std::isxdigit(static_cast<unsigned char>(text[i])) ||
+            !std::isxdigit(static_cast<unsigned char>(text[i + 1]))) {
+            return std::nullopt;
+        }
+        uuid[byte++] = static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16));
+        i += 2;
+    }
+    return uuid;
+}
+
+}  // namespace qm::tools

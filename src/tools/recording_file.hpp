@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "io/io_quillmar_session_stream.hpp"
+#include "io/quillmar_format.hpp"
+
+// One "media.qm" opened for reading by the tools: its size, its headers and the session stream
+// over its frames. Opening checks only what every tool needs before it can look at frames (the
+// file can be read, it starts with the magic, its format is the media format); what the frames
+// hold is for the caller to judge. Owns the stream; one thread at a time.
+
+namespace qm::tools {
+
+// A file the tools cannot read as a recording at all: missing, unreadable, not a recording, or of
+// a format they do not know. `what()` is one line naming the file.
+class RecordingError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class RecordingFile {
+public:
+    // THROWS: RecordingError.
+    explicit RecordingFile(const std::filesystem::path& path);
+
+    const std::filesystem::path& path() const { return m_path; }
+    std::uint64_t size() const { return m_size; }
+    // None when the file ends inside the 40-byte session header.
+    const std::optional<io::SessionHeader>& session() const { return m_session; }
+    io::QuillmarSessionStream& stream() { return *m_stream; }
+
+private:
+    std::filesystem::path m_path;
+    std::uint64_t m_size = 0;
+    std::optional<io::SessionHeader> m_session;
+    std::unique_ptr<io::QuillmarSessionStream> m_stream;
+};
+
+// The uuid from its text form, "00112233-4455-6677-8899-aabbccddeeff" (either case); none for
+// anything else. `utils::str::print_uuid` writes the form.
+std::optional<io::Uuid> parse_uuid(const std::string& text);
+
+}  // namespace qm::tools

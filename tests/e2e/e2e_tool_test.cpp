@@ -1,0 +1,332 @@
+// The `quillmar` tool against the running recorder: calls sent by `quillmar send` are recorded and
+// pass `quillmar verify`; a recording exported by `quillmar export` gives back the audio that was
+// sent, sample for sample, on the right channel and at the right place in time.
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "io/io_session_path.hpp"
+#include "io/quillmar_format.hpp"
+#include "media/packet_encoder.hpp"
+#include "recorder_e2e.hpp"
+#include "tools/call_manifest.hpp"
+#include "utils/str.hpp"
+
+namespace qm::test {
+
+// The packet encoder's fields and functions.
+using namespace media;
+
+namespace {
+
+using tools::CallManifest;
+using tools::Expectation;
+using tools::SentLeg;
+
+constexpr int RATE = 8000;
+// Two seconds of a 1 kHz tone: a whole number of 160-sample frames.
+constexpr int TONE_SAMPLES = 16000;
+
+struct ToolRun {
+    ExitStatus status;
+    std::string out;
+    std::string err;
+};
+
+// 16-bit mono or multi-channel audio, interleaved.
+struct Audio {
+    int channels = 0;
+    int rate = 0;
+    std::vector<short> samples;
+
+    std::size_t frames() const { return channels == 0 ? 0 : samples.size() / channels; }
+    short at(std::size_t frame, int channel) const { return samples[frame * channels + channel]; }
+};
+
+Audio read_audio(const std::filesystem::path& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    EXPECT_NE(file, nullptr) << path << ": " << sf_strerror(nullptr);
+    Audio audio;
+    if (file == nullptr) {
+        return audio;
+    }
+    audio.channels = info.channels;
+    audio.rate = info.samplerate;
+    audio.samples.resize(static_cast<std::size_t>(info.frames * info.channels));
+    EXPECT_EQ(sf_readf_short(file, audio.samples.data(), info.frames), info.frames);
+    sf_close(file);
+    return audio;
+}
+
+void write_tone(const std::filesystem::path& path) {
+    SF_INFO info{};
+    info.samplerate = RATE;
+    info.channels = 1;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    std::vector<short> tone(TONE_SAMPLES);
+    for (int i = 0; i < TONE_SAMPLES; ++i) {
+        tone[i] = static_cast<short>(std::lround(12000 * std::sin(2 * M_PI * 1000 * i / RATE)));
+    }
+    ASSERT_EQ(sf_writef_short(file, tone.data(), TONE_SAMPLES), TONE_SAMPLES);
+    sf_close(file);
+}
+
+// Rewrites a recording without the `nth` frame (from 0) of `side`: the damage a lost write would
+// do, made by hand so that `verify` has something to find.
+void delete_frame(const std::filesystem::path& path, int side, int nth) {
+    const std::string text = read_file(path);
+    std::string kept = text.substr(0, io::FILE_HEADER_SIZE);
+    int seen = 0;
+    for (std::size_t at = io::FILE_HEADER_SIZE; at + io::FRAME_HEADER_SIZE <= text.size();) {
+        io::SessionStreamFrame header;
+        std::memcpy(&header, text.data() + at, sizeof header);
+        const std::size_t size = io::FRAME_HEADER_SIZE + 2u * header.num;
+        if ((header.side & 1) != side || seen++ != nth) {
+            kept += text.substr(at, size);
+        }
+        at += size;
+    }
+    ASSERT_EQ(kept.size(), text.size() - io::FRAME_HEADER_SIZE - 2 * 160);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << kept;
+}
+
+class ToolE2eTest : public RecorderE2eTest {
+protected:
+    ToolRun run_tool(std::vector<std::string> args) {
+        ChildProcess& tool = start_tool(std::move(args));
+        const std::optional<ExitStatus> status = tool.wait_exit(std::chrono::seconds(60));
+        EXPECT_TRUE(status.has_value()) << "quillmar did not end";
+        return {status.value_or(ExitStatus{}), tool.standard_output(), tool.standard_error()};
+    }
+
+    // `quillmar send` to the recorder started last, writing the manifest.
+    ToolRun send_calls(std::vector<std::string> options) {
+        std::vector<std::string> args = {"send", "--to", "127.0.0.1:" + std::to_string(port),
+                                         "--manifest", manifest_path().string()};
+        args.insert(args.end(), options.begin(), options.end());
+        ToolRun run = run_tool(std::move(args));
+        EXPECT_TRUE(run.status.exited_with(0)) << run.err;
+        return run;
+    }
+
+    ToolRun verify() {
+        return run_tool(
+            {"verify", "--manifest", manifest_path().string(), "--storage", storage().string()});
+    }
+
+    // Stops the recorder after it has taken in every datagram sent: its writer drains on the way
+    // out, so every leg's file is whole afterwards.
+    void stop_recorder(ChildProcess& recorder) {
+        EXPECT_TRUE(poll_until(
+            [&] {
+                const std::optional<UdpQueue> queue = udp_queue(port);
+                return queue && queue->queued_bytes == 0;
+            },
+            TIMEOUT));
+        EXPECT_TRUE(stop(recorder).exited_with(0)) << recorder.standard_error();
+    }
+
+    std::filesystem::path manifest_path() const { return directory.path() / "manifest.json"; }
+    CallManifest manifest() const { return tools::read_manifest(manifest_path()); }
+    std::filesystem::path file_of(const SentLeg& leg) const {
+        return storage() / io::session_path(leg.ts, leg.uuid);
+    }
+
+    // Exports the only leg of the manifest as a stereo WAV file.
+    Audio export_leg() {
+        const std::filesystem::path out = directory.path() / "leg.wav";
+        const ToolRun run =
+            run_tool({"export", file_of(manifest().legs.at(0)).string(), "-o", out.string()});
+        EXPECT_TRUE(run.status.exited_with(0)) << run.err;
+        return read_audio(out);
+    }
+};
+
+TEST_F(ToolE2eTest, FiftySentCallsAreAllVerified) {
+    ChildProcess& recorder = start_recorder();
+
+    send_calls({"--calls", "50", "--duration", "0.4", "--rate", "2000"});
+    stop_recorder(recorder);
+    const ToolRun run = verify();
+
+    EXPECT_TRUE(run.status.exited_with(0)) << run.out << run.err;
+    EXPECT_EQ(run.out, "50 legs verified, 0 incomplete, 0 missing\n");
+}
+
+TEST_F(ToolE2eTest, WithheldPacketsAreExpectedGapsButADeletedFrameFailsItsLeg) {
+    ChildProcess& recorder = start_recorder();
+
+    send_calls(
+        {"--calls", "10", "--duration", "1", "--rate", "2000", "--loss", "0.05", "--seed", "1"});
+    stop_recorder(recorder);
+    const CallManifest sent = manifest();
+    std::size_t withheld = 0;
+    for (const SentLeg& leg : sent.legs) {
+        for (const tools::SentSide& side : leg.sides) {
+            withheld +=
+                std::count(side.expectations.begin(), side.expectations.end(), Expectation::LOST);
+        }
+    }
+    ASSERT_GT(withheld, 0u) << "the seed withheld nothing";
+    const ToolRun whole = verify();
+    EXPECT_TRUE(whole.status.exited_with(0)) << whole.out << whole.err;
+    EXPECT_EQ(whole.out, "10 legs verified, 0 incomplete, 0 missing\n");
+
+    // Damage leg 4: take out of its file the first frame of side 1 after the first one (which
+    // is never withheld) that the recorder was expected to keep.
+    const SentLeg& hurt = sent.legs.at(4);
+    std::size_t index = 1;
+    while (hurt.sides[1].expectations.at(index) != Expectation::RECORDED) {
+        ++index;
+    }
+    const std::uint32_t seq = hurt.sides[1].frames.at(index).seq;
+    // In the file it follows the side's first frame only: those in between were withheld.
+    delete_frame(file_of(hurt), 1, 1);
+    const ToolRun broken = verify();
+
+    EXPECT_TRUE(broken.status.exited_with(1)) << broken.out << broken.err;
+    EXPECT_EQ(broken.out, "leg " + utils::str::print_uuid(hurt.uuid.data()) +
+                              " incomplete: " + file_of(hurt).string() +
+                              ": side 1: 1 frame missing (seq " + std::to_string(seq) +
+                              ")\n9 legs verified, 1 incomplete, 0 missing\n");
+}
+
+TEST_F(ToolE2eTest, VerifyNamesALegTheRecorderNeverSaw) {
+    ChildProcess& recorder = start_recorder();
+    send_calls({"--calls", "3", "--duration", "0.2"});
+    stop_recorder(recorder);
+    const SentLeg gone = manifest().legs.at(1);
+    std::filesystem::remove_all(file_of(gone).parent_path());
+
+    const ToolRun run = verify();
+
+    EXPECT_TRUE(run.status.exited_with(1));
+    EXPECT_EQ(run.out, "leg " + utils::str::print_uuid(gone.uuid.data()) +
+                           " missing: " + file_of(gone).string() +
+                           ": no recording\n2 legs verified, 0 incomplete, 1 missing\n");
+}
+
+TEST_F(ToolE2eTest, ExportedToneEqualsTheSentAudioSampleForSample) {
+    const std::filesystem::path tone = directory.path() / "tone.wav";
+    write_tone(tone);
+    ChildProcess& recorder = start_recorder();
+
+    send_calls({"--calls", "1", "--audio", tone.string()});
+    stop_recorder(recorder);
+    const Audio sent = read_audio(tone);
+    const Audio exported = export_leg();
+
+    ASSERT_EQ(exported.channels, 2);
+    EXPECT_EQ(exported.rate, RATE);
+    ASSERT_EQ(exported.frames(), sent.frames());
+    std::size_t differing = 0;
+    for (std::size_t i = 0; i < sent.frames(); ++i) {
+        differing += exported.at(i, 0) != sent.at(i, 0) ? 1 : 0;
+        differing += exported.at(i, 1) != sent.at(i, 0) ? 1 : 0;
+    }
+    EXPECT_EQ(differing, 0u);
+}
+
+TEST_F(ToolE2eTest, WithheldFramesExportAsSilenceAndTheLengthHolds) {
+    const std::filesystem::path tone = directory.path() / "tone.wav";
+    write_tone(tone);
+    ChildProcess& recorder = start_recorder();
+
+    send_calls({"--calls", "1", "--audio", tone.string(), "--loss", "0.2", "--seed", "3"});
+    stop_recorder(recorder);
+    const Audio sent = read_audio(tone);
+    const Audio exported = export_leg();
+    const SentLeg leg = manifest().legs.at(0);
+
+    ASSERT_EQ(exported.channels, 2);
+    ASSERT_EQ(exported.frames(), sent.frames());
+    std::size_t withheld = 0;
+    for (int side = 0; side < 2; ++side) {
+        const tools::SentSide& frames = leg.sides[side];
+        for (std::size_t f = 0; f < frames.frames.size(); ++f) {
+            const bool lost = frames.expectations[f] == Expectation::LOST;
+            withheld += lost ? 1 : 0;
+            const std::uint32_t off = frames.frames[f].off;
+            std::size_t wrong = 0;
+            for (std::uint32_t i = off; i < off + frames.frames[f].num; ++i) {
+                wrong += exported.at(i, side) != (lost ? 0 : sent.at(i, 0)) ? 1 : 0;
+            }
+            EXPECT_EQ(wrong, 0u) << "side " << side << " seq " << frames.frames[f].seq
+                                 << (lost ? " (withheld)" : "");
+        }
+    }
+    EXPECT_GT(withheld, 10u);
+}
+
+TEST_F(ToolE2eTest, SideThatStartsLaterStaysOnTheLeftChannel) {
+    ChildProcess& recorder = start_recorder();
+    StartFields start;
+    start.ts = 1700000000000000ULL;
+    send(encode_start(start));
+    // Side 1 talks for five frames before side 0 says anything; each side's offsets start at 0.
+    auto frame = [&](int side, std::uint32_t seq) {
+        DataFields data;
+        data.header.flags = static_cast<std::uint16_t>(side);
+        data.header.mt = start.header.mt + seq * 160 * 125;
+        data.seq = seq;
+        data.off = (seq - 1) * 160;
+        data.payload.assign(160, static_cast<std::uint16_t>(side == 0 ? 1000 + seq : 2000 + seq));
+        return encode_data(data);
+    };
+    for (std::uint32_t seq = 1; seq <= 5; ++seq) {
+        send(frame(1, seq));
+    }
+    for (std::uint32_t seq = 1; seq <= 3; ++seq) {
+        send(frame(0, seq));
+        send(frame(1, seq + 5));
+    }
+    send(encode_terminate({start.header}));
+    stop_recorder(recorder);
+    const std::filesystem::path file = storage() / io::session_path(start.ts, start.header.uuid);
+    const std::filesystem::path out = directory.path() / "late.wav";
+
+    const ToolRun run = run_tool({"export", file.string(), "-o", out.string()});
+    const Audio audio = read_audio(out);
+
+    ASSERT_TRUE(run.status.exited_with(0)) << run.err;
+    ASSERT_EQ(audio.channels, 2);
+    // Side 0 is placed by the offset base the reader gives it: the largest offset seen before its
+    // first frame, 4 * 160.
+    ASSERT_EQ(audio.frames(), 8u * 160);
+    EXPECT_EQ(audio.at(0, 0), 0);
+    EXPECT_EQ(audio.at(4 * 160 - 1, 0), 0);
+    EXPECT_EQ(audio.at(4 * 160, 0), 1001);
+    EXPECT_EQ(audio.at(7 * 160 - 1, 0), 1003);
+    EXPECT_EQ(audio.at(7 * 160, 0), 0);
+    EXPECT_EQ(audio.at(0, 1), 2001);
+    EXPECT_EQ(audio.at(8 * 160 - 1, 1), 2008);
+}
+
+TEST_F(ToolE2eTest, InspectReadsARecordingAsSound) {
+    ChildProcess& recorder = start_recorder();
+    send_calls({"--calls", "1", "--duration", "0.2"});
+    stop_recorder(recorder);
+    const std::filesystem::path file = file_of(manifest().legs.at(0));
+
+    const ToolRun text = run_tool({"inspect", file.string()});
+    const ToolRun json = run_tool({"inspect", "--json", file.string()});
+
+    EXPECT_TRUE(text.status.exited_with(0)) << text.err;
+    EXPECT_EQ(text.err, "");
+    EXPECT_NE(text.out.find("10 frames, 1600 samples"), std::string::npos) << text.out;
+    EXPECT_TRUE(json.status.exited_with(0)) << json.err;
+    EXPECT_FALSE(json.out.empty());
+}
+
+}  // namespace
+}  // namespace qm::test

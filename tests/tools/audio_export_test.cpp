@@ -1,0 +1,499 @@
+#include "tools/audio_export.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "media/packet_encoder.hpp"
+#include "temp_directory.hpp"
+#include "tools/tool_commands.hpp"
+
+namespace qm::tools {
+namespace {
+
+using media::DataFields;
+using media::Datagram;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+
+constexpr std::uint64_t SYNC_MT = 500;
+
+DataFields frame(std::uint16_t side, std::uint32_t off, const std::vector<std::int16_t>& samples) {
+    DataFields fields;
+    fields.header.flags = side;
+    fields.off = off;
+    fields.header.mt = SYNC_MT + off;
+    fields.payload.assign(samples.begin(), samples.end());
+    return fields;
+}
+
+Datagram file_of(const std::vector<DataFields>& frames) {
+    media::StartFields start;
+    start.sync_mt = SYNC_MT;
+    Datagram bytes = media::encode_file_header(start);
+    for (const DataFields& data : frames) {
+        const Datagram encoded = media::encode_frame(data, SYNC_MT);
+        bytes.insert(bytes.end(), encoded.begin(), encoded.end());
+    }
+    return bytes;
+}
+
+std::string text_of(const Datagram& bytes, std::size_t size) {
+    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)};
+}
+
+std::string text_of(const Datagram& bytes) {
+    return text_of(bytes, bytes.size());
+}
+
+std::string contents_of(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// An audio file read back whole through libsndfile, samples interleaved.
+struct Audio {
+    SF_INFO info{};
+    std::vector<std::int16_t> samples;
+};
+
+Audio read_audio(const std::string& path) {
+    Audio audio;
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &audio.info);
+    if (file == nullptr) {
+        ADD_FAILURE() << path << ": " << sf_strerror(nullptr);
+        return audio;
+    }
+    audio.samples.resize(static_cast<std::size_t>(audio.info.frames * audio.info.channels));
+    EXPECT_EQ(sf_readf_short(file, audio.samples.data(), audio.info.frames), audio.info.frames);
+    sf_close(file);
+    return audio;
+}
+
+// Sends std::cout and std::cerr to strings while it lives.
+class OutputCapture {
+public:
+    OutputCapture()
+        : m_old_out(std::cout.rdbuf(m_out.rdbuf())), m_old_err(std::cerr.rdbuf(m_err.rdbuf())) {}
+    ~OutputCapture() {
+        std::cout.rdbuf(m_old_out);
+        std::cerr.rdbuf(m_old_err);
+    }
+
+    OutputCapture(const OutputCapture&) = delete;
+    OutputCapture& operator=(const OutputCapture&) = delete;
+
+    std::string out() const { return m_out.str(); }
+    std::string err() const { return m_err.str(); }
+
+private:
+    std::ostringstream m_out;
+    std::ostringstream m_err;
+    std::streambuf* m_old_out;
+    std::streambuf* m_old_err;
+};
+
+struct CommandRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// `quillmar export ARGS...` through the command's own parsing.
+CommandRun run_export(const std::vector<std::string>& args) {
+    CLI::App app;
+    CommandRun run;
+    add_export_command(app, run.status);
+    std::vector<const char*> argv = {"quillmar", "export"};
+    for (const std::string& arg : args) {
+        argv.push_back(arg.c_str());
+    }
+    OutputCapture capture;
+    app.parse(static_cast<int>(argv.size()), argv.data());
+    run.out = capture.out();
+    run.err = capture.err();
+    return run;
+}
+
+// Side 0: 0..2, a gap of 2, 4..6. Side 1: 0..4. Both start at 0 (side 1's offset base is 0).
+Datagram gapped_file() {
+    return file_of(
+        {frame(0, 0, {1, 2}), frame(1, 0, {-1, -2}), frame(0, 4, {3, 4}), frame(1, 2, {-3, -4})});
+}
+
+TEST(AudioExportTest, TwoSidesWithAGapAreSilentExactlyThere) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    const std::string output = (dir.path() / "out.wav").string();
+
+    const CommandRun run = run_export({input, "-o", output});
+
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out, output +
+                           ": 2 channels, 6 samples (0.001 s at 8000 Hz), 2 gaps filled with 4 "
+                           "samples of silence, 0 overlapping frames (samples placed first "
+                           "kept)\n");
+    const Audio audio = read_audio(output);
+    EXPECT_EQ(audio.info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    EXPECT_EQ(audio.info.channels, 2);
+    EXPECT_EQ(audio.info.samplerate, 8000);
+    // Left, right; side 1 ends two samples before side 0.
+    EXPECT_THAT(audio.samples, ElementsAre(1, -1, 2, -2, 0, -3, 0, -4, 3, 0, 4, 0));
+}
+
+TEST(AudioExportTest, FramesOutOfOrderInTheFileArePlacedByOffset) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm",
+        text_of(file_of({frame(0, 0, {1, 2}), frame(0, 4, {5, 6}), frame(0, 2, {3, 4})})));
+    ExportOptions options{input, dir.path() / "out.wav", ExportChannels::SIDE_0};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.samples, 6u);
+    EXPECT_EQ(result.gaps, 0u);
+    EXPECT_EQ(result.overlapping_frames, 0u);
+    EXPECT_THAT(read_audio(options.output).samples, ElementsAre(1, 2, 3, 4, 5, 6));
+}
+
+// Side 1's frames come first in the file. The reader moves side 0 by its offset base, the largest
+// `off` up to its first frame (4, of the second side-1 frame): its frame at off 2 is delivered at
+// 6, so the left channel starts with 6 samples of silence.
+TEST(AudioExportTest, SideStartingLaterBeginsWithSilence) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm", text_of(file_of({frame(1, 0, {10, 11, 12, 13}), frame(1, 4, {14, 15, 16, 17}),
+                                     frame(0, 2, {1, 2, 3, 4})})));
+    ExportOptions options{input, dir.path() / "out.wav"};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.channels, 2);
+    EXPECT_EQ(result.samples, 10u);
+    // Left: the 6 samples before side 0 starts; right: the 2 after side 1 ends.
+    EXPECT_EQ(result.gaps, 2u);
+    EXPECT_EQ(result.silence, 8u);
+    EXPECT_THAT(read_audio(options.output.string()).samples,
+                ElementsAre(0, 10, 0, 11, 0, 12, 0, 13, 0, 14, 0, 15, 1, 16, 2, 17, 3, 0, 4, 0));
+}
+
+TEST(AudioExportTest, EmptySideIsASilentChannel) {
+    test::TempDirectory dir;
+    const std::string input =
+        dir.write_file("media.qm", text_of(file_of({frame(1, 0, {5, 6, 7})})));
+    ExportOptions options{input, dir.path() / "out.wav"};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.gaps, 1u);
+    EXPECT_EQ(result.silence, 3u);
+    const Audio audio = read_audio(options.output.string());
+    EXPECT_EQ(audio.info.channels, 2);
+    EXPECT_THAT(audio.samples, ElementsAre(0, 5, 0, 6, 0, 7));
+}
+
+TEST(AudioExportTest, MixAddsTheSidesAndClips) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm", text_of(file_of({frame(0, 0, {30000, -30000, 100, 0, 32767}),
+                                     frame(1, 0, {10000, -10000, -50, 7, -32768})})));
+    const std::string output = (dir.path() / "mix.wav").string();
+
+    const CommandRun run = run_export({input, "-o", output, "--mix"});
+
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, output +
+                           ": 1 channel, 5 samples (0.001 s at 8000 Hz), 0 gaps filled with 0 "
+                           "samples of silence, 0 overlapping frames (samples placed first "
+                           "kept)\n");
+    const Audio audio = read_audio(output);
+    EXPECT_EQ(audio.info.channels, 1);
+    EXPECT_THAT(audio.samples, ElementsAre(32767, -32768, 50, 7, -1));
+}
+
+// Side 1's offset base is 2 (its own first off), so it is delivered at 4, after side 0's 4
+// samples; written alone it keeps that place on the leg's timeline.
+TEST(AudioExportTest, OneSideAloneIsMonoOnTheLegsTimeline) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm", text_of(file_of({frame(0, 0, {1, 2, 3, 4}), frame(1, 2, {9, 8})})));
+    const std::string output = (dir.path() / "side1.wav").string();
+
+    const CommandRun run = run_export({input, "-o", output, "--side", "1", "--rate", "16000"});
+
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out, output +
+                           ": 1 channel, 6 samples (0.000 s at 16000 Hz), 1 gap filled with 4 "
+                           "samples of silence, 0 overlapping frames (samples placed first "
+                           "kept)\n");
+    const Audio audio = read_audio(output);
+    EXPECT_EQ(audio.info.channels, 1);
+    EXPECT_EQ(audio.info.samplerate, 16000);
+    EXPECT_THAT(audio.samples, ElementsAre(0, 0, 0, 0, 9, 8));
+}
+
+// 0..4 first; a repeat at 0 and a frame at 2..6 overlap it. The samples placed first stay; the
+// overlapping frame's samples after them are written.
+TEST(AudioExportTest, OverlappingFramesKeepTheFirstSamples) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm", text_of(file_of({frame(0, 0, {1, 2, 3, 4}), frame(0, 2, {5, 6, 7, 8}),
+                                     frame(0, 0, {9, 9})})));
+    ExportOptions options{input, dir.path() / "out.wav", ExportChannels::SIDE_0};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.overlapping_frames, 2u);
+    EXPECT_EQ(result.gaps, 0u);
+    EXPECT_THAT(read_audio(options.output.string()).samples, ElementsAre(1, 2, 3, 4, 7, 8));
+    EXPECT_EQ(summary_line(options.output, result),
+              options.output.string() +
+                  ": 1 channel, 6 samples (0.001 s at 8000 Hz), 0 gaps filled with 0 samples of "
+                  "silence, 2 overlapping frames (samples placed first kept)");
+}
+
+// 40 frames of 160 samples per side, of samples spread over the whole 16-bit range.
+TEST(AudioExportTest, FlacRoundTripIsExact) {
+    test::TempDirectory dir;
+    std::vector<DataFields> frames;
+    std::vector<std::int16_t> expected;
+    std::uint32_t state = 12345;
+    const auto next_sample = [&state] {
+        state = state * 1103515245u + 12345u;
+        return static_cast<std::int16_t>(state >> 16);
+    };
+    std::vector<std::int16_t> sides[2];
+    for (std::uint32_t i = 0; i < 40; ++i) {
+        for (std::uint16_t side = 0; side < 2; ++side) {
+            std::vector<std::int16_t> samples(160);
+            for (std::int16_t& sample : samples) {
+                sample = next_sample();
+            }
+            frames.push_back(frame(side, 160 * i, samples));
+            sides[side].insert(sides[side].end(), samples.begin(), samples.end());
+        }
+    }
+    for (std::size_t i = 0; i < sides[0].size(); ++i) {
+        expected.push_back(sides[0][i]);
+        expected.push_back(sides[1][i]);
+    }
+    const std::string input = dir.write_file("media.qm", text_of(file_of(frames)));
+    ExportOptions options{input, dir.path() / "out.flac"};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.samples, 6400u);
+    EXPECT_EQ(result.gaps, 0u);
+    const Audio audio = read_audio(options.output.string());
+    EXPECT_EQ(audio.info.format, SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    EXPECT_EQ(audio.info.channels, 2);
+    EXPECT_EQ(audio.info.frames, 6400);
+    EXPECT_THAT(audio.samples, ElementsAreArray(expected));
+}
+
+// Lossy: only the layout is compared. Opus is written when this libsndfile says it can.
+TEST(AudioExportTest, OggVorbisAndOpusAreWritten) {
+    test::TempDirectory dir;
+    std::vector<DataFields> frames;
+    for (std::uint32_t i = 0; i < 50; ++i) {
+        frames.push_back(frame(0, 160 * i, std::vector<std::int16_t>(160, 1000)));
+    }
+    const std::string input = dir.write_file("media.qm", text_of(file_of(frames)));
+    const std::string ogg = (dir.path() / "out.ogg").string();
+    const std::string opus = (dir.path() / "out.opus").string();
+    SF_INFO opus_info{};
+    opus_info.samplerate = 8000;
+    opus_info.channels = 2;
+    opus_info.format = SF_FORMAT_OGG | SF_FORMAT_OPUS;
+    const bool opus_written = sf_format_check(&opus_info) != 0;
+
+    const CommandRun ogg_run = run_export({input, "-o", ogg});
+    const CommandRun opus_run = run_export({input, "-o", opus});
+
+    EXPECT_EQ(ogg_run.status, 0) << ogg_run.err;
+    const Audio vorbis = read_audio(ogg);
+    EXPECT_EQ(vorbis.info.format, SF_FORMAT_OGG | SF_FORMAT_VORBIS);
+    EXPECT_EQ(vorbis.info.channels, 2);
+    EXPECT_EQ(vorbis.info.samplerate, 8000);
+    if (opus_written) {
+        EXPECT_EQ(opus_run.status, 0) << opus_run.err;
+        const Audio decoded = read_audio(opus);
+        EXPECT_EQ(decoded.info.format, SF_FORMAT_OGG | SF_FORMAT_OPUS);
+        EXPECT_EQ(decoded.info.channels, 2);
+    } else {
+        EXPECT_EQ(opus_run.status, 2);
+        EXPECT_EQ(opus_run.err, "quillmar export: " + opus +
+                                    ": this libsndfile cannot write .opus with 2 channels at "
+                                    "8000 Hz\n");
+    }
+}
+
+TEST(AudioExportTest, UnsupportedExtensionIsRefused) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    const std::string mp3 = (dir.path() / "out.mp3").string();
+    const std::string bare = (dir.path() / "out").string();
+
+    const CommandRun mp3_run = run_export({input, "-o", mp3});
+    const CommandRun bare_run = run_export({input, "-o", bare});
+
+    EXPECT_EQ(mp3_run.status, 2);
+    EXPECT_EQ(mp3_run.out, "");
+    EXPECT_EQ(mp3_run.err, "quillmar export: " + mp3 +
+                               ": unsupported extension \".mp3\" (use .wav, .flac, .ogg or "
+                               ".opus)\n");
+    EXPECT_EQ(bare_run.status, 2);
+    EXPECT_EQ(bare_run.err, "quillmar export: " + bare +
+                                ": unsupported extension \"\" (use .wav, .flac, .ogg or .opus)\n");
+    EXPECT_FALSE(std::filesystem::exists(mp3));
+    EXPECT_FALSE(std::filesystem::exists(bare));
+}
+
+TEST(AudioExportTest, ExistingOutputIsReplacedOnlyWithForce) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    const std::string output = dir.write_file("out.wav", "precious");
+
+    const CommandRun refused = run_export({input, "-o", output});
+
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_EQ(refused.err,
+              "quillmar export: " + output + ": already exists (use --force to overwrite it)\n");
+    EXPECT_EQ(contents_of(output), "precious");
+
+    const CommandRun forced = run_export({input, "-o", output, "--force"});
+
+    EXPECT_EQ(forced.status, 0);
+    EXPECT_THAT(read_audio(output).samples, ElementsAre(1, -1, 2, -2, 0, -3, 0, -4, 3, 0, 4, 0));
+}
+
+// Ten million samples of silence between two frames: the output has the exact length and the
+// samples around the gap, written block by block.
+TEST(AudioExportTest, LongGapIsWrittenAsSilenceToTheExactLength) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm", text_of(file_of({frame(0, 0, {1, 2}), frame(0, 10000000, {3, 4})})));
+    ExportOptions options{input, dir.path() / "long.wav", ExportChannels::SIDE_0};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.samples, 10000002u);
+    EXPECT_EQ(result.gaps, 1u);
+    EXPECT_EQ(result.silence, 9999998u);
+    const Audio audio = read_audio(options.output.string());
+    ASSERT_EQ(audio.samples.size(), 10000002u);
+    EXPECT_EQ(audio.samples[0], 1);
+    EXPECT_EQ(audio.samples[1], 2);
+    EXPECT_EQ(audio.samples[2], 0);
+    EXPECT_EQ(audio.samples[4096], 0);
+    EXPECT_EQ(audio.samples[9999999], 0);
+    EXPECT_EQ(audio.samples[10000000], 3);
+    EXPECT_EQ(audio.samples[10000001], 4);
+    EXPECT_EQ(std::count(audio.samples.begin(), audio.samples.end(), 0), 9999998);
+}
+
+// The last frame (side 1, 2 samples) is cut after 1 byte of them: what the reader delivers is
+// exported, with a warning.
+TEST(AudioExportTest, TruncatedTailIsExportedWithAWarning) {
+    test::TempDirectory dir;
+    const Datagram bytes = gapped_file();
+    const std::string input = dir.write_file("media.qm", text_of(bytes, bytes.size() - 3));
+    const std::string output = (dir.path() / "out.wav").string();
+
+    const CommandRun run = run_export({input, "-o", output});
+
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err, "quillmar export: " + input +
+                           ": warning: truncated tail: 13 bytes after the last whole frame not "
+                           "exported\n");
+    EXPECT_EQ(run.out, output +
+                           ": 2 channels, 6 samples (0.001 s at 8000 Hz), 2 gaps filled with 6 "
+                           "samples of silence, 0 overlapping frames (samples placed first "
+                           "kept)\n");
+    EXPECT_THAT(read_audio(output).samples, ElementsAre(1, -1, 2, -2, 0, 0, 0, 0, 3, 0, 4, 0));
+}
+
+TEST(AudioExportTest, UnreadableInputsAreRefused) {
+    test::TempDirectory dir;
+    const std::string text = dir.write_file("notes.txt", "not a recording at all");
+    const std::string missing = (dir.path() / "missing.qm").string();
+    const std::string cut = dir.write_file("cut.qm", text_of(gapped_file(), 47));
+    const std::string output = (dir.path() / "out.wav").string();
+
+    const CommandRun text_run = run_export({text, "-o", output});
+    const CommandRun missing_run = run_export({missing, "-o", output});
+    const CommandRun cut_run = run_export({cut, "-o", output});
+
+    EXPECT_EQ(text_run.status, 2);
+    EXPECT_EQ(text_run.err,
+              "quillmar export: " + text + ": not a media file (no \"QM\\0F\" magic)\n");
+    EXPECT_EQ(missing_run.status, 2);
+    EXPECT_EQ(missing_run.err,
+              "quillmar export: " + missing + ": cannot open: No such file or directory\n");
+    EXPECT_EQ(cut_run.status, 2);
+    EXPECT_EQ(cut_run.err, "quillmar export: " + cut +
+                               ": truncated header: 47 bytes, shorter than the 48-byte file "
+                               "header\n");
+    EXPECT_EQ(text_run.out + missing_run.out + cut_run.out, "");
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
+// FLAC cannot hold a million samples a second; libsndfile says so when opening and has already
+// created the file, which is removed.
+TEST(AudioExportTest, LibsndfileFailureIsReportedInItsWords) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    const std::string output = (dir.path() / "out.flac").string();
+
+    const CommandRun run = run_export({input, "-o", output, "--rate", "1000000"});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "quillmar export: " + output +
+                           ": cannot write: Error : flac does not support this sample rate.\n");
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
+// Usage mistakes are the command line's: CLI11 refuses them before anything runs.
+TEST(AudioExportTest, MixAndSideExcludeEachOtherAndSideIsZeroOrOne) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    const std::string output = (dir.path() / "out.wav").string();
+
+    EXPECT_THROW(run_export({input, "-o", output, "--mix", "--side", "0"}), CLI::ExcludesError);
+    EXPECT_THROW(run_export({input, "-o", output, "--side", "2"}), CLI::ValidationError);
+    EXPECT_THROW(run_export({input, "-o", output, "--rate", "0"}), CLI::ValidationError);
+    EXPECT_THROW(run_export({input}), CLI::RequiredError);
+    EXPECT_FALSE(std::filesystem::exists(output));
+}
+
+TEST(AudioExportTest, RecordingWithoutFramesGivesEmptyAudio) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(file_of({})));
+    ExportOptions options{input, dir.path() / "empty.wav"};
+
+    const ExportResult result = export_audio(options);
+
+    EXPECT_EQ(result.samples, 0u);
+    EXPECT_EQ(result.gaps, 0u);
+    const Audio audio = read_audio(options.output.string());
+    EXPECT_EQ(audio.info.channels, 2);
+    EXPECT_EQ(audio.info.frames, 0);
+}
+
+}  // namespace
+}  // namespace qm::tools

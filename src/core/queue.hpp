@@ -44,9 +44,10 @@ public:
     Queue& operator=(const Queue&) = delete;
 
     // Stores `value` behind the last element and, for a Waitable queue, wakes the consumer if it
-    // waits. Returns false, and drops `value`, when the queue is full.
+    // waits, unless `wake_consumer` is false: a producer that queues a batch wakes it once, with
+    // `wake`, after the last element. Returns false, and drops `value`, when the queue is full.
     // REQUIRES: called only by the producer thread.
-    bool push(T value) {
+    bool push(T value, bool wake_consumer = true) {
         // Relaxed: only this thread writes tail.
         const std::uint64_t tail = m_producer.tail.load(std::memory_order_relaxed);
         if (tail - m_producer.cached_head == capacity()) {
@@ -61,7 +62,9 @@ public:
         // Release: the element stored above is visible to the consumer that sees the new tail.
         m_producer.tail.store(tail + 1, std::memory_order_release);
         if constexpr (Waitable) {
-            m_waiter.wake_if_waiting();
+            if (wake_consumer) {
+                m_waiter.wake_if_waiting();
+            }
         }
         return true;
     }
@@ -93,7 +96,8 @@ public:
         return m_waiter.wait([&] { return !empty() || stop_requested(); }, wait_ns);
     }
 
-    // Wakes the consumer from `wait` after the caller has made `stop_requested()` true.
+    // Wakes the consumer from `wait` after the caller has made `stop_requested()` true, or after
+    // a batch pushed without waking it.
     void wake() requires Waitable { m_waiter.wake_if_waiting(); }
 
     // Elements ever pushed and ever taken.

@@ -45,14 +45,13 @@ public:
     // Queues `value` for the reader thread; counts it as passed, or as dropped when the queue is
     // full (then `value` is released here). Never blocks.
     // REQUIRES: called only by the producer thread.
-    virtual bool push(T value) {
-        if (!m_queue.push(std::move(value))) {
-            ++this->statistic().dropped_elements;
-            return false;
-        }
-        ++this->statistic().passed_elements;
-        return true;
-    }
+    virtual bool push(T value) { return push_counted(std::move(value), true); }
+
+    // The same without waking a sleeping reader: for a batch, followed by one `wake_reader`.
+    bool push_quietly(T value) { return push_counted(std::move(value), false); }
+
+    // Wakes the reader if it sleeps, after `push_quietly`.
+    void wake_reader() { m_queue.wake(); }
 
     void run() override {
         while (true) {
@@ -95,6 +94,15 @@ protected:
     void update_elements() { this->statistic().elements = m_queue.size(); }
 
 private:
+    bool push_counted(T value, bool wake) {
+        if (!m_queue.push(std::move(value), wake)) {
+            ++this->statistic().dropped_elements;
+            return false;
+        }
+        ++this->statistic().passed_elements;
+        return true;
+    }
+
     QueueType m_queue;
 };
 

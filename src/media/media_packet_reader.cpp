@@ -17,7 +17,7 @@ PacketReader::~PacketReader() {
     stop();
 }
 
-void PacketReader::read_from(const void* data, std::uint64_t length) {
+void PacketReader::read_from(const void* data, std::uint64_t length, bool wake) {
     PacketReaderStatistic& counters = statistic();
     if (length < PACKET_MIN_LENGTH) {
         ++counters.packet_dropped_by_min_length;
@@ -36,7 +36,11 @@ void PacketReader::read_from(const void* data, std::uint64_t length) {
     }
     // Cannot fail: the length was checked against the buffer's capacity above.
     buffer->append(data, length);
-    push(std::move(buffer));
+    if (wake) {
+        push(std::move(buffer));
+    } else {
+        push_quietly(std::move(buffer));
+    }
 }
 
 void PacketReader::run() {

@@ -42,7 +42,9 @@ public:
     // Checks the length of one datagram, copies it into a pooled buffer and queues it; a datagram
     // that is too short or too long, finds no free buffer or a full queue is only counted.
     // REQUIRES: called only by the receiving thread; `data` points to `length` readable bytes.
-    void read_from(const void* data, std::uint64_t length);
+    // `wake` false queues without waking a sleeping reader thread: the receiving thread reads a
+    // batch of datagrams and then wakes it once with `wake_reader`.
+    void read_from(const void* data, std::uint64_t length, bool wake = true);
 
     // Logs the thread's start, then runs the idle-reader loop until `stop`.
     void run() override;

@@ -137,11 +137,38 @@ std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {
     if (length >= 0) {
         return length;
     }
-    const SystemError error{errno};
-    if (error.code == EINTR) {
+    if (errno == EINTR) {
         log_interrupted();
         return 0;
     }
+    fail_read(errno);
+}
+
+std::size_t Socket::read_batch(ReceiveBatch& batch) {
+    const int count = ::recvmmsg(m_fd, batch.headers(), static_cast<unsigned>(batch.capacity()),
+                                 MSG_DONTWAIT, nullptr);
+    if (count >= 0) {
+        return static_cast<std::size_t>(count);
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        return 0;
+    }
+    if (errno == EINTR) {
+        log_interrupted();
+        return 0;
+    }
+    fail_read(errno);
+}
+
+bool Socket::pause(int doorbell, std::uint64_t microseconds) {
+    pollfd watched = {doorbell, POLLIN, 0};
+    const timespec timeout = {static_cast<time_t>(microseconds / 1000000),
+                              static_cast<long>(microseconds % 1000000 * 1000)};
+    return ::ppoll(&watched, doorbell >= 0 ? 1 : 0, &timeout, nullptr) != 0;
+}
+
+void Socket::fail_read(int error_code) {
+    const SystemError error{error_code};
     QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to read a data, " << error);
     close();
     // _Exit rather than exit: the packet reader's thread is still running, and static

@@ -22,6 +22,8 @@
 #include <optional>
 #include <string>
 
+#include "net/receive_batch.hpp"
+
 namespace qm::net {
 
 class Socket {
@@ -77,6 +79,15 @@ public:
     // The same into the receive loop's buffer; also stores the length in `buffer.length`.
     std::int64_t read(ReadBuffer& buffer);
 
+    // Reads, without blocking, as many waiting datagrams as `batch` has slots for, with one call.
+    // Returns how many; 0 when none waits or a signal interrupted the call. Any other error ends
+    // the process as for `read`.
+    std::size_t read_batch(ReceiveBatch& batch);
+
+    // Sleeps `microseconds`, so that datagrams gather for the next `read_batch`, or less when
+    // `doorbell` becomes readable or a signal arrives; true when it ended early so.
+    bool pause(int doorbell, std::uint64_t microseconds);
+
     // Sends `length` bytes to `to`, calling sendto again with the rest until all have gone.
     // Returns false at the first error; bytes already sent are not taken back.
     bool send(const sockaddr_in& to, const void* data, std::uint64_t length);
@@ -88,6 +99,9 @@ public:
     std::int32_t fd() const { return m_fd; }
 
 private:
+    // Logs the read error and ends the process.
+    [[noreturn]] void fail_read(int error_code);
+
     // The system's figure for the receive buffer; 0 when it cannot be read.
     std::uint64_t receive_buffer() const;
 

@@ -134,6 +134,19 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "receive_buffer_size") {
         return to_status(try_parse_socket_bytes(value, receive_buffer_size));
     }
+    if (key == "receive_batch") {
+        std::uint64_t batch = 0;
+        const bool parsed =
+            utils::str::try_parse_value<unsigned long, 10>(value, batch).succeeded() &&
+            batch >= 1 && batch <= MAX_RECEIVE_BATCH;
+        if (parsed) {
+            receive_batch = batch;
+        }
+        return to_status(parsed);
+    }
+    if (key == "receive_batch_delay") {
+        return to_status(utils::time::try_parse_timer(value, receive_batch_delay));
+    }
     if (key == "write_media") {
         return to_status(conf::try_parse_bool(value, write_media));
     }

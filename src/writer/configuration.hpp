@@ -66,6 +66,13 @@ public:
     bool write_media = true;
     // Receive buffer requested for the UDP socket, in bytes; 0 keeps the system's default.
     std::uint64_t receive_buffer_size = 0;
+    // Datagrams read with one call, 1 to MAX_RECEIVE_BATCH; 1 reads them one by one.
+    std::uint64_t receive_batch = 1;
+    // With batches: how long, in microseconds, the receiving thread sleeps after a read that
+    // found datagrams but left the socket empty; 0 waits for the next datagram instead.
+    std::uint64_t receive_batch_delay = 0;
+
+    static constexpr std::uint64_t MAX_RECEIVE_BATCH = 1024;
 
 protected:
     int set_value(const std::string& key, const std::string& value,

@@ -9,10 +9,12 @@
 // REQUIRES: the socket is open; `signals_subscribe` has run; called from the thread that the
 // process's signals are delivered to (the main thread: every worker blocks them).
 
+#include <cstddef>
 #include <cstdint>
 
 #include "app/app_service.hpp"
 #include "net/net_socket.hpp"
+#include "net/receive_batch.hpp"
 
 namespace qm::writer {
 
@@ -30,6 +32,40 @@ void receive_until_stopped(SocketT& socket, net::Socket::ReadBuffer& buffer, Con
         const std::int64_t length = socket.read(buffer);
         if (length > 0) {
             consume(buffer.data, static_cast<std::uint64_t>(length));
+        }
+    }
+}
+
+// The batched loop: every turn reads the datagrams waiting, as many as `batch` holds, with one
+// call, hands each of at least one byte to `consume`, and then calls `flush()` once (the packet
+// reader's thread is woken once per batch, not per datagram). A read that leaves the socket empty
+// is followed by a wait as in the loop above, except that after a read that found datagrams and
+// with `delay_us` > 0 the loop sleeps that long instead: on a busy socket the thread then wakes
+// once per `delay_us` for a batch rather than once per datagram, while the receive buffer holds
+// what arrives meanwhile. The doorbell ends both waits, so a stop is seen at once.
+template <typename SocketT, typename Consume, typename Flush>
+void receive_batches_until_stopped(SocketT& socket, net::ReceiveBatch& batch,
+                                   std::uint64_t delay_us, Consume&& consume, Flush&& flush) {
+    while (!app::ServiceBase::stop_requested()) {
+        const std::size_t count = socket.read_batch(batch);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (batch.length(i) > 0) {
+                consume(batch.data(i), batch.length(i));
+            }
+        }
+        if (count > 0) {
+            flush();
+        }
+        if (count == batch.capacity()) {
+            continue;
+        }
+        const bool interrupted =
+            count > 0 && delay_us > 0
+                ? socket.pause(app::ServiceBase::signal_doorbell(), delay_us)
+                : socket.wait(app::ServiceBase::signal_doorbell()) == net::Socket::Wake::DOORBELL;
+        app::ServiceBase::log_pending_signals();
+        if (interrupted) {
+            socket.log_interrupted();
         }
     }
 }

@@ -98,6 +98,24 @@ bool Service::on_start() {
     return recorded;
 }
 
+void Service::receive(net::Socket& socket, net::Socket::ReadBuffer& read_buffer,
+                      media::PacketReader& reader) {
+    if (configuration->receive_batch <= 1) {
+        receive_until_stopped(socket, read_buffer,
+                              [&reader](const std::uint8_t* data, std::uint64_t length) {
+                                  reader.read_from(data, length);
+                              });
+        return;
+    }
+    net::ReceiveBatch batch(configuration->receive_batch);
+    receive_batches_until_stopped(
+        socket, batch, configuration->receive_batch_delay,
+        [&reader](const std::uint8_t* data, std::uint64_t length) {
+            reader.read_from(data, length, false);
+        },
+        [&reader] { reader.wake_reader(); });
+}
+
 bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) {
     // The report's records outlive the components that count into them.
     StatisticService& statistics = StatisticService::Instance;
@@ -119,10 +137,7 @@ bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) 
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start packets reader, error: " << started);
     } else {
-        receive_until_stopped(socket, read_buffer,
-                              [&reader](const std::uint8_t* data, std::uint64_t length) {
-                                  reader->read_from(data, length);
-                              });
+        receive(socket, read_buffer, *reader);
     }
     // The reader goes first, so that nothing reaches the writing manager while the media writer
     // drains what the sessions handed it.

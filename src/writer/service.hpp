@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/configured_service.hpp"
+#include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
 #include "writer/configuration.hpp"
 
@@ -33,6 +34,11 @@ private:
     // stop, and takes them down in reverse: the media writer drains before this returns. False
     // when a part could not be built or started.
     bool record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer);
+
+    // Hands every datagram to `reader` until a stop: one recv per datagram, or with
+    // `receive_batch` above 1 a batch per call and one wake-up of the reader per batch.
+    void receive(net::Socket& socket, net::Socket::ReadBuffer& read_buffer,
+                 media::PacketReader& reader);
 };
 
 }  // namespace qm::writer

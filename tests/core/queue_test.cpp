@@ -1,12 +1,20 @@
 #include "core/queue.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "core/rc_ptr.hpp"
 #include "core/reference_countable.hpp"
+#include "poll.hpp"
 
 namespace qm {
 namespace {
@@ -151,6 +159,42 @@ TEST(QueueTest, WaitReturnsAtOnceWhenAStopIsRequested) {
     const auto started = Clock::now();
     EXPECT_TRUE(queue.wait(10000000000ULL, [] { return true; }));
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(1));
+}
+
+// A batch is pushed without waking the consumer and announced once: the wake reaches a consumer
+// that sleeps, and every element of the batch is there for it.
+TEST(QueueTest, QuietPushesAreAnnouncedByOneWake) {
+    Queue<int, 8, true> queue;
+    std::atomic<pid_t> consumer_id{0};
+    std::atomic<bool> woken{false};
+    std::thread consumer([&] {
+        consumer_id.store(::gettid());
+        woken.store(queue.wait(60000000000ULL, [] { return false; }));
+    });
+    // Asleep: the consumer's thread sits in the kernel in futex.
+    ASSERT_TRUE(test::poll_until(
+        [&] {
+            std::ifstream call("/proc/self/task/" + std::to_string(consumer_id.load()) +
+                               "/syscall");
+            long number = -1;
+            call >> number;
+            return consumer_id.load() != 0 && number == SYS_futex;
+        },
+        std::chrono::seconds(10)));
+
+    for (int i = 1; i <= 5; ++i) {
+        ASSERT_TRUE(queue.push(i, false));
+    }
+    queue.wake();
+    consumer.join();
+
+    EXPECT_TRUE(woken.load());
+    std::vector<int> taken;
+    int value = 0;
+    while (queue.try_pop(value)) {
+        taken.push_back(value);
+    }
+    EXPECT_EQ(taken, (std::vector<int>{1, 2, 3, 4, 5}));
 }
 
 TEST(QueueTest, WaitTimesOutAfterItsPeriod) {

@@ -95,6 +95,32 @@ TEST_F(PacketReaderThreadTest, StartFeedStopLogsAndDeliversEveryPacketInOrder) {
     }
 }
 
+// The batched receive path: datagrams queued without waking the reader, then one wake-up.
+TEST_F(PacketReaderThreadTest, QuietBatchIsDeliveredWholeAfterOneWake) {
+    ASSERT_EQ(reader.start(), 0);
+    ASSERT_TRUE(test::poll_until([&] { return listener.tries() > 0; }, DEADLINE));
+    std::vector<media::Datagram> datagrams;
+    for (std::uint32_t seq = 1; seq <= 20; ++seq) {
+        media::DataFields data;
+        data.seq = seq;
+        datagrams.push_back(media::encode_data(data));
+    }
+
+    for (const media::Datagram& datagram : datagrams) {
+        reader.read_from(datagram.data(), datagram.size(), false);
+    }
+    reader.wake_reader();
+
+    ASSERT_TRUE(settled(datagrams.size()));
+    EXPECT_EQ(statistic.passed_elements, 20u);
+    EXPECT_EQ(statistic.dropped_elements, 0u);
+    const std::vector<test::RecordedPacket> packets = listener.packets();
+    ASSERT_EQ(packets.size(), 20u);
+    for (std::uint32_t seq = 1; seq <= 20; ++seq) {
+        EXPECT_EQ(packets[seq - 1].seq, seq);
+    }
+}
+
 TEST_F(PacketReaderThreadTest, SecondStopReturnsZeroAndLogsNothing) {
     ASSERT_EQ(reader.start(), 0);
     ASSERT_TRUE(log.wait_for("] started", DEADLINE));

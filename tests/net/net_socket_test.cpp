@@ -332,6 +332,40 @@ TEST_F(LoopbackTest, KernelDropsCountTheDatagramsAFullBufferTurnedAway) {
     EXPECT_EQ(kernel_drops(m_receiver.fd()), std::optional<std::uint32_t>(SENT - queued));
 }
 
+TEST_F(LoopbackTest, BatchReadTakesWhatWaitsUpToItsCapacityWithoutBlocking) {
+    std::vector<std::vector<std::uint8_t>> sent;
+    for (std::size_t size : {1u, 40u, 1376u, 65507u, 7u}) {
+        sent.push_back(pattern(size));
+        send(sent.back());
+    }
+    ReceiveBatch batch(3);
+
+    ASSERT_EQ(m_receiver.read_batch(batch), 3u);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(std::vector<std::uint8_t>(batch.data(i), batch.data(i) + batch.length(i)),
+                  sent[i]);
+    }
+    ASSERT_EQ(m_receiver.read_batch(batch), 2u);
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(std::vector<std::uint8_t>(batch.data(i), batch.data(i) + batch.length(i)),
+                  sent[3 + i]);
+    }
+    EXPECT_EQ(m_receiver.read_batch(batch), 0u);
+}
+
+TEST_F(LoopbackTest, PauseEndsAtOnceForTheDoorbellAndOtherwiseSleeps) {
+    const int doorbell = ::eventfd(0, EFD_NONBLOCK);
+    ASSERT_GE(doorbell, 0);
+
+    EXPECT_FALSE(m_receiver.pause(doorbell, 2000));
+    const std::uint64_t ring = 1;
+    ASSERT_EQ(::write(doorbell, &ring, sizeof ring), static_cast<ssize_t>(sizeof ring));
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_TRUE(m_receiver.pause(doorbell, 60000000));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
+    ::close(doorbell);
+}
+
 TEST(SocketTest, KernelDropsOfNoSocketAreNone) {
     EXPECT_EQ(kernel_drops(-1), std::nullopt);
     const int file = ::open("/dev/null", O_RDONLY);

@@ -46,6 +46,8 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->media_buffers_count, 0u);
     EXPECT_TRUE(configuration->write_media);
     EXPECT_EQ(configuration->receive_buffer_size, 0u);
+    EXPECT_EQ(configuration->receive_batch, 1u);
+    EXPECT_EQ(configuration->receive_batch_delay, 0u);
 }
 
 TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
@@ -84,7 +86,9 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
                                                   "media_buffer_size = 64000\n"
                                                   "media_buffers_count = 4000\n"
                                                   "write_media = false\n"
-                                                  "receive_buffer_size = 32M\n");
+                                                  "receive_buffer_size = 32M\n"
+                                                  "receive_batch = 64\n"
+                                                  "receive_batch_delay = 2ms\n");
     ASSERT_TRUE(configuration->parse_file(path));
     EXPECT_EQ(configuration->log_level, Level::DEBUG);
     EXPECT_EQ(configuration->port, 5090);

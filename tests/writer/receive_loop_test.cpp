@@ -42,32 +42,56 @@ public:
         return Socket::wait(doorbell);
     }
 
+    bool pause(int doorbell, std::uint64_t microseconds) {
+        if (m_stop_in_window.exchange(false, std::memory_order_relaxed)) {
+            ::raise(SIGTERM);
+        }
+        return Socket::pause(doorbell, microseconds);
+    }
+
     void stop_in_window() { m_stop_in_window.store(true, std::memory_order_relaxed); }
 
 private:
     std::atomic<bool> m_stop_in_window{false};
 };
 
+// How the loop reads: one datagram per call, or batches of `batch`, sleeping `delay_us` after a
+// batch that emptied the socket.
+struct LoopMode {
+    std::size_t batch = 1;
+    std::uint64_t delay_us = 0;
+};
+
 // The receive loop on a thread of its own, over a loopback socket, handing what it consumes to a
 // list. The loop's thread is the one the test signals, as the kernel signals the main thread.
 class LoopRun {
 public:
-    explicit LoopRun(bool stop_in_window = false) {
+    // `waiting` datagrams are in the socket before the loop starts.
+    explicit LoopRun(LoopMode mode, bool stop_in_window = false,
+                     const std::vector<std::vector<std::uint8_t>>& waiting = {}) {
         if (stop_in_window) {
             m_socket.stop_in_window();
         }
         m_port = test::free_udp_port();
         EXPECT_TRUE(m_socket.open(m_port, INADDR_LOOPBACK));
-        m_thread = std::thread([this] {
+        for (const std::vector<std::uint8_t>& datagram : waiting) {
+            send(datagram);
+        }
+        m_thread = std::thread([this, mode] {
             // Release: the test reads the thread's /proc entry once it sees the id.
             m_thread_id.store(::gettid(), std::memory_order_release);
-            receive_until_stopped(m_socket, *m_buffer,
-                                  [this](const std::uint8_t* data, std::uint64_t length) {
-                                      m_datagrams.emplace_back(data, data + length);
-                                      // Relaxed: only counts; the datagrams are read after the
-                                      // loop has ended.
-                                      m_consumed.fetch_add(1, std::memory_order_relaxed);
-                                  });
+            const auto consume = [this](const std::uint8_t* data, std::uint64_t length) {
+                m_datagrams.emplace_back(data, data + length);
+                // Relaxed: only counts; the datagrams are read after the loop has ended.
+                m_consumed.fetch_add(1, std::memory_order_relaxed);
+            };
+            if (mode.batch == 1) {
+                receive_until_stopped(m_socket, *m_buffer, consume);
+            } else {
+                net::ReceiveBatch batch(mode.batch);
+                receive_batches_until_stopped(m_socket, batch, mode.delay_us, consume,
+                                              [this] { m_flushes.push_back(m_datagrams.size()); });
+            }
             // Release: the datagrams are written before the flag says the loop is over.
             m_ended.store(true, std::memory_order_release);
         });
@@ -120,6 +144,8 @@ public:
 
     // Read once the loop has ended.
     const std::vector<std::vector<std::uint8_t>>& datagrams() const { return m_datagrams; }
+    // The number of datagrams consumed at each flush of the batched loop.
+    const std::vector<std::size_t>& flushes() const { return m_flushes; }
 
 private:
     std::uint16_t m_port = 0;
@@ -127,13 +153,14 @@ private:
     const std::unique_ptr<net::Socket::ReadBuffer> m_buffer =
         std::make_unique<net::Socket::ReadBuffer>();
     std::vector<std::vector<std::uint8_t>> m_datagrams;
+    std::vector<std::size_t> m_flushes;
     std::atomic<std::size_t> m_consumed{0};
     std::atomic<pid_t> m_thread_id{0};
     std::atomic<bool> m_ended{false};
     std::thread m_thread;
 };
 
-class ReceiveLoopTest : public ::testing::Test {
+class ReceiveLoopTest : public ::testing::TestWithParam<LoopMode> {
 protected:
     void SetUp() override { app::ServiceBase::signals_subscribe(); }
     void TearDown() override {
@@ -149,7 +176,7 @@ protected:
 // inside the wait, ends the loop without a datagram. The moment is drawn at random: one run in
 // three puts the stop exactly into the window between the look and the wait, which a timer
 // alone would almost never hit; the others signal the loop's thread after a random delay.
-TEST_F(ReceiveLoopTest, StopAtARandomMomentNeverWaitsForADatagram) {
+TEST_P(ReceiveLoopTest, StopAtARandomMomentNeverWaitsForADatagram) {
     constexpr int RUNS = 1000;
     std::mt19937 random(20261122);
     std::uniform_int_distribution<int> delay_us(0, 300);
@@ -159,7 +186,7 @@ TEST_F(ReceiveLoopTest, StopAtARandomMomentNeverWaitsForADatagram) {
         app::ServiceBase::signals_subscribe();
         const bool window = moment(random) == 0;
         in_window += window ? 1 : 0;
-        LoopRun loop(window);
+        LoopRun loop(GetParam(), window);
         if (!window) {
             std::this_thread::sleep_for(std::chrono::microseconds(delay_us(random)));
             loop.signal(SIGTERM);
@@ -177,10 +204,10 @@ TEST_F(ReceiveLoopTest, StopAtARandomMomentNeverWaitsForADatagram) {
     EXPECT_EQ(capture.count(STOP_REQUESTED), static_cast<std::size_t>(RUNS));
 }
 
-TEST_F(ReceiveLoopTest, DatagramsReachTheConsumerWholeAndInOrder) {
+TEST_P(ReceiveLoopTest, DatagramsReachTheConsumerWholeAndInOrder) {
     const std::vector<std::vector<std::uint8_t>> sent = {
         {1, 2, 3}, std::vector<std::uint8_t>(1376, 0xA5), std::vector<std::uint8_t>(40, 7)};
-    LoopRun loop;
+    LoopRun loop(GetParam());
     for (const std::vector<std::uint8_t>& datagram : sent) {
         loop.send(datagram);
     }
@@ -194,8 +221,8 @@ TEST_F(ReceiveLoopTest, DatagramsReachTheConsumerWholeAndInOrder) {
 
 // Signals that do not stop: their lines are logged by the loop itself, in order with the
 // socket's interruption line, and the loop goes on receiving.
-TEST_F(ReceiveLoopTest, OtherSignalsAreLoggedAndTheLoopGoesOn) {
-    LoopRun loop;
+TEST_P(ReceiveLoopTest, OtherSignalsAreLoggedAndTheLoopGoesOn) {
+    LoopRun loop(GetParam());
     ASSERT_TRUE(loop.wait_blocked_in_poll(5000ms));
     loop.signal(SIGHUP);
     ASSERT_TRUE(capture.wait_for("SERVICE: update has been requested", 5000ms));
@@ -216,8 +243,8 @@ TEST_F(ReceiveLoopTest, OtherSignalsAreLoggedAndTheLoopGoesOn) {
 }
 
 // The stop lines come before the socket's line, as the handler's own lines did.
-TEST_F(ReceiveLoopTest, StopWhileWaitingLogsTheStopThenTheInterruption) {
-    LoopRun loop;
+TEST_P(ReceiveLoopTest, StopWhileWaitingLogsTheStopThenTheInterruption) {
+    LoopRun loop(GetParam());
     ASSERT_TRUE(loop.wait_blocked_in_poll(5000ms));
     loop.signal(SIGTERM);
 
@@ -229,6 +256,59 @@ TEST_F(ReceiveLoopTest, StopWhileWaitingLogsTheStopThenTheInterruption) {
     EXPECT_EQ(texts[2].substr(texts[2].find("]: ")), "]: system interrupted call");
     EXPECT_TRUE(loop.datagrams().empty());
 }
+
+// Batches: every datagram waiting is taken, at most `batch` a call, and each call's datagrams are
+// flushed together once.
+TEST(ReceiveBatchLoopTest, WaitingDatagramsAreTakenInBatchesAndFlushedOncePerBatch) {
+    app::ServiceBase::signals_subscribe();
+    test::LogCapture capture;
+    std::vector<std::vector<std::uint8_t>> sent;
+    for (std::uint8_t i = 1; i <= 10; ++i) {
+        sent.push_back(std::vector<std::uint8_t>(i, i));
+    }
+    // A long sleep after a partial batch: everything sent meanwhile waits for the next read.
+    LoopRun loop(LoopMode{4, 3000000});
+    ASSERT_TRUE(loop.wait_blocked_in_poll(5000ms));
+    loop.send(sent[0]);
+    ASSERT_TRUE(test::poll_until([&] { return loop.consumed() == 1; }, 5000ms));
+    for (std::size_t i = 1; i < sent.size(); ++i) {
+        loop.send(sent[i]);
+    }
+    // The stop cuts the sleep short; the loop then ends without another read.
+    loop.signal(SIGTERM);
+    ASSERT_TRUE(loop.wait_ended(5000ms));
+
+    EXPECT_EQ(loop.flushes(), (std::vector<std::size_t>{1}));
+    EXPECT_EQ(loop.datagrams(), std::vector<std::vector<std::uint8_t>>{sent[0]});
+    ::signal(SIGTERM, SIG_DFL);
+}
+
+TEST(ReceiveBatchLoopTest, FullBatchesAreReadBackToBack) {
+    app::ServiceBase::signals_subscribe();
+    test::LogCapture capture;
+    std::vector<std::vector<std::uint8_t>> sent;
+    for (std::uint8_t i = 1; i <= 10; ++i) {
+        sent.push_back(std::vector<std::uint8_t>(i, i));
+    }
+    // Loopback delivers within sendto: all ten wait in the socket when the loop starts.
+    LoopRun loop(LoopMode{4, 3000000}, false, sent);
+    ASSERT_TRUE(test::poll_until([&] { return loop.consumed() == sent.size(); }, 5000ms));
+    loop.signal(SIGTERM);
+    ASSERT_TRUE(loop.wait_ended(5000ms));
+
+    EXPECT_EQ(loop.datagrams(), sent);
+    // Four, four, then the two left: the partial batch ends the run of reads.
+    EXPECT_EQ(loop.flushes(), (std::vector<std::size_t>{4, 8, 10}));
+    ::signal(SIGTERM, SIG_DFL);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, ReceiveLoopTest,
+                         ::testing::Values(LoopMode{1, 0}, LoopMode{4, 0}, LoopMode{4, 500}),
+                         [](const ::testing::TestParamInfo<LoopMode>& info) {
+                             return info.param.batch == 1      ? std::string("OneByOne")
+                                    : info.param.delay_us == 0 ? std::string("Batches")
+                                                               : std::string("BatchesWithDelay");
+                         });
 
 }  // namespace
 }  // namespace qm::writer

@@ -41,6 +41,7 @@ struct SendOptions {
     std::string duplicate = "0";
     std::string seed = "1";
     std::string manifest;
+    bool one_by_one = false;
 };
 
 template <typename T>
@@ -168,7 +169,7 @@ int run_send(const SendOptions& options) {
         }
         // Real time: every side a stream of one frame per frame's worth of media.
         const double pps = rate.value_or(static_cast<double>(calls) * 2.0 * SAMPLE_RATE / samples);
-        CallSender sender(*destination);
+        CallSender sender(*destination, !options.one_by_one);
         const SendResult result = sender.send(plan, pps);
         if (!result.error.empty()) {
             std::cerr << "quillmar send: " << result.error << " (after " << result.sent
@@ -230,6 +231,10 @@ void add_send_command(CLI::App& app, int& status) {
         ->add_option("--manifest", options->manifest,
                      "write what is sent here, for quillmar verify")
         ->type_name("FILE");
+    command->add_flag("--one-by-one", options->one_by_one,
+                      "hand every datagram to the kernel as a message of its own, as media "
+                      "sources do, so that a capture on the interface sees one packet per "
+                      "datagram (slower)");
     command->callback([options, &status] { status = run_send(*options); });
 }
 

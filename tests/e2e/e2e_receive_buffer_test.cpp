@@ -69,12 +69,7 @@ TEST_F(ReceiveBufferE2eTest, DatagramsDroppedWhileStoppedAreCountedAtTheNextRepo
     ChildProcess& process = start_recorder("receive_buffer_size = 64K\n");
     StartFields start;
     send(encode_start(start));
-    ASSERT_TRUE(poll_until(
-        [&] {
-            const std::optional<UdpQueue> queue = udp_queue(port);
-            return queue && queue->queued_bytes == 0;
-        },
-        TIMEOUT));
+    ASSERT_TRUE(wait_drained());
 
     // Stopped, the recorder reads nothing: the burst overflows its buffer.
     ASSERT_TRUE(process.send_signal(SIGSTOP));

@@ -118,12 +118,7 @@ protected:
         send(datagram);
         if (++m_in_batch == BATCH) {
             m_in_batch = 0;
-            EXPECT_TRUE(poll_until(
-                [&] {
-                    const std::optional<UdpQueue> queue = udp_queue(port);
-                    return queue && queue->queued_bytes == 0;
-                },
-                TIMEOUT, 1ms));
+            EXPECT_TRUE(wait_drained());
         }
     }
 

@@ -127,12 +127,7 @@ protected:
     // Stops the recorder after it has taken in every datagram sent: its writer drains on the way
     // out, so every leg's file is whole afterwards.
     void stop_recorder(ChildProcess& recorder) {
-        EXPECT_TRUE(poll_until(
-            [&] {
-                const std::optional<UdpQueue> queue = udp_queue(port);
-                return queue && queue->queued_bytes == 0;
-            },
-            TIMEOUT));
+        EXPECT_TRUE(wait_drained());
         EXPECT_TRUE(stop(recorder).exited_with(0)) << recorder.standard_error();
     }
 

@@ -143,8 +143,10 @@ inline std::optional<UdpQueue> udp_queue(std::uint16_t port) {
 class RecorderE2eTest : public ::testing::Test {
 protected:
     // Starts the binary with its output in a directory of its own under the test's directory.
-    ChildProcess& start(std::vector<std::string> args, const std::string& working_directory = {}) {
-        return start_program(QM_BINARY_PATH, std::move(args), working_directory);
+    ChildProcess& start(std::vector<std::string> args, const std::string& working_directory = {},
+                        std::vector<std::string> environment = {}) {
+        return start_program(QM_BINARY_PATH, std::move(args), working_directory,
+                             std::move(environment));
     }
 
     // Starts the `quillmar` tool with its output in a directory of its own.
@@ -169,13 +171,15 @@ protected:
     // Starts the recorder with a configuration file that sets `storage` (in the test's directory)
     // and `port` (free a moment ago; kept in `port`), followed by `settings` ("key = value" lines),
     // and waits until it receives.
-    ChildProcess& start_recorder(const std::string& settings = {}) {
+    // `environment` holds "NAME=value" entries for the recorder's environment.
+    ChildProcess& start_recorder(const std::string& settings = {},
+                                 std::vector<std::string> environment = {}) {
         const std::uint16_t chosen = pick_port();
         const std::string config =
             directory.write_file("writer" + std::to_string(m_processes.size()) + ".conf",
                                  "storage = " + storage().string() +
                                      "\nport = " + std::to_string(chosen) + "\n" + settings);
-        ChildProcess& process = start({"--config", config});
+        ChildProcess& process = start({"--config", config}, {}, std::move(environment));
         EXPECT_TRUE(wait_receiving(process)) << process.standard_error();
         return process;
     }
@@ -208,6 +212,16 @@ protected:
         return finish(process);
     }
 
+    // Waits until the recorder started last has read every datagram waiting in its socket.
+    bool wait_drained() const {
+        return poll_until(
+            [&] {
+                const std::optional<UdpQueue> queue = udp_queue(port);
+                return queue && queue->queued_bytes == 0;
+            },
+            TIMEOUT, std::chrono::milliseconds(1));
+    }
+
     // Sends one datagram to the last recorder started.
     void send(const std::vector<std::uint8_t>& datagram) const {
         EXPECT_TRUE(send_udp(port, datagram));
@@ -220,13 +234,15 @@ protected:
 
 private:
     ChildProcess& start_program(const std::string& binary, std::vector<std::string> args,
-                                const std::string& working_directory) {
+                                const std::string& working_directory,
+                                std::vector<std::string> environment = {}) {
         const std::filesystem::path output =
             directory.path() / ("run" + std::to_string(m_processes.size()));
         std::filesystem::create_directory(output);
         ProcessOptions options;
         options.args = std::move(args);
         options.working_directory = working_directory;
+        options.environment = std::move(environment);
         m_processes.push_back(std::make_unique<ChildProcess>(binary, options, output));
         return *m_processes.back();
     }

@@ -12,6 +12,7 @@
 
 #include "log_capture.hpp"
 #include "media/packet_encoder.hpp"
+#include "recording_bytes.hpp"
 
 namespace qm::io {
 namespace {
@@ -35,14 +36,7 @@ DataFields frame(std::uint16_t side, std::uint32_t off, std::uint64_t mt,
 // A file as the recorder writes it: the header of the default start packet (sync mt 500), then
 // the frames.
 Datagram file_of(const std::vector<DataFields>& frames) {
-    media::StartFields start;
-    start.sync_mt = SYNC_MT;
-    Datagram bytes = media::encode_file_header(start);
-    for (const DataFields& data : frames) {
-        const Datagram encoded = media::encode_frame(data, SYNC_MT);
-        bytes.insert(bytes.end(), encoded.begin(), encoded.end());
-    }
-    return bytes;
+    return test::recording_bytes(SYNC_MT, frames);
 }
 
 // What a channel delivered, with the payload copied out.

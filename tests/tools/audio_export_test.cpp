@@ -16,7 +16,9 @@
 #include <vector>
 
 #include "media/packet_encoder.hpp"
+#include "recording_bytes.hpp"
 #include "temp_directory.hpp"
+#include "tool_command_run.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -24,6 +26,8 @@ namespace {
 
 using media::DataFields;
 using media::Datagram;
+using test::recording_bytes;
+using test::text_of;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 
@@ -36,25 +40,6 @@ DataFields frame(std::uint16_t side, std::uint32_t off, const std::vector<std::i
     fields.header.mt = SYNC_MT + off;
     fields.payload.assign(samples.begin(), samples.end());
     return fields;
-}
-
-Datagram file_of(const std::vector<DataFields>& frames) {
-    media::StartFields start;
-    start.sync_mt = SYNC_MT;
-    Datagram bytes = media::encode_file_header(start);
-    for (const DataFields& data : frames) {
-        const Datagram encoded = media::encode_frame(data, SYNC_MT);
-        bytes.insert(bytes.end(), encoded.begin(), encoded.end());
-    }
-    return bytes;
-}
-
-std::string text_of(const Datagram& bytes, std::size_t size) {
-    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)};
-}
-
-std::string text_of(const Datagram& bytes) {
-    return text_of(bytes, bytes.size());
 }
 
 std::string contents_of(const std::string& path) {
@@ -81,55 +66,15 @@ Audio read_audio(const std::string& path) {
     return audio;
 }
 
-// Sends std::cout and std::cerr to strings while it lives.
-class OutputCapture {
-public:
-    OutputCapture()
-        : m_old_out(std::cout.rdbuf(m_out.rdbuf())), m_old_err(std::cerr.rdbuf(m_err.rdbuf())) {}
-    ~OutputCapture() {
-        std::cout.rdbuf(m_old_out);
-        std::cerr.rdbuf(m_old_err);
-    }
-
-    OutputCapture(const OutputCapture&) = delete;
-    OutputCapture& operator=(const OutputCapture&) = delete;
-
-    std::string out() const { return m_out.str(); }
-    std::string err() const { return m_err.str(); }
-
-private:
-    std::ostringstream m_out;
-    std::ostringstream m_err;
-    std::streambuf* m_old_out;
-    std::streambuf* m_old_err;
-};
-
-struct CommandRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
 // `quillmar export ARGS...` through the command's own parsing.
 CommandRun run_export(const std::vector<std::string>& args) {
-    CLI::App app;
-    CommandRun run;
-    add_export_command(app, run.status);
-    std::vector<const char*> argv = {"quillmar", "export"};
-    for (const std::string& arg : args) {
-        argv.push_back(arg.c_str());
-    }
-    OutputCapture capture;
-    app.parse(static_cast<int>(argv.size()), argv.data());
-    run.out = capture.out();
-    run.err = capture.err();
-    return run;
+    return run_subcommand(&add_export_command, "export", args);
 }
 
 // Side 0: 0..2, a gap of 2, 4..6. Side 1: 0..4. Both start at 0 (side 1's offset base is 0).
 Datagram gapped_file() {
-    return file_of(
-        {frame(0, 0, {1, 2}), frame(1, 0, {-1, -2}), frame(0, 4, {3, 4}), frame(1, 2, {-3, -4})});
+    return recording_bytes(SYNC_MT, {frame(0, 0, {1, 2}), frame(1, 0, {-1, -2}),
+                                     frame(0, 4, {3, 4}), frame(1, 2, {-3, -4})});
 }
 
 TEST(AudioExportTest, TwoSidesWithAGapAreSilentExactlyThere) {
@@ -156,8 +101,8 @@ TEST(AudioExportTest, TwoSidesWithAGapAreSilentExactlyThere) {
 TEST(AudioExportTest, FramesOutOfOrderInTheFileArePlacedByOffset) {
     test::TempDirectory dir;
     const std::string input = dir.write_file(
-        "media.qm",
-        text_of(file_of({frame(0, 0, {1, 2}), frame(0, 4, {5, 6}), frame(0, 2, {3, 4})})));
+        "media.qm", text_of(recording_bytes(
+                        SYNC_MT, {frame(0, 0, {1, 2}), frame(0, 4, {5, 6}), frame(0, 2, {3, 4})})));
     ExportOptions options{input, dir.path() / "out.wav", ExportChannels::SIDE_0};
 
     const ExportResult result = export_audio(options);
@@ -173,9 +118,10 @@ TEST(AudioExportTest, FramesOutOfOrderInTheFileArePlacedByOffset) {
 // 6, so the left channel starts with 6 samples of silence.
 TEST(AudioExportTest, SideStartingLaterBeginsWithSilence) {
     test::TempDirectory dir;
-    const std::string input = dir.write_file(
-        "media.qm", text_of(file_of({frame(1, 0, {10, 11, 12, 13}), frame(1, 4, {14, 15, 16, 17}),
-                                     frame(0, 2, {1, 2, 3, 4})})));
+    const std::string input =
+        dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, {frame(1, 0, {10, 11, 12, 13}),
+                                                                     frame(1, 4, {14, 15, 16, 17}),
+                                                                     frame(0, 2, {1, 2, 3, 4})})));
     ExportOptions options{input, dir.path() / "out.wav"};
 
     const ExportResult result = export_audio(options);
@@ -192,7 +138,7 @@ TEST(AudioExportTest, SideStartingLaterBeginsWithSilence) {
 TEST(AudioExportTest, EmptySideIsASilentChannel) {
     test::TempDirectory dir;
     const std::string input =
-        dir.write_file("media.qm", text_of(file_of({frame(1, 0, {5, 6, 7})})));
+        dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, {frame(1, 0, {5, 6, 7})})));
     ExportOptions options{input, dir.path() / "out.wav"};
 
     const ExportResult result = export_audio(options);
@@ -207,8 +153,9 @@ TEST(AudioExportTest, EmptySideIsASilentChannel) {
 TEST(AudioExportTest, MixAddsTheSidesAndClips) {
     test::TempDirectory dir;
     const std::string input = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, {30000, -30000, 100, 0, 32767}),
-                                     frame(1, 0, {10000, -10000, -50, 7, -32768})})));
+        "media.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, {30000, -30000, 100, 0, 32767}),
+                                          frame(1, 0, {10000, -10000, -50, 7, -32768})})));
     const std::string output = (dir.path() / "mix.wav").string();
 
     const CommandRun run = run_export({input, "-o", output, "--mix"});
@@ -228,7 +175,8 @@ TEST(AudioExportTest, MixAddsTheSidesAndClips) {
 TEST(AudioExportTest, OneSideAloneIsMonoOnTheLegsTimeline) {
     test::TempDirectory dir;
     const std::string input = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, {1, 2, 3, 4}), frame(1, 2, {9, 8})})));
+        "media.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, {1, 2, 3, 4}), frame(1, 2, {9, 8})})));
     const std::string output = (dir.path() / "side1.wav").string();
 
     const CommandRun run = run_export({input, "-o", output, "--side", "1", "--rate", "16000"});
@@ -250,8 +198,9 @@ TEST(AudioExportTest, OneSideAloneIsMonoOnTheLegsTimeline) {
 TEST(AudioExportTest, OverlappingFramesKeepTheFirstSamples) {
     test::TempDirectory dir;
     const std::string input = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, {1, 2, 3, 4}), frame(0, 2, {5, 6, 7, 8}),
-                                     frame(0, 0, {9, 9})})));
+        "media.qm",
+        text_of(recording_bytes(
+            SYNC_MT, {frame(0, 0, {1, 2, 3, 4}), frame(0, 2, {5, 6, 7, 8}), frame(0, 0, {9, 9})})));
     ExportOptions options{input, dir.path() / "out.wav", ExportChannels::SIDE_0};
 
     const ExportResult result = export_audio(options);
@@ -290,7 +239,7 @@ TEST(AudioExportTest, FlacRoundTripIsExact) {
         expected.push_back(sides[0][i]);
         expected.push_back(sides[1][i]);
     }
-    const std::string input = dir.write_file("media.qm", text_of(file_of(frames)));
+    const std::string input = dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, frames)));
     ExportOptions options{input, dir.path() / "out.flac"};
 
     const ExportResult result = export_audio(options);
@@ -311,7 +260,7 @@ TEST(AudioExportTest, OggVorbisAndOpusAreWritten) {
     for (std::uint32_t i = 0; i < 50; ++i) {
         frames.push_back(frame(0, 160 * i, std::vector<std::int16_t>(160, 1000)));
     }
-    const std::string input = dir.write_file("media.qm", text_of(file_of(frames)));
+    const std::string input = dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, frames)));
     const std::string ogg = (dir.path() / "out.ogg").string();
     const std::string opus = (dir.path() / "out.opus").string();
     SF_INFO opus_info{};
@@ -386,7 +335,8 @@ TEST(AudioExportTest, ExistingOutputIsReplacedOnlyWithForce) {
 TEST(AudioExportTest, LongGapIsWrittenAsSilenceToTheExactLength) {
     test::TempDirectory dir;
     const std::string input = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, {1, 2}), frame(0, 10000000, {3, 4})})));
+        "media.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, {1, 2}), frame(0, 10000000, {3, 4})})));
     ExportOptions options{input, dir.path() / "long.wav", ExportChannels::SIDE_0};
 
     const ExportResult result = export_audio(options);
@@ -483,7 +433,7 @@ TEST(AudioExportTest, MixAndSideExcludeEachOtherAndSideIsZeroOrOne) {
 
 TEST(AudioExportTest, RecordingWithoutFramesGivesEmptyAudio) {
     test::TempDirectory dir;
-    const std::string input = dir.write_file("media.qm", text_of(file_of({})));
+    const std::string input = dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, {})));
     ExportOptions options{input, dir.path() / "empty.wav"};
 
     const ExportResult result = export_audio(options);

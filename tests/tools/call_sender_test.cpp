@@ -21,6 +21,7 @@
 #include "media/start_packet.hpp"
 #include "packet_bytes.hpp"
 #include "temp_directory.hpp"
+#include "tool_command_run.hpp"
 #include "tools/call_manifest.hpp"
 #include "tools/call_plan.hpp"
 #include "tools/tool_commands.hpp"
@@ -240,37 +241,8 @@ TEST(CallSenderTest, RefusedSendEndsTheRunWithTheSystemsReason) {
 }
 
 // One run of `quillmar send` with its output captured.
-struct CommandRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-CommandRun run_send(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"quillmar", "send"});
-    std::vector<const char*> argv;
-    for (const std::string& argument : arguments) {
-        argv.push_back(argument.c_str());
-    }
-    CLI::App app;
-    CommandRun run;
-    add_send_command(app, run.status);
-    std::ostringstream out;
-    std::ostringstream err;
-    std::streambuf* const cout = std::cout.rdbuf(out.rdbuf());
-    std::streambuf* const cerr = std::cerr.rdbuf(err.rdbuf());
-    try {
-        app.parse(static_cast<int>(argv.size()), argv.data());
-    } catch (...) {
-        std::cout.rdbuf(cout);
-        std::cerr.rdbuf(cerr);
-        throw;
-    }
-    std::cout.rdbuf(cout);
-    std::cerr.rdbuf(cerr);
-    run.out = out.str();
-    run.err = err.str();
-    return run;
+CommandRun run_send(const std::vector<std::string>& arguments) {
+    return run_subcommand(&add_send_command, "send", arguments);
 }
 
 TEST(SendCommandTest, SendsTheCallsWritesTheManifestAndSaysWhatItDid) {
@@ -328,6 +300,18 @@ TEST(SendCommandTest, DefaultRateIsRealTime) {
     EXPECT_THAT(run.out, StartsWith("sent 1 leg: 12 datagrams (1 start, 10 data, 1 terminate; "
                                     "0 withheld, 0 reordered, 0 duplicated) in "));
     EXPECT_EQ(receiver.receive(12).size(), 12u);
+}
+
+TEST(SendCommandTest, OneByOneSendsEveryDatagramAsItsOwnMessage) {
+    Receiver receiver;
+    const CommandRun run = run_send({"--to", receiver.destination(), "--calls", "3", "--duration",
+                                     "0.1", "--rate", "0", "--one-by-one"});
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.status, 0);
+    // 3 legs of 5 frames a side: 3 starts, 30 data packets, 3 terminates.
+    const std::vector<media::Datagram> received = receiver.receive(36);
+    ASSERT_EQ(received.size(), 36u);
+    EXPECT_TRUE(receiver.queued().empty());
 }
 
 TEST(SendCommandTest, SendsAnAudioFileForItsLength) {

@@ -8,6 +8,7 @@
 
 #include "io/io_session_path.hpp"
 #include "media/packet_encoder.hpp"
+#include "recording_bytes.hpp"
 #include "temp_directory.hpp"
 #include "tools/call_manifest.hpp"
 
@@ -84,11 +85,11 @@ protected:
         start.ts = ts;
         start.sync_mt = SYNC_MT;
         start.header.uuid = UUID;
-        Datagram bytes = media::encode_file_header(start);
+        std::vector<DataFields> fields;
         for (const Recorded& frame : frames) {
-            const Datagram encoded = media::encode_frame(data_of(frame.side, frame.seq), SYNC_MT);
-            bytes.insert(bytes.end(), encoded.begin(), encoded.end());
+            fields.push_back(data_of(frame.side, frame.seq));
         }
+        const Datagram bytes = test::recording_bytes(start, fields);
         std::filesystem::create_directories(file().parent_path());
         std::ofstream(file(), std::ios::binary)
             .write(reinterpret_cast<const char*>(bytes.data()),

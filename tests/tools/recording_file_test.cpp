@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "media/packet_encoder.hpp"
+#include "recording_bytes.hpp"
 #include "temp_directory.hpp"
 #include "utils/str.hpp"
 
@@ -16,6 +17,8 @@ namespace {
 
 using media::DataFields;
 using media::Datagram;
+using test::recording_bytes;
+using test::text_of;
 
 constexpr std::uint64_t SYNC_MT = 500;
 
@@ -26,25 +29,6 @@ DataFields frame(std::uint16_t side, std::uint32_t off, std::vector<std::uint16_
     fields.header.mt = SYNC_MT + 20;
     fields.payload = std::move(samples);
     return fields;
-}
-
-Datagram file_of(const std::vector<DataFields>& frames) {
-    media::StartFields start;
-    start.sync_mt = SYNC_MT;
-    Datagram bytes = media::encode_file_header(start);
-    for (const DataFields& data : frames) {
-        const Datagram encoded = media::encode_frame(data, SYNC_MT);
-        bytes.insert(bytes.end(), encoded.begin(), encoded.end());
-    }
-    return bytes;
-}
-
-std::string text_of(const Datagram& bytes, std::size_t size) {
-    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)};
-}
-
-std::string text_of(const Datagram& bytes) {
-    return text_of(bytes, bytes.size());
 }
 
 // The message of the RecordingError opening `path` throws; fails the test when none is thrown.
@@ -69,7 +53,8 @@ std::size_t frames_of(io::MediaChannel& channel) {
 
 TEST(RecordingFileTest, OpensARecordingWithItsHeaderAndFrames) {
     test::TempDirectory dir;
-    const Datagram bytes = file_of({frame(0, 0, {1, 2}), frame(1, 0, {3}), frame(0, 2, {4})});
+    const Datagram bytes =
+        recording_bytes(SYNC_MT, {frame(0, 0, {1, 2}), frame(1, 0, {3}), frame(0, 2, {4})});
     const std::string path = dir.write_file("media.qm", text_of(bytes));
 
     RecordingFile file(path);
@@ -90,7 +75,7 @@ TEST(RecordingFileTest, OpensARecordingWithItsHeaderAndFrames) {
 
 TEST(RecordingFileTest, FileCutInsideTheSessionHeaderHasNoSessionAndNoFrames) {
     test::TempDirectory dir;
-    const std::string path = dir.write_file("media.qm", text_of(file_of({}), 20));
+    const std::string path = dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, {}), 20));
 
     RecordingFile file(path);
 
@@ -106,7 +91,8 @@ TEST(RecordingFileTest, FileCutInsideTheSessionHeaderHasNoSessionAndNoFrames) {
 TEST(RecordingFileTest, FileCutInsideTheFormatIsARecordingWithoutSession) {
     test::TempDirectory dir;
     for (const std::size_t size : {4u, 7u}) {
-        const std::string path = dir.write_file("media.qm", text_of(file_of({}), size));
+        const std::string path =
+            dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, {}), size));
 
         RecordingFile file(path);
 
@@ -121,7 +107,8 @@ TEST(RecordingFileTest, FileCutInsideTheFormatIsARecordingWithoutSession) {
 TEST(RecordingFileTest, FileWithoutTheMagicIsNotAMediaFile) {
     test::TempDirectory dir;
     const std::string text = dir.write_file("notes.txt", "hello, this is not a recording\n");
-    const std::string cut_magic = dir.write_file("cut.qm", text_of(file_of({}), 3));
+    const std::string cut_magic =
+        dir.write_file("cut.qm", text_of(recording_bytes(SYNC_MT, {}), 3));
     const std::string empty = dir.write_file("empty.qm", "");
 
     EXPECT_EQ(opening_error(text), text + ": not a media file (no \"QM\\0F\" magic)");
@@ -131,7 +118,7 @@ TEST(RecordingFileTest, FileWithoutTheMagicIsNotAMediaFile) {
 
 TEST(RecordingFileTest, UnknownFormatIsRefused) {
     test::TempDirectory dir;
-    Datagram bytes = file_of({frame(0, 0, {1})});
+    Datagram bytes = recording_bytes(SYNC_MT, {frame(0, 0, {1})});
     bytes[4] = 3;
     const std::string path = dir.write_file("media.qm", text_of(bytes));
 

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "media/packet_encoder.hpp"
+#include "recording_bytes.hpp"
 #include "temp_directory.hpp"
+#include "tool_command_run.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -20,6 +22,8 @@ namespace {
 using media::DataFields;
 using media::Datagram;
 using nlohmann::json;
+using test::recording_bytes;
+using test::text_of;
 
 constexpr std::uint64_t SYNC_MT = 500;
 
@@ -36,74 +40,15 @@ DataFields frame(std::uint16_t side, std::uint32_t off, std::uint32_t time,
 
 // The default start packet's header (ts 1633954638004211, sync ts 1633954638000000, sync mt 500,
 // uuid 00112233-...), then the frames.
-Datagram file_of(const std::vector<DataFields>& frames) {
-    media::StartFields start;
-    start.sync_mt = SYNC_MT;
-    Datagram bytes = media::encode_file_header(start);
-    for (const DataFields& data : frames) {
-        const Datagram encoded = media::encode_frame(data, SYNC_MT);
-        bytes.insert(bytes.end(), encoded.begin(), encoded.end());
-    }
-    return bytes;
-}
-
-std::string text_of(const Datagram& bytes, std::size_t size) {
-    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size)};
-}
-
-std::string text_of(const Datagram& bytes) {
-    return text_of(bytes, bytes.size());
-}
-
 // Two sides, interleaved, both whole: 48 + 2 * (12 + 8) + 2 * (12 + 4) = 120 bytes.
 Datagram sound_file() {
-    return file_of({frame(0, 0, 20, {1, 2, 3, 4}), frame(1, 0, 25, {5, 6}),
-                    frame(0, 4, 40, {7, 8, 9, 10}), frame(1, 2, 45, {11, 12})});
+    return recording_bytes(SYNC_MT, {frame(0, 0, 20, {1, 2, 3, 4}), frame(1, 0, 25, {5, 6}),
+                                     frame(0, 4, 40, {7, 8, 9, 10}), frame(1, 2, 45, {11, 12})});
 }
-
-// Sends std::cout and std::cerr to strings while it lives.
-class OutputCapture {
-public:
-    OutputCapture()
-        : m_old_out(std::cout.rdbuf(m_out.rdbuf())), m_old_err(std::cerr.rdbuf(m_err.rdbuf())) {}
-    ~OutputCapture() {
-        std::cout.rdbuf(m_old_out);
-        std::cerr.rdbuf(m_old_err);
-    }
-
-    OutputCapture(const OutputCapture&) = delete;
-    OutputCapture& operator=(const OutputCapture&) = delete;
-
-    std::string out() const { return m_out.str(); }
-    std::string err() const { return m_err.str(); }
-
-private:
-    std::ostringstream m_out;
-    std::ostringstream m_err;
-    std::streambuf* m_old_out;
-    std::streambuf* m_old_err;
-};
-
-struct CommandRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
 
 // `quillmar inspect ARGS...` through the command's own parsing.
 CommandRun run_inspect(const std::vector<std::string>& args) {
-    CLI::App app;
-    CommandRun run;
-    add_inspect_command(app, run.status);
-    std::vector<const char*> argv = {"quillmar", "inspect"};
-    for (const std::string& arg : args) {
-        argv.push_back(arg.c_str());
-    }
-    OutputCapture capture;
-    app.parse(static_cast<int>(argv.size()), argv.data());
-    run.out = capture.out();
-    run.err = capture.err();
-    return run;
+    return run_subcommand(&add_inspect_command, "inspect", args);
 }
 
 std::vector<json> json_lines(const std::string& out) {
@@ -165,8 +110,9 @@ TEST(RecordingInspectorTest, GapsAreCountedWithTheirMissingSamples) {
     test::TempDirectory dir;
     // Side 0: 0..4, gap of 6, 10..14, 14..16, gap of 4, 20..22. Side 1 has no frame.
     const std::string path = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 10, 10, {1, 2, 3, 4}),
-                                     frame(0, 14, 14, {1, 2}), frame(0, 20, 20, {1, 2})})));
+        "media.qm", text_of(recording_bytes(
+                        SYNC_MT, {frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 10, 10, {1, 2, 3, 4}),
+                                  frame(0, 14, 14, {1, 2}), frame(0, 20, 20, {1, 2})})));
 
     const RecordingReport report = inspect_recording(path);
 
@@ -188,9 +134,10 @@ TEST(RecordingInspectorTest, RepeatedAndOverlappingFramesAreCounted) {
     test::TempDirectory dir;
     // 0..4, 4..8, 4..8 again, 6..10 over its end, then 10..12 following on.
     const std::string path = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 4, 4, {5, 6, 7, 8}),
-                                     frame(0, 4, 4, {5, 6, 7, 8}), frame(0, 6, 6, {1, 1, 1, 1}),
-                                     frame(0, 10, 10, {2, 2})})));
+        "media.qm", text_of(recording_bytes(
+                        SYNC_MT, {frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 4, 4, {5, 6, 7, 8}),
+                                  frame(0, 4, 4, {5, 6, 7, 8}), frame(0, 6, 6, {1, 1, 1, 1}),
+                                  frame(0, 10, 10, {2, 2})})));
 
     const RecordingReport report = inspect_recording(path);
 
@@ -208,10 +155,11 @@ TEST(RecordingInspectorTest, RepeatedAndOverlappingFramesAreCounted) {
 TEST(RecordingInspectorTest, TimeWrapsAreCountedPerSide) {
     test::TempDirectory dir;
     const std::string path = dir.write_file(
-        "media.qm", text_of(file_of({frame(0, 0, 0x80000000u, {1}), frame(0, 1, 0, {1}),
-                                     frame(1, 0, 0xFFFFFFFFu, {1}), frame(0, 2, 0xFFFFFFF0u, {1}),
-                                     frame(0, 3, 16, {1}), frame(1, 1, 3, {1}),
-                                     frame(0, 4, 100, {1}), frame(0, 5, 50, {1})})));
+        "media.qm", text_of(recording_bytes(
+                        SYNC_MT, {frame(0, 0, 0x80000000u, {1}), frame(0, 1, 0, {1}),
+                                  frame(1, 0, 0xFFFFFFFFu, {1}), frame(0, 2, 0xFFFFFFF0u, {1}),
+                                  frame(0, 3, 16, {1}), frame(1, 1, 3, {1}), frame(0, 4, 100, {1}),
+                                  frame(0, 5, 50, {1})})));
 
     const RecordingReport report = inspect_recording(path);
 
@@ -314,8 +262,9 @@ TEST(RecordingInspectorTest, MissingAndUnknownFormatFilesAreRefused) {
 TEST(RecordingInspectorTest, JsonCarriesTheSameFacts) {
     test::TempDirectory dir;
     const std::string sound = dir.write_file(
-        "sound.qm", text_of(file_of({frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 10, 10, {1, 2}),
-                                     frame(0, 10, 12, {1, 2})})));
+        "sound.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 10, 10, {1, 2}),
+                                          frame(0, 10, 12, {1, 2})})));
     const Datagram whole = sound_file();
     const std::string cut = dir.write_file("cut.qm", text_of(whole, whole.size() - 3));
     const std::string text = dir.write_file("notes.txt", "not a recording");

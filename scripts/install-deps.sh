@@ -8,6 +8,7 @@ packages=(
     libboost-filesystem-dev libboost-system-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libsndfile1-dev nlohmann-json3-dev
+    libsystemd-dev python3 python3-prometheus-client
 )
 
 missing=()

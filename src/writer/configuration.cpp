@@ -147,6 +147,13 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "receive_batch_delay") {
         return to_status(utils::time::try_parse_timer(value, receive_batch_delay));
     }
+    if (key == "flush_open_sessions_on_stop") {
+        return to_status(conf::try_parse_bool(value, flush_open_sessions_on_stop));
+    }
+    if (key == "metrics_file") {
+        metrics_file = value;
+        return APPLIED;
+    }
     if (key == "write_media") {
         return to_status(conf::try_parse_bool(value, write_media));
     }

@@ -72,6 +72,13 @@ public:
     // found datagrams but left the socket empty; 0 waits for the next datagram instead.
     std::uint64_t receive_batch_delay = 0;
 
+    // At an orderly stop, hand every open leg's current buffer to the media writer before it
+    // drains, so that its file ends at the last accepted packet; false drops those buffers.
+    bool flush_open_sessions_on_stop = false;
+    // File the counters are written to every report period, in the Prometheus text format;
+    // empty writes none.
+    std::string metrics_file;
+
     static constexpr std::uint64_t MAX_RECEIVE_BATCH = 1024;
 
 protected:

@@ -6,6 +6,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "app/app_notify.hpp"
 #include "build_version.hpp"
 #include "conf/configuration.hpp"
 #include "log/logger.hpp"
@@ -32,6 +33,7 @@ void start_statistics(const Configuration& configuration) {
     statistics.transfer_enabled = configuration.statistic_transfer_enabled;
     statistics.transfer_host = configuration.statistic_transfer_host;
     statistics.transfer_port = configuration.statistic_transfer_port;
+    statistics.metrics_file = configuration.metrics_file;
     const int started = statistics.start();
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start statistic service, error: " << started);
@@ -137,12 +139,19 @@ bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) 
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start packets reader, error: " << started);
     } else {
+        // The socket is bound and every thread runs: the recorder takes packets from here on.
+        app::notify_service_manager("READY=1");
         receive(socket, read_buffer, *reader);
+        app::notify_service_manager("STOPPING=1");
     }
     // The reader goes first, so that nothing reaches the writing manager while the media writer
     // drains what the sessions handed it.
     reader->stop();
     reader.reset();
+    if (configuration->flush_open_sessions_on_stop) {
+        const std::size_t flushed = writing->flush_open_sessions();
+        QM_LOG_SYSTEM("SERVICE: " << flushed << " open sessions handed to the writer at stop");
+    }
     writing->stop();
     writing.reset();
     return started == 0;

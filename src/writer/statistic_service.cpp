@@ -13,6 +13,7 @@
 #include <optional>
 #include <sstream>
 
+#include "app/app_notify.hpp"
 #include "log/logger.hpp"
 #include "net/net_socket.hpp"
 
@@ -23,15 +24,8 @@ namespace {
 constexpr std::size_t FRAMED_TEXT_MAX = 82;
 constexpr std::string_view UNIT_LETTERS = "KMGTPEZY";
 
-// One value line of a section: its label (dots, colon and blank included) and its counter.
-struct Row {
-    std::string_view label;
-    std::uint64_t value;
-    bool bytes = false;
-};
-
-void print_rows(std::ostream& out, std::initializer_list<Row> rows) {
-    for (const Row& row : rows) {
+void print_rows(std::ostream& out, const std::vector<ReportRow>& rows) {
+    for (const ReportRow& row : rows) {
         std::ostringstream text;
         text << row.label;
         if (row.bytes) {
@@ -81,8 +75,7 @@ StatisticService::~StatisticService() {
 void StatisticService::run() {
     QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] started");
     do {
-        try_print();
-        check_kernel_drops();
+        report_period();
     } while (wait_period());
 }
 
@@ -134,112 +127,156 @@ void StatisticService::check_kernel_drops() {
     m_drops_seen = *drops;
 }
 
-void StatisticService::try_print() {
-    if (!log_enabled) {
-        return;
+void StatisticService::report_period() {
+    const ReportSnapshot values = snapshot();
+    if (log_enabled) {
+        std::ostringstream report;
+        print(report, values);
+        QM_LOG_SYSTEM(report.view());
     }
-    std::ostringstream report;
-    print(report);
-    QM_LOG_SYSTEM(report.view());
+    check_kernel_drops();
+    if (!metrics_file.empty()) {
+        if (!m_metrics) {
+            m_metrics = std::make_unique<MetricsFile>(metrics_file);
+        }
+        m_metrics->write(values, {m_drops_seen, MetricsFile::resident_bytes()});
+    }
+    app::notify_service_manager(status_line());
+}
+
+std::string StatisticService::status_line() const {
+    std::ostringstream status;
+    status << "STATUS=" << manager.session.load() << " sessions, "
+           << packet_reader.passed_elements.load() << " datagrams, " << m_drops_seen
+           << " dropped by the system, " << manager.session_media_dropped_bytes.load()
+           << " media bytes dropped";
+    return status.str();
 }
 
 void StatisticService::print(std::ostream& out) const {
+    print(out, snapshot());
+}
+
+void StatisticService::print(std::ostream& out, const ReportSnapshot& values) const {
     if (show_number) {
         print_section_header(out, "quillmarwriter:" + std::to_string(number) + " statistic");
     } else {
         print_section_header(out, "quillmarwriter statistic");
     }
     print_empty_line(out);
-    print_manager(out);
+    print_rows(out, values.manager);
     print_empty_line(out);
     print_section_header(out, "writer statistic");
     print_empty_line(out);
-    print_writer(out);
+    print_rows(out, values.writer);
     print_empty_line(out);
     print_section_header(out, "packets statistic");
     print_empty_line(out);
-    print_packet_reader(out);
+    print_rows(out, values.packet_reader);
     print_empty_line(out);
     print_spawned_symbol(out, '*');
 }
 
-void StatisticService::print_manager(std::ostream& out) const {
-    print_rows(
-        out,
-        {
-            {"session number.............................: ", manager.session.load()},
-            {"session number (zombie)....................: ", manager.session_zombie.load()},
-            {"session audit executions number............: ",
-             manager.session_audit_executions.load()},
-            {"session allocation errors number...........: ",
-             manager.session_allocation_errors.load()},
-            {"session existing index errors number.......: ",
-             manager.session_existing_index_errors.load()},
-            {"session unknown index errors number........: ",
-             manager.session_unknown_index_errors.load()},
-            {"session sequence break errors number.......: ",
-             manager.session_sequence_break_errors.load()},
-            {"session lost packets number................: ", manager.session_lost_packets.load()},
-            {"session media received bytes number........: ",
-             manager.session_media_received_bytes.load(), true},
-            {"session media buffered bytes number........: ",
-             manager.session_media_buffered_bytes.load(), true},
-            {"session media dropped  bytes number........: ",
-             manager.session_media_dropped_bytes.load(), true},
-        });
+ReportSnapshot StatisticService::snapshot() const {
+    return {manager_rows(), writer_rows(), packet_reader_rows()};
 }
 
-void StatisticService::print_writer(std::ostream& out) const {
-    print_rows(
-        out,
-        {
-            {"buffer queue elements number...............: ", writer.elements.load()},
-            {"buffer queue passed elements number........: ", writer.passed_elements.load()},
-            {"buffer queue dropped elements number.......: ", writer.dropped_elements.load()},
-            {"written bytes number.......................: ", writer.written_bytes.load(), true},
-            {"written lost bytes number..................: ", writer.written_lost_bytes.load(),
-             true},
-            {"buffer pool elements number................: ", pool.buffer_pool_elements.load()},
-            {"buffer pool acquire errors number..........: ",
-             pool.buffer_pool_acquire_errors.load()},
-            {"buffer pool release errors number..........: ",
-             pool.buffer_pool_release_errors.load()},
-            {"buffer null sessions errors number.........: ",
-             writer.buffer_null_sessions_errors.load()},
-            {"directory check or create errors number....: ",
-             writer.directory_check_or_create_errors.load()},
-            {"file open errors number....................: ", writer.file_open_errors.load()},
-            {"file write errors number...................: ", writer.file_write_errors.load()},
-        });
+std::vector<ReportRow> StatisticService::manager_rows() const {
+    return {
+        {"session number.............................: ", manager.session.load(), false, "sessions",
+         true},
+        {"session number (zombie)....................: ", manager.session_zombie.load(), false,
+         "zombie_sessions", true},
+        {"session audit executions number............: ", manager.session_audit_executions.load(),
+         false, "session_audit_executions_total"},
+        {"session allocation errors number...........: ", manager.session_allocation_errors.load(),
+         false, "session_allocation_errors_total"},
+        {"session existing index errors number.......: ",
+         manager.session_existing_index_errors.load(), false,
+         "session_existing_index_errors_total"},
+        {"session unknown index errors number........: ",
+         manager.session_unknown_index_errors.load(), false, "session_unknown_index_errors_total"},
+        {"session sequence break errors number.......: ",
+         manager.session_sequence_break_errors.load(), false,
+         "session_sequence_break_errors_total"},
+        {"session lost packets number................: ", manager.session_lost_packets.load(),
+         false, "session_lost_packets_total"},
+        {"session media received bytes number........: ",
+         manager.session_media_received_bytes.load(), true, "session_media_received_bytes_total"},
+        {"session media buffered bytes number........: ",
+         manager.session_media_buffered_bytes.load(), true, "session_media_buffered_bytes_total"},
+        {"session media dropped  bytes number........: ",
+         manager.session_media_dropped_bytes.load(), true, "session_media_dropped_bytes_total"},
+    };
 }
 
-void StatisticService::print_packet_reader(std::ostream& out) const {
+std::vector<ReportRow> StatisticService::writer_rows() const {
+    return {
+        {"buffer queue elements number...............: ", writer.elements.load(), false,
+         "buffer_queue_elements", true},
+        {"buffer queue passed elements number........: ", writer.passed_elements.load(), false,
+         "buffer_queue_passed_elements_total"},
+        {"buffer queue dropped elements number.......: ", writer.dropped_elements.load(), false,
+         "buffer_queue_dropped_elements_total"},
+        {"written bytes number.......................: ", writer.written_bytes.load(), true,
+         "written_bytes_total"},
+        {"written lost bytes number..................: ", writer.written_lost_bytes.load(), true,
+         "written_lost_bytes_total"},
+        {"buffer pool elements number................: ", pool.buffer_pool_elements.load(), false,
+         "buffer_pool_elements", true},
+        {"buffer pool acquire errors number..........: ", pool.buffer_pool_acquire_errors.load(),
+         false, "buffer_pool_acquire_errors_total"},
+        {"buffer pool release errors number..........: ", pool.buffer_pool_release_errors.load(),
+         false, "buffer_pool_release_errors_total"},
+        {"buffer null sessions errors number.........: ", writer.buffer_null_sessions_errors.load(),
+         false, "buffer_null_sessions_errors_total"},
+        {"directory check or create errors number....: ",
+         writer.directory_check_or_create_errors.load(), false,
+         "directory_check_or_create_errors_total"},
+        {"file open errors number....................: ", writer.file_open_errors.load(), false,
+         "file_open_errors_total"},
+        {"file write errors number...................: ", writer.file_write_errors.load(), false,
+         "file_write_errors_total"},
+    };
+}
+
+std::vector<ReportRow> StatisticService::packet_reader_rows() const {
     const media::PacketReaderStatistic& reader = packet_reader;
-    print_rows(
-        out, {
-                 {"packet queue elements number...............: ", reader.elements.load()},
-                 {"packet queue passed elements number........: ", reader.passed_elements.load()},
-                 {"packet queue dropped elements number.......: ", reader.dropped_elements.load()},
-                 {"packet queue idle hits number..............: ", reader.idle_hits.load()},
-                 {"packet dropped  by min length..............: ",
-                  reader.packet_dropped_by_min_length.load()},
-                 {"packet dropped  by max length..............: ",
-                  reader.packet_dropped_by_max_length.load()},
-                 {"packet dropped  by failed allocation.......: ",
-                  reader.packet_dropped_by_failed_allocation.load()},
-                 {"packet rejected by bad marker..............: ",
-                  reader.packet_rejected_by_bad_marker.load()},
-                 {"packet rejected by version.................: ",
-                  reader.packet_rejected_by_version.load()},
-                 {"packet rejected by corrupted size..........: ",
-                  reader.packet_rejected_by_corrupted_size.load()},
-                 {"packet rejected by unknown type............: ",
-                  reader.packet_rejected_by_unknown_type.load()},
-                 {"packet 'start' type number.................: ", reader.packet_start_type.load()},
-                 {"packet 'term'  type number.................: ", reader.packet_term_type.load()},
-                 {"packet 'data'  type number.................: ", reader.packet_data_type.load()},
-                 {"packet 'ctrl'  type number.................: ", reader.packet_ctrl_type.load()},
-             });
+    return {
+        {"packet queue elements number...............: ", reader.elements.load(), false,
+         "packet_queue_elements", true},
+        {"packet queue passed elements number........: ", reader.passed_elements.load(), false,
+         "packet_queue_passed_elements_total"},
+        {"packet queue dropped elements number.......: ", reader.dropped_elements.load(), false,
+         "packet_queue_dropped_elements_total"},
+        {"packet queue idle hits number..............: ", reader.idle_hits.load(), false,
+         "packet_queue_idle_hits_total"},
+        {"packet dropped  by min length..............: ",
+         reader.packet_dropped_by_min_length.load(), false, "packet_dropped_by_min_length_total"},
+        {"packet dropped  by max length..............: ",
+         reader.packet_dropped_by_max_length.load(), false, "packet_dropped_by_max_length_total"},
+        {"packet dropped  by failed allocation.......: ",
+         reader.packet_dropped_by_failed_allocation.load(), false,
+         "packet_dropped_by_failed_allocation_total"},
+        {"packet rejected by bad marker..............: ",
+         reader.packet_rejected_by_bad_marker.load(), false, "packet_rejected_by_bad_marker_total"},
+        {"packet rejected by version.................: ", reader.packet_rejected_by_version.load(),
+         false, "packet_rejected_by_version_total"},
+        {"packet rejected by corrupted size..........: ",
+         reader.packet_rejected_by_corrupted_size.load(), false,
+         "packet_rejected_by_corrupted_size_total"},
+        {"packet rejected by unknown type............: ",
+         reader.packet_rejected_by_unknown_type.load(), false,
+         "packet_rejected_by_unknown_type_total"},
+        {"packet 'start' type number.................: ", reader.packet_start_type.load(), false,
+         "packet_start_type_total"},
+        {"packet 'term'  type number.................: ", reader.packet_term_type.load(), false,
+         "packet_term_type_total"},
+        {"packet 'data'  type number.................: ", reader.packet_data_type.load(), false,
+         "packet_data_type_total"},
+        {"packet 'ctrl'  type number.................: ", reader.packet_ctrl_type.load(), false,
+         "packet_ctrl_type_total"},
+    };
 }
 
 void StatisticService::print_section_header(std::ostream& out, std::string_view title) {

@@ -5,15 +5,19 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/thread.hpp"
 #include "media/packet_reader_statistic.hpp"
 #include "writer/media_buffer_pool_statistic.hpp"
 #include "writer/media_writer_statistic.hpp"
+#include "writer/metrics_file.hpp"
+#include "writer/report_snapshot.hpp"
 #include "writer/writing_manager_statistic.hpp"
 
 // The periodic statistics report: a thread that renders the counters of every pipeline component
@@ -58,13 +62,17 @@ public:
     // thread.
     void watch_kernel_drops(int fd, std::uint64_t receive_buffer);
 
-    // One report, unless `log_enabled` is false.
-    void try_print();
+    // One period's work: the report (unless `log_enabled` is false), the kernel drop check, the
+    // metrics file (when `metrics_file` is set) and the status line for the service manager
+    // (when it listens), all from one snapshot of the counters.
+    void report_period();
+    // The counters' values now, row by row, as the report shows them.
+    ReportSnapshot snapshot() const;
     // The whole report; its last line has no line end (the log line adds it).
     void print(std::ostream& out) const;
-    void print_manager(std::ostream& out) const;
-    void print_writer(std::ostream& out) const;
-    void print_packet_reader(std::ostream& out) const;
+    void print(std::ostream& out, const ReportSnapshot& values) const;
+    // "STATUS=12 sessions, 345678 datagrams, 0 dropped by the system, 0 media bytes dropped".
+    std::string status_line() const;
 
     // The framing: a title between asterisks, a text between "* " and "*", a run of one
     // character; each framed line is LINE_WIDTH characters unless its text is too long for the
@@ -83,11 +91,17 @@ public:
     std::uint64_t number = 0;
     bool log_enabled = true;
     bool transfer_enabled = false;
+    // Where the metrics go every period; empty writes none.
+    std::string metrics_file;
     std::string transfer_host = "127.0.0.1";
     std::uint16_t transfer_port = 0;
     sockaddr_in transfer_address{};
 
 private:
+    std::vector<ReportRow> manager_rows() const;
+    std::vector<ReportRow> writer_rows() const;
+    std::vector<ReportRow> packet_reader_rows() const;
+
     // The WARNING of `watch_kernel_drops`, whether or not reports are logged.
     void check_kernel_drops();
 
@@ -103,8 +117,9 @@ private:
     // Published by the main thread, the buffer size before the descriptor; -1 while none.
     std::atomic<int> m_drops_fd{-1};
     std::atomic<std::uint64_t> m_receive_buffer{0};
-    // The report thread's own: the count at the last check.
+    // The report thread's own: the count at the last check, and the metrics file once used.
     std::uint32_t m_drops_seen = 0;
+    std::unique_ptr<MetricsFile> m_metrics;
 };
 
 }  // namespace qm::writer

@@ -175,13 +175,13 @@ void WritingManager::on_session_timedout(rc_ptr<media::Session> session) {
     on_session_completed(session);
 }
 
-void WritingManager::on_session_completed(rc_ptr<media::Session>& session) {
+bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session) {
     auto& recording = static_cast<WritingSession&>(*session);
     MediaBuffer* last = recording.buffer;
     recording.buffer = nullptr;
     // A session whose last acquire failed has nothing left to hand over.
     if (last == nullptr) {
-        return;
+        return false;
     }
     last->session = session;
     if (!m_writer.push(last)) {
@@ -192,6 +192,18 @@ void WritingManager::on_session_completed(rc_ptr<media::Session>& session) {
         last->size = 0;
         last->session = nullptr;
     }
+    return true;
+}
+
+std::size_t WritingManager::flush_open_sessions() {
+    std::size_t flushed = 0;
+    for (const auto& [id, session] : sessions()) {
+        // Zombies record nothing; every other session is a recording.
+        if (session && !session->zombie && on_session_completed(session)) {
+            ++flushed;
+        }
+    }
+    return flushed;
 }
 
 void WritingManager::drop(std::uint64_t bytes) {

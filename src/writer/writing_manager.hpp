@@ -26,8 +26,8 @@
 // operations run on the packet reader's thread (the session thread). A buffer belongs to the
 // media writer from its successful push on.
 //
-// Sessions still open when the manager is destroyed get no final push: their files end at the
-// last buffer pushed.
+// Sessions still open when the manager is destroyed get no final push, unless
+// `flush_open_sessions` ran: their files end at the last buffer pushed.
 
 namespace qm::writer {
 
@@ -44,6 +44,12 @@ public:
                    SteadyClock clock = &monotonic_now_us);
     // Stops the media writer (it drains its queue), then drops the writer, the pool and the table.
     ~WritingManager() override;
+
+    // Hands the current buffer of every open recorded session to the media writer, as its end
+    // would, so that a stop that follows loses nothing accepted; the sessions stay open without a
+    // buffer. Returns how many buffers went. REQUIRES: the packet reader's thread has ended (the
+    // table is that thread's while it runs) and the media writer runs.
+    std::size_t flush_open_sessions();
 
     // Starts and stops the media writer's thread; the results are the thread's.
     [[nodiscard]] int start();
@@ -62,8 +68,8 @@ protected:
     void on_session_timedout(rc_ptr<media::Session> session) override;
 
 private:
-    // Hands the session's last buffer to the media writer.
-    void on_session_completed(rc_ptr<media::Session>& session);
+    // Hands the session's last buffer to the media writer; false when it had none.
+    bool on_session_completed(const rc_ptr<media::Session>& session);
     // Pushes the session's full buffer and attaches a fresh one; false when the frame of `bytes`
     // payload bytes that needs `need` bytes must be dropped.
     bool replace_full_buffer(const rc_ptr<media::Session>& session, WritingSession& recording,

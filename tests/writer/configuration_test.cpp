@@ -48,6 +48,8 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->receive_buffer_size, 0u);
     EXPECT_EQ(configuration->receive_batch, 1u);
     EXPECT_EQ(configuration->receive_batch_delay, 0u);
+    EXPECT_FALSE(configuration->flush_open_sessions_on_stop);
+    EXPECT_EQ(configuration->metrics_file, "");
 }
 
 TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
@@ -88,7 +90,9 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
                                                   "write_media = false\n"
                                                   "receive_buffer_size = 32M\n"
                                                   "receive_batch = 64\n"
-                                                  "receive_batch_delay = 2ms\n");
+                                                  "receive_batch_delay = 2ms\n"
+                                                  "flush_open_sessions_on_stop = true\n"
+                                                  "metrics_file = /var/lib/m/q.prom\n");
     ASSERT_TRUE(configuration->parse_file(path));
     EXPECT_EQ(configuration->log_level, Level::DEBUG);
     EXPECT_EQ(configuration->port, 5090);

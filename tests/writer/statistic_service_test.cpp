@@ -3,7 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,6 +18,7 @@
 #include "child_process.hpp"
 #include "log_capture.hpp"
 #include "poll.hpp"
+#include "temp_directory.hpp"
 
 namespace qm::writer {
 namespace {
@@ -82,10 +90,8 @@ TEST(BytesToStringTest, FromOneKibibyteTheBinaryUnitFollows) {
 }
 
 // Every counter set to a value of its own, byte counts in KiB, MiB and GiB.
-TEST(StatisticReportTest, WholeReportCharacterForCharacter) {
-    StatisticService service;
-    service.show_number = true;
-    service.number = 5090;
+// A distinct value in every counter the report shows, and one it does not show.
+void set_every_counter(StatisticService& service) {
     WritingManagerStatistic& manager = service.manager;
     manager.session = 12;
     manager.session_zombie = 3;
@@ -127,6 +133,13 @@ TEST(StatisticReportTest, WholeReportCharacterForCharacter) {
     reader.packet_term_type = 43;
     reader.packet_data_type = 44;
     reader.packet_ctrl_type = 45;
+}
+
+TEST(StatisticReportTest, WholeReportCharacterForCharacter) {
+    StatisticService service;
+    service.show_number = true;
+    service.number = 5090;
+    set_every_counter(service);
 
     std::ostringstream out;
     service.print(out);
@@ -239,6 +252,91 @@ TEST(StatisticThreadTest, StopOfAThreadThatDoesNotRunDoesNothing) {
     test::LogCapture capture;
     StatisticService service;
     EXPECT_EQ(service.stop(), 0);
+    EXPECT_TRUE(capture.texts().empty());
+}
+
+// The value of every sample in a metrics file, by name.
+std::map<std::string, std::uint64_t> samples(const std::string& text) {
+    std::map<std::string, std::uint64_t> values;
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line[0] != '#') {
+            const std::size_t blank = line.find(' ');
+            values[line.substr(0, blank)] = std::stoull(line.substr(blank + 1));
+        }
+    }
+    return values;
+}
+
+TEST(StatisticPeriodTest, MetricsOfAPeriodShowTheNumbersOfItsReport) {
+    test::TempDirectory directory;
+    test::LogCapture capture;
+    StatisticService service;
+    set_every_counter(service);
+    service.metrics_file = (directory.path() / "quillmarwriter.prom").string();
+
+    service.report_period();
+
+    const std::map<std::string, std::uint64_t> values =
+        samples(test::read_file(service.metrics_file));
+    const ReportSnapshot snapshot = service.snapshot();
+    std::size_t rows = 0;
+    for (const auto* section : {&snapshot.manager, &snapshot.writer, &snapshot.packet_reader}) {
+        for (const ReportRow& row : *section) {
+            EXPECT_EQ(values.at("quillmarwriter_" + std::string(row.metric)), row.value)
+                << row.label;
+            ++rows;
+        }
+    }
+    EXPECT_EQ(rows, 38u);
+    EXPECT_EQ(values.size(), rows + 2);
+    EXPECT_EQ(values.at("quillmarwriter_sessions"), 12u);
+    EXPECT_EQ(values.at("quillmarwriter_session_lost_packets_total"), 9u);
+    EXPECT_EQ(values.at("quillmarwriter_written_bytes_total"), 5'368'709'120ULL);
+    EXPECT_EQ(values.at("quillmarwriter_packet_ctrl_type_total"), 45u);
+    EXPECT_EQ(values.at("quillmarwriter_kernel_drops_total"), 0u);
+    EXPECT_GT(values.at("quillmarwriter_resident_memory_bytes"), 0u);
+    std::ostringstream report;
+    service.print(report, snapshot);
+    EXPECT_EQ(capture.texts(log::Level::SYSTEM), (std::vector<std::string>{report.str()}));
+}
+
+TEST(StatisticPeriodTest, StatusLineSummarisesTheCounters) {
+    StatisticService service;
+    set_every_counter(service);
+
+    EXPECT_EQ(service.status_line(),
+              "STATUS=12 sessions, 32 datagrams, 0 dropped by the system, 512 media bytes dropped");
+}
+
+// A service manager listening on NOTIFY_SOCKET hears the status once per period.
+TEST(StatisticPeriodTest, ServiceManagerHearsTheStatusEveryPeriod) {
+    test::TempDirectory directory;
+    test::LogCapture capture;
+    const std::string path = (directory.path() / "notify").string();
+    const int listener = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    StatisticService service;
+    set_every_counter(service);
+    service.log_enabled = false;
+
+    service.report_period();
+    service.report_period();
+    ::unsetenv("NOTIFY_SOCKET");
+
+    char received[256];
+    for (int period = 0; period < 2; ++period) {
+        const ssize_t size = ::recv(listener, received, sizeof received, MSG_DONTWAIT);
+        ASSERT_GT(size, 0);
+        EXPECT_EQ(std::string(received, static_cast<std::size_t>(size)), service.status_line());
+    }
+    EXPECT_LT(::recv(listener, received, sizeof received, MSG_DONTWAIT), 0);
+    ::close(listener);
     EXPECT_TRUE(capture.texts().empty());
 }
 

@@ -277,6 +277,44 @@ TEST_F(WritingManagerTest, OpenSessionsAtShutdownEndAtTheirLastPushedBuffer) {
     EXPECT_EQ(writer_statistic.passed_elements.load(), 1u);
 }
 
+TEST_F(WritingManagerTest, FlushedOpenSessionsEndAtTheirLastAcceptedFrame) {
+    build(8, 88);
+    StartFields second;
+    second.header.id = 2;
+    second.header.uuid[15] = 0x01;
+    StartFields declined;
+    declined.header.id = 3;
+    declined.ft = {0x00, 0x00};
+    const std::string second_path =
+        "2021-10-11/12/17/00112233-4455-6677-8899-aabbccddee01/media.qm";
+
+    feed_start();
+    feed(data(1, 0, 0, 600, 20));  // pushes the header's buffer, keeps the frame
+    feed_start(second);            // only its header so far
+    feed_start(declined);          // a zombie: nothing to flush
+    const std::size_t flushed = manager->flush_open_sessions();
+    manager.reset();
+
+    EXPECT_EQ(flushed, 2u);
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}) +
+                          media::encode_frame(data(1, 0, 0, 600, 20), StartFields{}.sync_mt));
+    EXPECT_EQ(file(second_path), media::encode_file_header(second));
+    EXPECT_EQ(writer_statistic.passed_elements.load(), 3u);
+    EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 8u);
+    EXPECT_EQ(statistic.session.load(), 3u);
+}
+
+TEST_F(WritingManagerTest, FlushingTwiceHandsOverNothingTheSecondTime) {
+    build(4, 88);
+    feed_start();
+
+    EXPECT_EQ(manager->flush_open_sessions(), 1u);
+    EXPECT_EQ(manager->flush_open_sessions(), 0u);
+    manager.reset();
+
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}));
+}
+
 // The writer is not started, so nothing comes back to the pool and it runs dry on purpose.
 TEST_F(WritingManagerTest, EachFailedAcquireIsCountedAndLogged) {
     build(2, 88, false);

@@ -21,7 +21,28 @@ buffer=${2:-32M}
 port=${QM_BENCH_PORT:-5190}
 build=${QM_BENCH_BUILD:-build}
 work=$(mktemp -d /tmp/qm_bench_XXXXXX)
-trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
+trap 'kill $(jobs -p) 2>/dev/null || true; unmount_storage; rm -rf "$work"' EXIT
+
+# The recorder writes to a fresh ext4 file system on a loop device for every run: a volume that
+# has seen many files created and deleted makes each new file cost far more (the allocator
+# skips recently freed inodes), which would measure the volume's history instead of the
+# recorder. Falls back to a plain directory where nothing can be mounted.
+fresh_storage() {
+    unmount_storage
+    mkdir -p "$work/storage"
+    truncate -s 32G "$work/volume.img"
+    if mkfs.ext4 -q -F "$work/volume.img" && mount -o loop "$work/volume.img" "$work/storage"; then
+        return 0
+    fi
+    echo "# storage: a plain directory (no loop mount here)" >&2
+}
+
+unmount_storage() {
+    if mountpoint -q "$work/storage" 2>/dev/null; then
+        umount "$work/storage"
+    fi
+    rm -rf "$work/storage" "$work/volume.img"
+}
 
 setup() {
     ./scripts/install-deps.sh
@@ -94,7 +115,7 @@ CONF
 run_receiver() {
     local receiver=$1 rate=$2 seconds=$3
     local pid taken out="$work/$receiver.out"
-    rm -rf "$work/storage" "$work/capture.pcap"
+    rm -f "$work/capture.pcap"
     case $receiver in
         recv_loop)
             "$build/bench/recv_loop" "$port" "$(bytes_of "$buffer")" >"$out" &
@@ -108,7 +129,7 @@ run_receiver() {
             pid=$!
             ;;
         recorder)
-            mkdir -p "$work/storage"
+            fresh_storage
             write_config "$work/storage"
             "$build/quillmarwriter" --config "$work/writer.conf" 2>"$out" &
             pid=$!
@@ -198,7 +219,7 @@ summary() {
 
 soak() {
     local seconds=${1:-600}
-    mkdir -p "$work/storage"
+    fresh_storage
     write_config "$work/storage"
     "$build/quillmarwriter" --config "$work/writer.conf" 2>"$work/recorder.out" &
     local pid=$!

@@ -70,6 +70,10 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_EQ(configuration->storage, "storage");
     EXPECT_EQ(configuration->media_buffers_count, 1000u);
     EXPECT_EQ(configuration->receive_buffer_size, 33554432u);
+    EXPECT_EQ(configuration->receive_batch, 64u);
+    EXPECT_EQ(configuration->receive_batch_delay, 1000u);
+    EXPECT_TRUE(configuration->flush_open_sessions_on_stop);
+    EXPECT_EQ(configuration->metrics_file, "");
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_TRUE(capture.texts(Level::ERROR).empty());
 }

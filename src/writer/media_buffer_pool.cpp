@@ -43,8 +43,10 @@ MediaBufferPool::MediaBufferPool(unsigned long count, unsigned long media_size,
         __builtin_add_overflow(m_block_size, SLOT_ALIGNMENT, &m_block_size)) {
         throw std::bad_alloc();
     }
-    // Throws std::bad_alloc itself when the memory is not there.
-    m_block.reset(new std::uint8_t[m_block_size]);
+    // Throws std::bad_alloc itself when the memory is not there. Zeroed, so that every page is
+    // touched now: the recorder's resident memory is all there at start and stays flat, and a
+    // host that cannot back the pool fails at start rather than in the middle of calls.
+    m_block.reset(new std::uint8_t[m_block_size]());
 
     const auto address = reinterpret_cast<std::uintptr_t>(m_block.get());
     std::uint64_t aligned = 0;

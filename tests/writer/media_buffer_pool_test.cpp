@@ -2,10 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <new>
 #include <string>
 #include <vector>
@@ -307,6 +309,29 @@ TEST_F(MediaBufferPoolTest, DestroyingThePoolDropsTheSessionReferencesOfEveryHea
     EXPECT_EQ(kept->reference_count(), 1);
     kept = nullptr;
     EXPECT_EQ(destroyed, 3);
+}
+
+// The resident memory of this process, in bytes.
+std::uint64_t resident_bytes() {
+    std::ifstream statm("/proc/self/statm");
+    std::uint64_t size = 0;
+    std::uint64_t pages = 0;
+    statm >> size >> pages;
+    return pages * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
+TEST_F(MediaBufferPoolTest, EveryPageIsResidentAndZeroFromTheStart) {
+    const std::uint64_t before = resident_bytes();
+    MediaBufferPool pool(1000, 64000, statistic);
+    const std::uint64_t grown = resident_bytes() - before;
+
+    // 1000 slots of 64128 bytes: all of them were touched by the construction.
+    EXPECT_GE(grown, 1000u * 64128u - 1024u * 1024u);
+    MediaBuffer* buffer = pool.acquire();
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_TRUE(std::all_of(buffer->data, buffer->data + buffer->capacity,
+                            [](std::uint8_t byte) { return byte == 0; }));
+    EXPECT_TRUE(pool.release(buffer));
 }
 
 TEST_F(MediaBufferPoolTest, PoolWithoutBuffersCannotBeBuilt) {

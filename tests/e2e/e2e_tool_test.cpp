@@ -31,6 +31,9 @@ using tools::Expectation;
 using tools::SentLeg;
 
 constexpr int RATE = 8000;
+// The receive levers of the example configuration.
+constexpr const char* BATCHED =
+    "receive_buffer_size = 32M\nreceive_batch = 64\nreceive_batch_delay = 1ms\n";
 // Two seconds of a 1 kHz tone: a whole number of 160-sample frames.
 constexpr int TONE_SAMPLES = 16000;
 
@@ -119,6 +122,13 @@ protected:
         return run;
     }
 
+    // `quillmar verify` passes and names `legs` legs complete.
+    void expect_every_leg_verified(std::size_t legs) {
+        const ToolRun run = verify();
+        EXPECT_TRUE(run.status.exited_with(0)) << run.out << run.err;
+        EXPECT_EQ(run.out, std::to_string(legs) + " legs verified, 0 incomplete, 0 missing\n");
+    }
+
     ToolRun verify() {
         return run_tool(
             {"verify", "--manifest", manifest_path().string(), "--storage", storage().string()});
@@ -152,30 +162,24 @@ TEST_F(ToolE2eTest, FiftySentCallsAreAllVerified) {
 
     send_calls({"--calls", "50", "--duration", "0.4", "--rate", "2000"});
     stop_recorder(recorder);
-    const ToolRun run = verify();
 
-    EXPECT_TRUE(run.status.exited_with(0)) << run.out << run.err;
-    EXPECT_EQ(run.out, "50 legs verified, 0 incomplete, 0 missing\n");
+    expect_every_leg_verified(50);
 }
 
 // The batched receive path with its delay, under a rate that fills batches: every call whole.
 TEST_F(ToolE2eTest, BatchedReceiveRecordsEverySentCall) {
-    ChildProcess& recorder = start_recorder(
-        "receive_buffer_size = 32M\nreceive_batch = 64\nreceive_batch_delay = 1ms\n");
+    ChildProcess& recorder = start_recorder(BATCHED);
 
     send_calls({"--calls", "100", "--duration", "1", "--rate", "20000"});
     stop_recorder(recorder);
-    const ToolRun run = verify();
 
-    EXPECT_TRUE(run.status.exited_with(0)) << run.out << run.err;
-    EXPECT_EQ(run.out, "100 legs verified, 0 incomplete, 0 missing\n");
+    expect_every_leg_verified(100);
 }
 
 // A stop in the middle of a flood ends the batched loop at once and the writer drains: the
 // recorder exits 0 and every file it wrote is sound.
 TEST_F(ToolE2eTest, StopUnderLoadEndsTheBatchedRecorderCleanly) {
-    ChildProcess& recorder = start_recorder(
-        "receive_buffer_size = 32M\nreceive_batch = 64\nreceive_batch_delay = 1ms\n");
+    ChildProcess& recorder = start_recorder(BATCHED);
     ChildProcess& sender = start_tool({"send", "--to", "127.0.0.1:" + std::to_string(port),
                                        "--calls", "200", "--duration", "30", "--rate", "100000"});
     ASSERT_TRUE(poll_until([&] { return !std::filesystem::is_empty(storage()); }, TIMEOUT));
@@ -211,9 +215,7 @@ TEST_F(ToolE2eTest, WithheldPacketsAreExpectedGapsButADeletedFrameFailsItsLeg) {
         }
     }
     ASSERT_GT(withheld, 0u) << "the seed withheld nothing";
-    const ToolRun whole = verify();
-    EXPECT_TRUE(whole.status.exited_with(0)) << whole.out << whole.err;
-    EXPECT_EQ(whole.out, "10 legs verified, 0 incomplete, 0 missing\n");
+    expect_every_leg_verified(10);
 
     // Damage leg 4: take out of its file the first frame of side 1 after the first one (which
     // is never withheld) that the recorder was expected to keep.

@@ -142,6 +142,9 @@ bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) 
         // The socket is bound and every thread runs: the recorder takes packets from here on.
         app::notify_service_manager("READY=1");
         receive(socket, read_buffer, *reader);
+        // A stop that came before the loop's first look at its flag, or after its last safe
+        // point, is logged here: its lines come before those of the threads it stops.
+        log_pending_signals();
         app::notify_service_manager("STOPPING=1");
     }
     // The reader goes first, so that nothing reaches the writing manager while the media writer

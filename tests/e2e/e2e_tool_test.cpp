@@ -134,10 +134,21 @@ protected:
             {"verify", "--manifest", manifest_path().string(), "--storage", storage().string()});
     }
 
-    // Stops the recorder after it has taken in every datagram sent: its writer drains on the way
-    // out, so every leg's file is whole afterwards.
-    void stop_recorder(ChildProcess& recorder) {
-        EXPECT_TRUE(wait_drained());
+    // Stops the recorder once its packet reader has handled the terminate packets of all `legs`
+    // (their SYSTEM trace lines): every leg has then handed its last buffer to the writer, which
+    // drains on the way out, so every file is whole afterwards. The reader itself does not drain
+    // its queue at a stop, so an empty socket alone is not enough.
+    void stop_recorder(ChildProcess& recorder, std::size_t legs) {
+        EXPECT_TRUE(poll_until(
+            [&] {
+                std::size_t terminated = 0;
+                for (const std::string& line : recorder.error_lines()) {
+                    terminated += line.find("| TERM  | ") != std::string::npos ? 1 : 0;
+                }
+                return terminated >= legs;
+            },
+            TIMEOUT))
+            << recorder.standard_error();
         EXPECT_TRUE(stop(recorder).exited_with(0)) << recorder.standard_error();
     }
 
@@ -161,7 +172,7 @@ TEST_F(ToolE2eTest, FiftySentCallsAreAllVerified) {
     ChildProcess& recorder = start_recorder();
 
     send_calls({"--calls", "50", "--duration", "0.4", "--rate", "2000"});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 50);
 
     expect_every_leg_verified(50);
 }
@@ -171,7 +182,7 @@ TEST_F(ToolE2eTest, BatchedReceiveRecordsEverySentCall) {
     ChildProcess& recorder = start_recorder(BATCHED);
 
     send_calls({"--calls", "100", "--duration", "1", "--rate", "20000"});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 100);
 
     expect_every_leg_verified(100);
 }
@@ -205,7 +216,7 @@ TEST_F(ToolE2eTest, WithheldPacketsAreExpectedGapsButADeletedFrameFailsItsLeg) {
 
     send_calls(
         {"--calls", "10", "--duration", "1", "--rate", "2000", "--loss", "0.05", "--seed", "1"});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 10);
     const CallManifest sent = manifest();
     std::size_t withheld = 0;
     for (const SentLeg& leg : sent.legs) {
@@ -239,7 +250,7 @@ TEST_F(ToolE2eTest, WithheldPacketsAreExpectedGapsButADeletedFrameFailsItsLeg) {
 TEST_F(ToolE2eTest, VerifyNamesALegTheRecorderNeverSaw) {
     ChildProcess& recorder = start_recorder();
     send_calls({"--calls", "3", "--duration", "0.2"});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 3);
     const SentLeg gone = manifest().legs.at(1);
     std::filesystem::remove_all(file_of(gone).parent_path());
 
@@ -257,7 +268,7 @@ TEST_F(ToolE2eTest, ExportedToneEqualsTheSentAudioSampleForSample) {
     ChildProcess& recorder = start_recorder();
 
     send_calls({"--calls", "1", "--audio", tone.string()});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 1);
     const Audio sent = read_audio(tone);
     const Audio exported = export_leg();
 
@@ -278,7 +289,7 @@ TEST_F(ToolE2eTest, WithheldFramesExportAsSilenceAndTheLengthHolds) {
     ChildProcess& recorder = start_recorder();
 
     send_calls({"--calls", "1", "--audio", tone.string(), "--loss", "0.2", "--seed", "3"});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 1);
     const Audio sent = read_audio(tone);
     const Audio exported = export_leg();
     const SentLeg leg = manifest().legs.at(0);
@@ -326,7 +337,7 @@ TEST_F(ToolE2eTest, SideThatStartsLaterStaysOnTheLeftChannel) {
         send(frame(1, seq + 5));
     }
     send(encode_terminate({start.header}));
-    stop_recorder(recorder);
+    stop_recorder(recorder, 1);
     const std::filesystem::path file = storage() / io::session_path(start.ts, start.header.uuid);
     const std::filesystem::path out = directory.path() / "late.wav";
 
@@ -350,7 +361,7 @@ TEST_F(ToolE2eTest, SideThatStartsLaterStaysOnTheLeftChannel) {
 TEST_F(ToolE2eTest, InspectReadsARecordingAsSound) {
     ChildProcess& recorder = start_recorder();
     send_calls({"--calls", "1", "--duration", "0.2"});
-    stop_recorder(recorder);
+    stop_recorder(recorder, 1);
     const std::filesystem::path file = file_of(manifest().legs.at(0));
 
     const ToolRun text = run_tool({"inspect", file.string()});

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "io/io_session_path.hpp"
 #include "io/quillmar_format.hpp"
 #include "media/packet_encoder.hpp"
@@ -369,9 +371,21 @@ TEST_F(ToolE2eTest, InspectReadsARecordingAsSound) {
 
     EXPECT_TRUE(text.status.exited_with(0)) << text.err;
     EXPECT_EQ(text.err, "");
-    EXPECT_NE(text.out.find("10 frames, 1600 samples"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("side 0:     10 frames, 1600 samples, offsets 0..1440, 0 gaps"),
+              std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find("side 1:     10 frames, 1600 samples, offsets 0..1440, 0 gaps"),
+              std::string::npos)
+        << text.out;
     EXPECT_TRUE(json.status.exited_with(0)) << json.err;
-    EXPECT_FALSE(json.out.empty());
+    const nlohmann::json document = nlohmann::json::parse(json.out);
+    EXPECT_EQ(document.at("status"), "sound");
+    EXPECT_EQ(document.at("tail"), 0);
+    EXPECT_EQ(document.at("uuid"), utils::str::print_uuid(manifest().legs.at(0).uuid.data()));
+    for (const nlohmann::json& side : document.at("sides")) {
+        EXPECT_EQ(side.at("frames"), 10);
+        EXPECT_EQ(side.at("gaps"), 0);
+    }
 }
 
 }  // namespace

@@ -5,8 +5,9 @@
 #   tcpdump    `tcpdump -w` to a file, filtered on the port,
 #   recorder   quillmarwriter writing to disk.
 # For each it reports datagrams sent and taken (the bare loop's own count, tcpdump's capture count,
-# the frames in the recorder's files), kernel drops and CPU microseconds per datagram from
-# /proc/PID/stat, then the highest rate each held with zero loss and the recorder's ratios.
+# the frames in the recorder's files), kernel drops (the recorder's as it reports them) and CPU
+# microseconds per datagram from /proc/PID/stat, then the highest rate each held with zero loss
+# and the recorder's ratios.
 #
 #   bench/throughput.sh ladder [BUFFER] [SECONDS] [RATES...]   default: 32M 10 25000 50000 ... 300000
 #   bench/throughput.sh soak [BUFFER] [SECONDS]                default: 32M 600 (100000/s, 1000 calls)
@@ -68,6 +69,24 @@ udp_drops() {
     awk -v port="$(printf '%04X' "$port")" \
         'NR > 1 && substr($2, index($2, ":") + 1) == port { print $NF; found = 1 }
          END { if (!found) print 0 }' /proc/net/udp
+}
+
+# Datagrams the system dropped before the recorder could take them, as the recorder itself
+# reports them every period (from its socket's counter, or from its packet ring's).
+recorder_drops() {
+    sed -n 's/.*STATISTIC_SERVICE: the system dropped \([0-9]*\) datagrams.*/\1/p' "$1" |
+        awk '{ s += $1 } END { print s + 0 }'
+}
+
+# Waits (at most 7 s) until the recorder has logged one more report than it had when called,
+# so that its drop count covers everything sent so far.
+wait_report() {
+    local reports
+    reports=$(grep -c ' statistic \*' "$1" || true)
+    for _ in $(seq 1 70); do
+        [ "$(grep -c ' statistic \*' "$1" || true)" -gt "$reports" ] && return 0
+        sleep 0.1
+    done
 }
 
 # Waits until the UDP socket on $port has an empty receive queue.
@@ -152,6 +171,10 @@ run_receiver() {
     local after drops
     after=$(cpu_us "$pid")
     drops=$(( $(udp_drops) - drops_before ))
+    if [ "$receiver" = recorder ]; then
+        wait_report "$out"
+        drops=$(recorder_drops "$out")
+    fi
     kill -INT "$pid"
     wait "$pid" || true
     case $receiver in
@@ -232,7 +255,8 @@ soak() {
     while kill -0 "$sender" 2>/dev/null; do
         sleep 10
         elapsed=$((elapsed + 10))
-        printf '%6s %12s %10s %10s\n' "$elapsed" "$(udp_drops)" "$(recorder_lost "$work/recorder.out")" \
+        printf '%6s %12s %10s %10s\n' "$elapsed" "$(recorder_drops "$work/recorder.out")" \
+            "$(recorder_lost "$work/recorder.out")" \
             "$(awk '/^VmRSS/ { print $2 }' "/proc/$pid/status")"
     done
     cat "$work/send.out"

@@ -1,6 +1,7 @@
 #include "net/net_socket.hpp"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/sock_diag.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,10 +9,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <ostream>
-#include <system_error>
 
 #include "log/logger.hpp"
+#include "net/system_error.hpp"
 
 namespace qm::net {
 namespace {
@@ -20,17 +20,6 @@ constexpr int UDP_PROTOCOL = 17;
 // The discard service: get_host_ip only connects to it to learn the route, it never sends.
 constexpr std::uint16_t DISCARD_PORT = 9;
 constexpr std::size_t HOST_NAME_BUFFER_SIZE = 65;
-
-// The tail of every failure line: "error (<errno>): <system text>". Built from errno right after
-// the failing call, before logging can touch errno.
-struct SystemError {
-    int code;
-};
-
-std::ostream& operator<<(std::ostream& out, SystemError error) {
-    // The category's message is strerror's text without strerror's shared buffer.
-    return out << "error (" << error.code << "): " << std::system_category().message(error.code);
-}
 
 sockaddr_in make_ipv4_address(std::uint16_t port, std::uint32_t address) {
     sockaddr_in result{};
@@ -176,19 +165,29 @@ void Socket::fail_read(int error_code) {
     std::_Exit(-1);
 }
 
-Socket::Wake Socket::wait(int doorbell) {
-    pollfd watched[] = {{m_fd, POLLIN, 0}, {doorbell, POLLIN, 0}};
+Socket::Wake wait_readable(int fd, int doorbell, int& error) {
+    error = 0;
+    pollfd watched[] = {{fd, POLLIN, 0}, {doorbell, POLLIN, 0}};
     const nfds_t count = doorbell >= 0 ? 2 : 1;
     if (::poll(watched, count, -1) < 0) {
-        const SystemError error{errno};
-        if (error.code == EINTR) {
-            return Wake::DOORBELL;
+        if (errno == EINTR) {
+            return Socket::Wake::DOORBELL;
         }
-        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to wait for a data, " << error);
-        return Wake::DATAGRAM;
+        error = errno;
+        return Socket::Wake::DATAGRAM;
     }
-    // Any event on the socket, an error included, is for `read` to take.
-    return watched[0].revents != 0 ? Wake::DATAGRAM : Wake::DOORBELL;
+    // Any event on the descriptor, an error included, is for the read to take.
+    return watched[0].revents != 0 ? Socket::Wake::DATAGRAM : Socket::Wake::DOORBELL;
+}
+
+Socket::Wake Socket::wait(int doorbell) {
+    int failure = 0;
+    const Wake wake = wait_readable(m_fd, doorbell, failure);
+    if (failure != 0) {
+        const SystemError error{failure};
+        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to wait for a data, " << error);
+    }
+    return wake;
 }
 
 void Socket::log_interrupted() const {
@@ -225,6 +224,26 @@ void Socket::close() {
     ::shutdown(m_fd, SHUT_RDWR);
     ::close(m_fd);
     m_fd = -1;
+}
+
+bool Socket::discard_all() {
+    sock_filter take_nothing[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
+    const sock_fprog program = {1, take_nothing};
+    if (::setsockopt(m_fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0) {
+        const SystemError error{errno};
+        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to attach a filter, " << error);
+        return false;
+    }
+    return true;
+}
+
+std::uint16_t Socket::local_port() const {
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    if (::getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
+        return 0;
+    }
+    return ntohs(local.sin_port);
 }
 
 std::string get_host_name() {

@@ -92,6 +92,14 @@ public:
     // Returns false at the first error; bytes already sent are not taken back.
     bool send(const sockaddr_in& to, const void* data, std::uint64_t length);
 
+    // Makes the system discard every datagram that arrives for the socket from now on, before it
+    // is queued (a filter that takes nothing): the socket then only holds the port, while a
+    // packet ring receives its traffic. False, with an ERROR, when the filter cannot be attached.
+    bool discard_all();
+
+    // The port the socket is bound to, in host order; 0 when unknown.
+    std::uint16_t local_port() const;
+
     // Shuts down and closes the descriptor; harmless when none is held.
     void close();
 
@@ -107,6 +115,11 @@ private:
 
     std::int32_t m_fd = -1;
 };
+
+// Blocks until `fd` is readable (DATAGRAM) or `doorbell` is, or a signal interrupts the wait
+// (DOORBELL); `fd` wins when both are ready. A failing poll sets `error` to its errno (0 otherwise)
+// and is reported as DATAGRAM. `doorbell` -1 waits for `fd` alone.
+Socket::Wake wait_readable(int fd, int doorbell, int& error);
 
 // Datagrams the system discarded for the socket `fd` since it was created, because its receive
 // buffer was full; nothing when the count cannot be read. Any thread.

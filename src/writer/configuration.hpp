@@ -72,6 +72,10 @@ public:
     // found datagrams but left the socket empty; 0 waits for the next datagram instead.
     std::uint64_t receive_batch_delay = 0;
 
+    // Bytes of a packet ring to receive through instead of reading the socket (whole blocks of
+    // 128 KiB); 0 reads the socket. Needs CAP_NET_RAW, else the socket is read after a WARNING.
+    std::uint64_t receive_ring_size = 0;
+
     // At an orderly stop, hand every open leg's current buffer to the media writer before it
     // drains, so that its file ends at the last accepted packet; false drops those buffers.
     bool flush_open_sessions_on_stop = false;

@@ -14,6 +14,7 @@
 
 #include "app/app_service.hpp"
 #include "net/net_socket.hpp"
+#include "net/packet_ring.hpp"
 #include "net/receive_batch.hpp"
 
 namespace qm::writer {
@@ -66,6 +67,25 @@ void receive_batches_until_stopped(SocketT& socket, net::ReceiveBatch& batch,
         app::ServiceBase::log_pending_signals();
         if (interrupted) {
             socket.log_interrupted();
+        }
+    }
+}
+
+// The ring's loop: every turn hands the datagrams of each block the system has handed over to
+// `consume` and calls `flush()` once per block; when no block waits it waits for one or for the
+// doorbell, as the loops above wait for a datagram.
+template <typename RingT, typename Consume, typename Flush>
+void receive_blocks_until_stopped(RingT& ring, Consume&& consume, Flush&& flush) {
+    while (!app::ServiceBase::stop_requested()) {
+        if (ring.read_block(consume)) {
+            flush();
+            continue;
+        }
+        const bool interrupted =
+            ring.wait(app::ServiceBase::signal_doorbell()) == net::Socket::Wake::DOORBELL;
+        app::ServiceBase::log_pending_signals();
+        if (interrupted) {
+            ring.log_interrupted();
         }
     }
 }

@@ -86,39 +86,58 @@ bool Service::on_start() {
     // Value-initialised: the receive buffer starts zeroed.
     const auto read_buffer = std::make_unique<net::Socket::ReadBuffer>();
     net::Socket socket;
+    net::PacketRing ring;
     bool recorded = false;
     if (socket.open(configuration->port, INADDR_ANY)) {
-        const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
-        StatisticService::Instance.watch_kernel_drops(socket.fd(), granted);
-        recorded = record(socket, *read_buffer);
+        prepare_receiving(socket, ring);
+        recorded = record(socket, ring, *read_buffer);
     }
     // Also when the socket could not be bound: no thread may log while the frame puts the
     // logger away.
     storage.stop();
     StatisticService::Instance.stop();
+    ring.close();
     socket.close();
     return recorded;
 }
 
-void Service::receive(net::Socket& socket, net::Socket::ReadBuffer& read_buffer,
-                      media::PacketReader& reader) {
-    if (configuration->receive_batch <= 1) {
+void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring) {
+    if (configuration->receive_ring_size > 0 &&
+        ring.open(socket.local_port(), configuration->receive_ring_size)) {
+        if (socket.discard_all()) {
+            StatisticService::Instance.watch_ring_drops(ring);
+            return;
+        }
+        // A socket that kept its datagrams as well would overflow and drop them all.
+        ring.close();
+    }
+    const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
+    StatisticService::Instance.watch_kernel_drops(socket.fd(), granted);
+}
+
+void Service::receive(net::Socket& socket, net::PacketRing& ring,
+                      net::Socket::ReadBuffer& read_buffer, media::PacketReader& reader) {
+    // Blocks and batches wake the reader once for all their datagrams.
+    const auto consume_quietly = [&reader](const std::uint8_t* data, std::uint64_t length) {
+        reader.read_from(data, length, false);
+    };
+    const auto wake_reader = [&reader] { reader.wake_reader(); };
+    if (ring.fd() != -1) {
+        receive_blocks_until_stopped(ring, consume_quietly, wake_reader);
+    } else if (configuration->receive_batch <= 1) {
         receive_until_stopped(socket, read_buffer,
                               [&reader](const std::uint8_t* data, std::uint64_t length) {
                                   reader.read_from(data, length);
                               });
-        return;
+    } else {
+        net::ReceiveBatch batch(configuration->receive_batch);
+        receive_batches_until_stopped(socket, batch, configuration->receive_batch_delay,
+                                      consume_quietly, wake_reader);
     }
-    net::ReceiveBatch batch(configuration->receive_batch);
-    receive_batches_until_stopped(
-        socket, batch, configuration->receive_batch_delay,
-        [&reader](const std::uint8_t* data, std::uint64_t length) {
-            reader.read_from(data, length, false);
-        },
-        [&reader] { reader.wake_reader(); });
 }
 
-bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) {
+bool Service::record(net::Socket& socket, net::PacketRing& ring,
+                     net::Socket::ReadBuffer& read_buffer) {
     // The report's records outlive the components that count into them.
     StatisticService& statistics = StatisticService::Instance;
     std::unique_ptr<WritingManager> writing;
@@ -141,7 +160,7 @@ bool Service::record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer) 
     } else {
         // The socket is bound and every thread runs: the recorder takes packets from here on.
         app::notify_service_manager("READY=1");
-        receive(socket, read_buffer, *reader);
+        receive(socket, ring, read_buffer, *reader);
         // A stop that came before the loop's first look at its flag, or after its last safe
         // point, is logged here: its lines come before those of the threads it stops.
         log_pending_signals();

@@ -3,6 +3,7 @@
 #include "app/configured_service.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
+#include "net/packet_ring.hpp"
 #include "writer/configuration.hpp"
 
 namespace qm::writer {
@@ -30,14 +31,20 @@ protected:
     bool on_start() override;
 
 private:
-    // Builds the writing manager and the packet reader behind the open `socket`, receives until a
-    // stop, and takes them down in reverse: the media writer drains before this returns. False
-    // when a part could not be built or started.
-    bool record(net::Socket& socket, net::Socket::ReadBuffer& read_buffer);
+    // With `receive_ring_size` set, opens `ring` on the socket's port and makes the socket discard
+    // what it receives; otherwise, or when the ring cannot be opened, sizes the socket's receive
+    // buffer. Either way the report watches the drops of what is read.
+    void prepare_receiving(net::Socket& socket, net::PacketRing& ring);
 
-    // Hands every datagram to `reader` until a stop: one recv per datagram, or with
-    // `receive_batch` above 1 a batch per call and one wake-up of the reader per batch.
-    void receive(net::Socket& socket, net::Socket::ReadBuffer& read_buffer,
+    // Builds the writing manager and the packet reader behind the open `socket` (or `ring` when
+    // open), receives until a stop, and takes them down in reverse: the media writer drains
+    // before this returns. False when a part could not be built or started.
+    bool record(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer);
+
+    // Hands every datagram to `reader` until a stop: a block at a time from an open `ring`, else
+    // one recv per datagram, or with `receive_batch` above 1 a batch per call; the reader is woken
+    // once per block or batch.
+    void receive(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer,
                  media::PacketReader& reader);
 };
 

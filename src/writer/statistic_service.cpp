@@ -110,12 +110,28 @@ int StatisticService::stop() {
 
 void StatisticService::watch_kernel_drops(int fd, std::uint64_t receive_buffer) {
     m_receive_buffer.store(receive_buffer, std::memory_order_relaxed);
+    m_ring.store(nullptr, std::memory_order_relaxed);
     m_drops_fd.store(fd, std::memory_order_release);
 }
 
+void StatisticService::watch_ring_drops(net::PacketRing& ring) {
+    m_receive_buffer.store(ring.size(), std::memory_order_relaxed);
+    m_drops_fd.store(-1, std::memory_order_relaxed);
+    // Release: the ring's descriptor, written when it was opened, is seen with the pointer.
+    m_ring.store(&ring, std::memory_order_release);
+}
+
 void StatisticService::check_kernel_drops() {
-    const int fd = m_drops_fd.load(std::memory_order_acquire);
-    const std::optional<std::uint32_t> drops = net::kernel_drops(fd);
+    net::PacketRing* ring = m_ring.load(std::memory_order_acquire);
+    std::optional<std::uint32_t> drops;
+    if (ring != nullptr) {
+        // The ring's count restarts at every read; kept running here like the socket's.
+        const std::optional<std::uint32_t> since = net::ring_drops(ring->fd());
+        drops = since ? std::optional<std::uint32_t>(m_drops_seen + *since) : std::nullopt;
+        check_ring_discards(*ring);
+    } else {
+        drops = net::kernel_drops(m_drops_fd.load(std::memory_order_acquire));
+    }
     if (!drops || *drops == m_drops_seen) {
         return;
     }
@@ -125,6 +141,16 @@ void StatisticService::check_kernel_drops() {
                    << " datagrams since the last report: the receive buffer ("
                    << m_receive_buffer.load(std::memory_order_relaxed) << " bytes) overflowed");
     m_drops_seen = *drops;
+}
+
+void StatisticService::check_ring_discards(net::PacketRing& ring) {
+    const std::uint64_t discards = ring.take_discarded();
+    if (discards != 0) {
+        QM_LOG_WARNING("STATISTIC_SERVICE: the packet ring discarded "
+                       << discards
+                       << " packets since the last report: a broken IPv4 or UDP header or a "
+                          "wrong UDP checksum");
+    }
 }
 
 void StatisticService::report_period() {

@@ -14,6 +14,7 @@
 
 #include "core/thread.hpp"
 #include "media/packet_reader_statistic.hpp"
+#include "net/packet_ring.hpp"
 #include "writer/media_buffer_pool_statistic.hpp"
 #include "writer/media_writer_statistic.hpp"
 #include "writer/metrics_file.hpp"
@@ -61,6 +62,10 @@ public:
     // when it grew. Called by the main thread once its socket is open; the socket outlives the
     // thread.
     void watch_kernel_drops(int fd, std::uint64_t receive_buffer);
+    // The same for datagrams the system could not put into `ring` (named by its size), and a
+    // WARNING when packets that failed the ring's checks were discarded since the last report.
+    // The ring outlives the thread.
+    void watch_ring_drops(net::PacketRing& ring);
 
     // One period's work: the report (unless `log_enabled` is false), the kernel drop check, the
     // metrics file (when `metrics_file` is set) and the status line for the service manager
@@ -102,8 +107,10 @@ private:
     std::vector<ReportRow> writer_rows() const;
     std::vector<ReportRow> packet_reader_rows() const;
 
-    // The WARNING of `watch_kernel_drops`, whether or not reports are logged.
+    // The WARNINGs of `watch_kernel_drops` and `watch_ring_drops`, whether or not reports are
+    // logged.
     void check_kernel_drops();
+    void check_ring_discards(net::PacketRing& ring);
 
     // Waits one period, or less when a stop is requested; false once it is.
     bool wait_period();
@@ -117,6 +124,8 @@ private:
     // Published by the main thread, the buffer size before the descriptor; -1 while none.
     std::atomic<int> m_drops_fd{-1};
     std::atomic<std::uint64_t> m_receive_buffer{0};
+    // Published by the main thread when it receives through a ring; null while it does not.
+    std::atomic<net::PacketRing*> m_ring{nullptr};
     // The report thread's own: the count at the last check, and the metrics file once used.
     std::uint32_t m_drops_seen = 0;
     std::unique_ptr<MetricsFile> m_metrics;

@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <fstream>
+#include <regex>
 #include <string>
 
 #include "media/packet_encoder.hpp"
@@ -97,6 +98,100 @@ TEST_F(ReceiveBufferE2eTest, DatagramsDroppedWhileStoppedAreCountedAtTheNextRepo
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
     EXPECT_EQ(texts(log_lines(process), "WARNING", "statistic_service.cpp"),
               (std::vector<std::string>{warning}));
+}
+
+// With a packet ring the recorder takes its datagrams from the ring; the socket only holds the
+// port and queues nothing.
+TEST_F(ReceiveBufferE2eTest, RingIsLoggedAndTheSocketQueuesNothing) {
+    ChildProcess& process = start_recorder("receive_ring_size = 1M\n");
+    StartFields start;
+    send(encode_start(start));
+    ASSERT_TRUE(process.wait_for_line("| START | ", TIMEOUT)) << process.standard_error();
+    const std::optional<UdpQueue> queue = udp_queue(port);
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_TRUE(has_line(process.error_lines(),
+                         line_pattern("SYSTEM ", "packet_ring.cpp",
+                                      R"(PACKET_RING\[\d+\]: receiving port )" +
+                                          std::to_string(port) +
+                                          " through 8 blocks of 131072 bytes")))
+        << process.standard_error();
+    ASSERT_TRUE(queue.has_value());
+    EXPECT_EQ(queue->queued_bytes, 0u);
+    EXPECT_EQ(line_index(process.error_lines(), "receive buffer"), -1);
+}
+
+TEST_F(ReceiveBufferE2eTest, WithoutCapNetRawTheRecorderReadsItsSocket) {
+    std::filesystem::create_directories(storage());
+    std::filesystem::permissions(storage(), std::filesystem::perms::all);
+    const std::string config = directory.write_file(
+        "writer.conf", "storage = " + storage().string() +
+                           "\nport = " + std::to_string(pick_port()) +
+                           "\nreceive_ring_size = 1M\n");
+
+    ChildProcess& process = start_unprivileged({"--config", config});
+    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
+    StartFields start;
+    send(encode_start(start));
+    const bool recorded = process.wait_for_line("| START | ", TIMEOUT);
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(recorded) << process.standard_error();
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_EQ(texts(log_lines(process), "WARNING", "packet_ring.cpp"),
+              (std::vector<std::string>{
+                  "PACKET_RING[ ]: failed to set up a packet ring, error (1): Operation not "
+                  "permitted; receiving through the socket (the ring needs CAP_NET_RAW)"}));
+}
+
+// One block of ring: stopped, the recorder leaves it full, and what the system could not put in
+// is dropped. The drop WARNING's count is exactly what the session then finds missing.
+TEST_F(ReceiveBufferE2eTest, DatagramsTheRingCouldNotTakeAreCountedAtTheNextReport) {
+    ChildProcess& process = start_recorder("receive_ring_size = 128K\n");
+    StartFields start;
+    send(encode_start(start));
+    ASSERT_TRUE(process.wait_for_line("| START | ", TIMEOUT)) << process.standard_error();
+
+    ASSERT_TRUE(process.send_signal(SIGSTOP));
+    DataFields data;
+    data.payload.assign(160, 0x1234);
+    for (std::uint32_t seq = 1; seq <= 1000; ++seq) {
+        data.seq = seq;
+        data.off = (seq - 1) * 160;
+        send(encode_data(data));
+    }
+    ASSERT_TRUE(process.send_signal(SIGCONT));
+    // A later packet shows the session the gap that the drops left.
+    data.seq = 1001;
+    data.off = 1000 * 160;
+    send(encode_data(data));
+
+    static const std::regex dropped(
+        R"(STATISTIC_SERVICE: the system dropped (\d+) datagrams since the last report: the )"
+        R"(receive buffer \(131072 bytes\) overflowed)");
+    std::smatch match;
+    std::string warning;
+    ASSERT_TRUE(poll_until(
+        [&] {
+            for (const std::string& text : texts(log_lines(process), "WARNING", "statistic_service.cpp")) {
+                if (std::regex_match(text, match, dropped)) {
+                    warning = match[1];
+                    return true;
+                }
+            }
+            return false;
+        },
+        std::chrono::seconds(12)))
+        << process.standard_error();
+    const std::string lost = "session lost packets number................: " + warning + " ";
+    const bool reported = process.wait_for_line(lost, std::chrono::seconds(12));
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(reported) << process.standard_error();
+    EXPECT_GT(std::stoul(warning), 0u);
+    EXPECT_LT(std::stoul(warning), 1000u);
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
 }
 
 }  // namespace

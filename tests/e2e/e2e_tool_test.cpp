@@ -36,6 +36,8 @@ constexpr int RATE = 8000;
 // The receive levers of the example configuration.
 constexpr const char* BATCHED =
     "receive_buffer_size = 32M\nreceive_batch = 64\nreceive_batch_delay = 1ms\n";
+// The packet ring, as the throughput harness runs it.
+constexpr const char* RING = "receive_ring_size = 32M\n";
 // Two seconds of a 1 kHz tone: a whole number of 160-sample frames.
 constexpr int TONE_SAMPLES = 16000;
 
@@ -179,9 +181,15 @@ TEST_F(ToolE2eTest, FiftySentCallsAreAllVerified) {
     expect_every_leg_verified(50);
 }
 
-// The batched receive path with its delay, under a rate that fills batches: every call whole.
-TEST_F(ToolE2eTest, BatchedReceiveRecordsEverySentCall) {
-    ChildProcess& recorder = start_recorder(BATCHED);
+// The faster receive paths: batches with their delay, and the packet ring.
+class ReceivePathE2eTest : public ToolE2eTest, public ::testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(Batched, ReceivePathE2eTest, ::testing::Values(BATCHED));
+INSTANTIATE_TEST_SUITE_P(Ring, ReceivePathE2eTest, ::testing::Values(RING));
+
+// Under a rate that fills batches and blocks: every call whole.
+TEST_P(ReceivePathE2eTest, EverySentCallIsRecorded) {
+    ChildProcess& recorder = start_recorder(GetParam());
 
     send_calls({"--calls", "100", "--duration", "1", "--rate", "20000"});
     stop_recorder(recorder, 100);
@@ -189,10 +197,10 @@ TEST_F(ToolE2eTest, BatchedReceiveRecordsEverySentCall) {
     expect_every_leg_verified(100);
 }
 
-// A stop in the middle of a flood ends the batched loop at once and the writer drains: the
+// A stop in the middle of a flood ends the receive loop at once and the writer drains: the
 // recorder exits 0 and every file it wrote is sound.
-TEST_F(ToolE2eTest, StopUnderLoadEndsTheBatchedRecorderCleanly) {
-    ChildProcess& recorder = start_recorder(BATCHED);
+TEST_P(ReceivePathE2eTest, StopUnderLoadEndsTheRecorderCleanly) {
+    ChildProcess& recorder = start_recorder(GetParam());
     ChildProcess& sender = start_tool({"send", "--to", "127.0.0.1:" + std::to_string(port),
                                        "--calls", "200", "--duration", "30", "--rate", "100000"});
     ASSERT_TRUE(poll_until([&] { return !std::filesystem::is_empty(storage()); }, TIMEOUT));

@@ -48,6 +48,7 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->receive_buffer_size, 0u);
     EXPECT_EQ(configuration->receive_batch, 1u);
     EXPECT_EQ(configuration->receive_batch_delay, 0u);
+    EXPECT_EQ(configuration->receive_ring_size, 0u);
     EXPECT_FALSE(configuration->flush_open_sessions_on_stop);
     EXPECT_EQ(configuration->metrics_file, "");
 }
@@ -72,6 +73,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_EQ(configuration->receive_buffer_size, 33554432u);
     EXPECT_EQ(configuration->receive_batch, 64u);
     EXPECT_EQ(configuration->receive_batch_delay, 1000u);
+    EXPECT_EQ(configuration->receive_ring_size, 33554432u);
     EXPECT_TRUE(configuration->flush_open_sessions_on_stop);
     EXPECT_EQ(configuration->metrics_file, "");
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
@@ -95,6 +97,7 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
                                                   "receive_buffer_size = 32M\n"
                                                   "receive_batch = 64\n"
                                                   "receive_batch_delay = 2ms\n"
+                                                  "receive_ring_size = 64M\n"
                                                   "flush_open_sessions_on_stop = true\n"
                                                   "metrics_file = /var/lib/m/q.prom\n");
     ASSERT_TRUE(configuration->parse_file(path));
@@ -113,6 +116,9 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
     EXPECT_EQ(configuration->media_buffers_count, 4000u);
     EXPECT_FALSE(configuration->write_media);
     EXPECT_EQ(configuration->receive_buffer_size, 33554432u);
+    EXPECT_EQ(configuration->receive_batch, 64u);
+    EXPECT_EQ(configuration->receive_batch_delay, 2000u);
+    EXPECT_EQ(configuration->receive_ring_size, 67108864u);
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_EQ(capture.count("CONFIGURATION: option [storage] is set to [/srv/rec ords]"), 1u);
 }
@@ -220,6 +226,17 @@ TEST_F(WriterConfigurationTest, ThresholdForms) {
     expect_refused("storage_cleanup_threshold", "10 GiB");
     expect_refused("storage_cleanup_threshold", "GB");
     expect_refused("storage_cleanup_threshold", "90%%");
+}
+
+TEST_F(WriterConfigurationTest, RingSizeTakesBytesWithSuffixes) {
+    EXPECT_TRUE(configuration->parse_args("receive_ring_size=128K"));
+    EXPECT_EQ(configuration->receive_ring_size, 131072u);
+    EXPECT_TRUE(configuration->parse_args("receive_ring_size=0"));
+    EXPECT_EQ(configuration->receive_ring_size, 0u);
+    expect_refused("receive_ring_size", "-1M");
+    expect_refused("receive_ring_size", "4G");
+    expect_refused("receive_ring_size", "ring");
+    EXPECT_EQ(configuration->receive_ring_size, 0u);
 }
 
 TEST_F(WriterConfigurationTest, TimerForms) {

@@ -1,0 +1,263 @@
+#include "net/packet_ring.hpp"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+#include "poll.hpp"
+#include "udp_loopback.hpp"
+
+namespace qm::net {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using test::free_udp_port;
+
+// 10.0.0.1:4000 -> 10.0.0.2:5190, payload 51 4d 01 02 03, UDP checksum 0x729c (worked out
+// independently of the code under test).
+const Bytes ODD_PAYLOAD_PACKET = {0x45, 0x00, 0x00, 0x21, 0x00, 0x01, 0x00, 0x00, 0x40, 0x11, 0x00,
+                                  0x00, 0x0a, 0x00, 0x00, 0x01, 0x0a, 0x00, 0x00, 0x02, 0x0f, 0xa0,
+                                  0x14, 0x46, 0x00, 0x0d, 0x72, 0x9c, 0x51, 0x4d, 0x01, 0x02, 0x03};
+
+// The same addresses and ports with a 24-byte IP header (one word of options), payload "abcd",
+// UDP checksum 0x0327.
+const Bytes OPTIONS_PACKET = {0x46, 0x00, 0x00, 0x24, 0x00, 0x01, 0x00, 0x00, 0x40,
+                              0x11, 0x00, 0x00, 0x0a, 0x00, 0x00, 0x01, 0x0a, 0x00,
+                              0x00, 0x02, 0x01, 0x01, 0x01, 0x01, 0x0f, 0xa0, 0x14,
+                              0x46, 0x00, 0x0c, 0x03, 0x27, 0x61, 0x62, 0x63, 0x64};
+
+Bytes payload_of(const Bytes& packet, bool trusted = false) {
+    const auto payload = udp_payload(packet, trusted);
+    return payload ? Bytes(payload->begin(), payload->end()) : Bytes{0xde, 0xad};
+}
+
+bool taken(const Bytes& packet, bool trusted = false) {
+    return udp_payload(packet, trusted).has_value();
+}
+
+TEST(UdpPayloadTest, WellFormedPacketGivesItsPayload) {
+    EXPECT_EQ(payload_of(ODD_PAYLOAD_PACKET), (Bytes{0x51, 0x4d, 0x01, 0x02, 0x03}));
+}
+
+TEST(UdpPayloadTest, PayloadFollowsTheIpOptions) {
+    EXPECT_EQ(payload_of(OPTIONS_PACKET), (Bytes{'a', 'b', 'c', 'd'}));
+}
+
+TEST(UdpPayloadTest, ChecksumCoversAnOddLastByte) {
+    EXPECT_TRUE(udp_checksum_holds(ODD_PAYLOAD_PACKET));
+    Bytes changed = ODD_PAYLOAD_PACKET;
+    changed.back() ^= 0x01;
+    EXPECT_FALSE(udp_checksum_holds(changed));
+}
+
+TEST(UdpPayloadTest, WrongChecksumIsRefusedUnlessTheSystemVouchedForIt) {
+    Bytes changed = OPTIONS_PACKET;
+    changed[33] ^= 0x20;
+    EXPECT_FALSE(taken(changed));
+    EXPECT_EQ(payload_of(changed, true), (Bytes{'a', 'b', 'C', 'd'}));
+}
+
+TEST(UdpPayloadTest, ZeroChecksumMeansNone) {
+    Bytes unchecked = ODD_PAYLOAD_PACKET;
+    unchecked[26] = 0;
+    unchecked[27] = 0;
+    EXPECT_EQ(payload_of(unchecked), (Bytes{0x51, 0x4d, 0x01, 0x02, 0x03}));
+}
+
+TEST(UdpPayloadTest, TrailingBytesBeyondTheUdpLengthAreNotPayload) {
+    // Link-layer padding after the datagram, counted in the IP length.
+    Bytes padded = OPTIONS_PACKET;
+    padded.insert(padded.end(), {0, 0, 0, 0});
+    padded[3] = 0x28;
+    EXPECT_EQ(payload_of(padded, true), (Bytes{'a', 'b', 'c', 'd'}));
+}
+
+TEST(UdpPayloadTest, FragmentsAreRefused) {
+    Bytes more_fragments = ODD_PAYLOAD_PACKET;
+    more_fragments[6] = 0x20;
+    Bytes later_fragment = ODD_PAYLOAD_PACKET;
+    later_fragment[7] = 0x01;
+    Bytes do_not_fragment = ODD_PAYLOAD_PACKET;
+    do_not_fragment[6] = 0x40;
+
+    EXPECT_FALSE(taken(more_fragments, true));
+    EXPECT_FALSE(taken(later_fragment, true));
+    EXPECT_TRUE(taken(do_not_fragment, true));
+}
+
+TEST(UdpPayloadTest, BrokenHeadersAreRefused) {
+    Bytes tcp = ODD_PAYLOAD_PACKET;
+    tcp[9] = 6;
+    Bytes version6 = ODD_PAYLOAD_PACKET;
+    version6[0] = 0x65;
+    Bytes short_header = ODD_PAYLOAD_PACKET;
+    short_header[0] = 0x44;
+    Bytes longer_than_captured = ODD_PAYLOAD_PACKET;
+    longer_than_captured[3] = 0x22;
+    Bytes udp_longer_than_ip = ODD_PAYLOAD_PACKET;
+    udp_longer_than_ip[25] = 0x0e;
+    Bytes udp_shorter_than_its_header = ODD_PAYLOAD_PACKET;
+    udp_shorter_than_its_header[25] = 0x07;
+    const Bytes truncated(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 19);
+    const Bytes no_udp_header(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 24);
+
+    for (const Bytes& packet : {tcp, version6, short_header, longer_than_captured,
+                                udp_longer_than_ip, udp_shorter_than_its_header, truncated,
+                                no_udp_header}) {
+        EXPECT_FALSE(taken(packet, true));
+    }
+}
+
+TEST(UdpPayloadTest, EmptyDatagramHasAnEmptyPayload) {
+    Bytes empty(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 28);
+    empty[3] = 28;
+    empty[25] = 8;
+    const auto payload = udp_payload(empty, true);
+    ASSERT_TRUE(payload.has_value());
+    EXPECT_TRUE(payload->empty());
+}
+
+// A ring on a free port, datagrams sent to it over loopback. Needs CAP_NET_RAW (the tests run
+// as root).
+class PacketRingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_port = free_udp_port();
+        ASSERT_NE(m_port, 0);
+    }
+
+    // Every datagram of every block the ring hands over within `timeout`, until `count` came.
+    std::vector<Bytes> take(PacketRing& ring, std::size_t count,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        std::vector<Bytes> datagrams;
+        test::poll_until(
+            [&] {
+                while (ring.read_block([&](const std::uint8_t* data, std::uint64_t length) {
+                    datagrams.emplace_back(data, data + length);
+                })) {
+                }
+                return datagrams.size() >= count;
+            },
+            timeout);
+        return datagrams;
+    }
+
+    std::uint16_t m_port = 0;
+};
+
+TEST_F(PacketRingTest, OpenLogsTheRingsShape) {
+    test::LogCapture capture;
+    PacketRing ring;
+
+    ASSERT_TRUE(ring.open(m_port, 3 * PacketRing::BLOCK_SIZE - 1));
+
+    EXPECT_EQ(ring.size(), 3u * PacketRing::BLOCK_SIZE);
+    EXPECT_EQ(capture.texts(),
+              (std::vector<std::string>{"PACKET_RING[" + std::to_string(ring.fd()) +
+                                        "]: receiving port " + std::to_string(m_port) +
+                                        " through 3 blocks of 131072 bytes"}));
+}
+
+TEST_F(PacketRingTest, DatagramsToThePortComeThroughWholeAndInOrder) {
+    PacketRing ring;
+    ASSERT_TRUE(ring.open(m_port, 1048576));
+    const std::uint16_t other_port = free_udp_port();
+    test::UdpSender sender(m_port);
+    test::UdpSender elsewhere(other_port);
+    std::vector<Bytes> sent;
+    for (std::uint8_t i = 0; i < 20; ++i) {
+        sent.push_back(Bytes(100 + i, i));
+        ASSERT_TRUE(sender.send(sent.back()));
+        ASSERT_TRUE(elsewhere.send(Bytes(10, 0xee)));
+    }
+    // The largest datagram the system sends over loopback in one piece.
+    sent.push_back(Bytes(65507, 0x5a));
+    ASSERT_TRUE(sender.send(sent.back()));
+
+    EXPECT_EQ(take(ring, sent.size()), sent);
+    EXPECT_EQ(ring.take_discarded(), 0u);
+}
+
+TEST_F(PacketRingTest, WaitEndsWithABlockOrTheDoorbell) {
+    PacketRing ring;
+    ASSERT_TRUE(ring.open(m_port, 1048576));
+    const int doorbell = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    const std::uint64_t one = 1;
+    ASSERT_EQ(::write(doorbell, &one, sizeof one), 8);
+
+    EXPECT_EQ(ring.wait(doorbell), Socket::Wake::DOORBELL);
+
+    ASSERT_TRUE(test::send_udp(m_port, Bytes{1, 2, 3}));
+    // The block is handed over once it is some milliseconds old; the ring wins over the bell.
+    EXPECT_EQ(ring.wait(doorbell), Socket::Wake::DATAGRAM);
+    EXPECT_EQ(take(ring, 1), (std::vector<Bytes>{{1, 2, 3}}));
+    ::close(doorbell);
+}
+
+TEST_F(PacketRingTest, DropsAreWhatAFullRingCouldNotTake) {
+    PacketRing ring;
+    ASSERT_TRUE(ring.open(m_port, PacketRing::BLOCK_SIZE));
+    ASSERT_EQ(ring_drops(ring.fd()), 0u);
+    test::UdpSender sender(m_port);
+    // Some 1400 bytes a datagram with the system's headers: one block holds fewer than 100.
+    const std::size_t count = 300;
+    for (std::size_t i = 0; i < count; ++i) {
+        ASSERT_TRUE(sender.send(Bytes(1300, static_cast<std::uint8_t>(i))));
+    }
+
+    const std::size_t received = take(ring, count, std::chrono::milliseconds(200)).size();
+    const std::optional<std::uint32_t> drops = ring_drops(ring.fd());
+
+    ASSERT_TRUE(drops.has_value());
+    EXPECT_LT(received, count);
+    EXPECT_EQ(received + *drops, count);
+    // The count restarts at every read.
+    EXPECT_EQ(ring_drops(ring.fd()), 0u);
+}
+
+TEST_F(PacketRingTest, PacketsFailingTheChecksAreCountedAsDiscarded) {
+    PacketRing ring;
+    ASSERT_TRUE(ring.open(m_port, 1048576));
+    // A datagram whose UDP length runs past the IP packet, written whole with a raw socket: the
+    // system's UDP would refuse it, the filter passes it.
+    Bytes packet = ODD_PAYLOAD_PACKET;
+    packet[25] = 0x0e;
+    packet[12] = 127;
+    packet[13] = 0;
+    packet[14] = 0;
+    packet[15] = 1;
+    packet[16] = 127;
+    packet[17] = 0;
+    packet[18] = 0;
+    packet[19] = 1;
+    packet[22] = static_cast<std::uint8_t>(m_port >> 8);
+    packet[23] = static_cast<std::uint8_t>(m_port);
+    const int raw = ::socket(AF_INET, SOCK_RAW, IPPROTO_RAW);
+    ASSERT_NE(raw, -1);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::sendto(raw, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                       sizeof to),
+              static_cast<ssize_t>(packet.size()));
+    ::close(raw);
+    ASSERT_TRUE(test::send_udp(m_port, Bytes{7}));
+
+    // The good datagram comes after the bad one, so the bad one was looked at by then.
+    EXPECT_EQ(take(ring, 1), (std::vector<Bytes>{{7}}));
+    EXPECT_EQ(ring.take_discarded(), 1u);
+    EXPECT_EQ(ring.take_discarded(), 0u);
+}
+
+}  // namespace
+}  // namespace qm::net

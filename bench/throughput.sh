@@ -250,7 +250,7 @@ soak() {
     echo "# soak: 100000 datagrams/s, 1000 calls, $seconds s, receive buffer $buffer"
     printf '%6s %12s %10s %10s\n' seconds kernel_drops lost rss_kib
     "$build/quillmar" send --to "127.0.0.1:$port" --calls 1000 --duration "$seconds" \
-        --rate 100000 >"$work/send.out" &
+        --rate 100000 --one-by-one >"$work/send.out" &
     local sender=$! elapsed=0
     while kill -0 "$sender" 2>/dev/null; do
         sleep 10

@@ -53,7 +53,8 @@ struct PortFilter {
 
     explicit PortFilter(std::uint16_t port)
         : code{
-              BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+              BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
+                       static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
               BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_HOST, 0, to_drop(1)),
               BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 9),
               BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP_PROTOCOL, 0, to_drop(3)),
@@ -73,7 +74,8 @@ struct PortFilter {
 
 bool udp_checksum_holds(std::span<const std::uint8_t> packet) {
     const std::size_t header = (packet[0] & 0x0f) * 4u;
-    const std::span<const std::uint8_t> datagram = packet.subspan(header, read16(&packet[header + 4]));
+    const std::span<const std::uint8_t> datagram =
+        packet.subspan(header, read16(&packet[header + 4]));
     if (read16(&datagram[6]) == 0) {
         return true;
     }
@@ -127,8 +129,8 @@ bool PacketRing::open(std::uint16_t port, std::uint64_t size) {
         close();
         return false;
     }
-    QM_LOG_SYSTEM("PACKET_RING[" << m_fd << "]: receiving port " << port << " through "
-                                 << m_blocks << " blocks of " << BLOCK_SIZE << " bytes");
+    QM_LOG_SYSTEM("PACKET_RING[" << m_fd << "]: receiving port " << port << " through " << m_blocks
+                                 << " blocks of " << BLOCK_SIZE << " bytes");
     return true;
 }
 

@@ -114,7 +114,8 @@ bool PacketRing::read_block(Consume&& consume) {
     std::uint32_t offset = current->hdr.bh1.offset_to_first_pkt;
     for (std::uint32_t i = 0; i < current->hdr.bh1.num_pkts; ++i) {
         const auto& header = *reinterpret_cast<const tpacket3_hdr*>(bytes + offset);
-        const bool trusted = (header.tp_status & (TP_STATUS_CSUMNOTREADY | TP_STATUS_CSUM_VALID)) != 0;
+        const bool trusted =
+            (header.tp_status & (TP_STATUS_CSUMNOTREADY | TP_STATUS_CSUM_VALID)) != 0;
         const std::span<const std::uint8_t> packet(bytes + offset + header.tp_net,
                                                    header.tp_snaplen);
         const std::optional<std::span<const std::uint8_t>> payload =

@@ -128,19 +128,20 @@ void StatisticService::check_kernel_drops() {
         // The ring's count restarts at every read; kept running here like the socket's.
         const std::optional<std::uint32_t> since = net::ring_drops(ring->fd());
         drops = since ? std::optional<std::uint32_t>(m_drops_seen + *since) : std::nullopt;
-        check_ring_discards(*ring);
     } else {
         drops = net::kernel_drops(m_drops_fd.load(std::memory_order_acquire));
     }
-    if (!drops || *drops == m_drops_seen) {
-        return;
+    if (drops && *drops != m_drops_seen) {
+        // The count is the system's 32-bit one; unsigned subtraction survives its wrap.
+        QM_LOG_WARNING("STATISTIC_SERVICE: the system dropped "
+                       << static_cast<std::uint32_t>(*drops - m_drops_seen)
+                       << " datagrams since the last report: the receive buffer ("
+                       << m_receive_buffer.load(std::memory_order_relaxed) << " bytes) overflowed");
+        m_drops_seen = *drops;
     }
-    // The count is the system's 32-bit one; unsigned subtraction survives its wrap.
-    QM_LOG_WARNING("STATISTIC_SERVICE: the system dropped "
-                   << static_cast<std::uint32_t>(*drops - m_drops_seen)
-                   << " datagrams since the last report: the receive buffer ("
-                   << m_receive_buffer.load(std::memory_order_relaxed) << " bytes) overflowed");
-    m_drops_seen = *drops;
+    if (ring != nullptr) {
+        check_ring_discards(*ring);
+    }
 }
 
 void StatisticService::check_ring_discards(net::PacketRing& ring) {

@@ -111,11 +111,11 @@ TEST_F(ReceiveBufferE2eTest, RingIsLoggedAndTheSocketQueuesNothing) {
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    EXPECT_TRUE(has_line(process.error_lines(),
-                         line_pattern("SYSTEM ", "packet_ring.cpp",
-                                      R"(PACKET_RING\[\d+\]: receiving port )" +
-                                          std::to_string(port) +
-                                          " through 8 blocks of 131072 bytes")))
+    EXPECT_TRUE(
+        has_line(process.error_lines(),
+                 line_pattern("SYSTEM ", "packet_ring.cpp",
+                              R"(PACKET_RING\[\d+\]: receiving port )" + std::to_string(port) +
+                                  " through 8 blocks of 131072 bytes")))
         << process.standard_error();
     ASSERT_TRUE(queue.has_value());
     EXPECT_EQ(queue->queued_bytes, 0u);
@@ -125,10 +125,10 @@ TEST_F(ReceiveBufferE2eTest, RingIsLoggedAndTheSocketQueuesNothing) {
 TEST_F(ReceiveBufferE2eTest, WithoutCapNetRawTheRecorderReadsItsSocket) {
     std::filesystem::create_directories(storage());
     std::filesystem::permissions(storage(), std::filesystem::perms::all);
-    const std::string config = directory.write_file(
-        "writer.conf", "storage = " + storage().string() +
-                           "\nport = " + std::to_string(pick_port()) +
-                           "\nreceive_ring_size = 1M\n");
+    const std::string config =
+        directory.write_file("writer.conf", "storage = " + storage().string() +
+                                                "\nport = " + std::to_string(pick_port()) +
+                                                "\nreceive_ring_size = 1M\n");
 
     ChildProcess& process = start_unprivileged({"--config", config});
     ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
@@ -174,7 +174,8 @@ TEST_F(ReceiveBufferE2eTest, DatagramsTheRingCouldNotTakeAreCountedAtTheNextRepo
     std::string warning;
     ASSERT_TRUE(poll_until(
         [&] {
-            for (const std::string& text : texts(log_lines(process), "WARNING", "statistic_service.cpp")) {
+            for (const std::string& text :
+                 texts(log_lines(process), "WARNING", "statistic_service.cpp")) {
                 if (std::regex_match(text, match, dropped)) {
                     warning = match[1];
                     return true;

@@ -36,8 +36,6 @@ constexpr int RATE = 8000;
 // The receive levers of the example configuration.
 constexpr const char* BATCHED =
     "receive_buffer_size = 32M\nreceive_batch = 64\nreceive_batch_delay = 1ms\n";
-// The packet ring, as the throughput harness runs it.
-constexpr const char* RING = "receive_ring_size = 32M\n";
 // Two seconds of a 1 kHz tone: a whole number of 160-sample frames.
 constexpr int TONE_SAMPLES = 16000;
 
@@ -182,16 +180,33 @@ TEST_F(ToolE2eTest, FiftySentCallsAreAllVerified) {
 }
 
 // The faster receive paths: batches with their delay, and the packet ring.
-class ReceivePathE2eTest : public ToolE2eTest, public ::testing::WithParamInterface<const char*> {};
+struct ReceivePath {
+    const char* settings;
+    // The sender's options: a packet ring sees what loopback delivers, and loopback delivers the
+    // datagrams of one segmentation-offloaded send as one packet, so the ring is sent to one
+    // datagram per message, as media sources send.
+    std::vector<std::string> send_options;
+};
 
-INSTANTIATE_TEST_SUITE_P(Batched, ReceivePathE2eTest, ::testing::Values(BATCHED));
-INSTANTIATE_TEST_SUITE_P(Ring, ReceivePathE2eTest, ::testing::Values(RING));
+class ReceivePathE2eTest : public ToolE2eTest, public ::testing::WithParamInterface<ReceivePath> {
+protected:
+    std::vector<std::string> with_send_options(std::vector<std::string> options) const {
+        options.insert(options.end(), GetParam().send_options.begin(),
+                       GetParam().send_options.end());
+        return options;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Batched, ReceivePathE2eTest, ::testing::Values(ReceivePath{BATCHED, {}}));
+INSTANTIATE_TEST_SUITE_P(Ring, ReceivePathE2eTest,
+                         ::testing::Values(ReceivePath{"receive_ring_size = 32M\n",
+                                                       {"--one-by-one"}}));
 
 // Under a rate that fills batches and blocks: every call whole.
 TEST_P(ReceivePathE2eTest, EverySentCallIsRecorded) {
-    ChildProcess& recorder = start_recorder(GetParam());
+    ChildProcess& recorder = start_recorder(GetParam().settings);
 
-    send_calls({"--calls", "100", "--duration", "1", "--rate", "20000"});
+    send_calls(with_send_options({"--calls", "100", "--duration", "1", "--rate", "20000"}));
     stop_recorder(recorder, 100);
 
     expect_every_leg_verified(100);
@@ -200,9 +215,10 @@ TEST_P(ReceivePathE2eTest, EverySentCallIsRecorded) {
 // A stop in the middle of a flood ends the receive loop at once and the writer drains: the
 // recorder exits 0 and every file it wrote is sound.
 TEST_P(ReceivePathE2eTest, StopUnderLoadEndsTheRecorderCleanly) {
-    ChildProcess& recorder = start_recorder(GetParam());
-    ChildProcess& sender = start_tool({"send", "--to", "127.0.0.1:" + std::to_string(port),
-                                       "--calls", "200", "--duration", "30", "--rate", "100000"});
+    ChildProcess& recorder = start_recorder(GetParam().settings);
+    ChildProcess& sender =
+        start_tool(with_send_options({"send", "--to", "127.0.0.1:" + std::to_string(port),
+                                      "--calls", "200", "--duration", "30", "--rate", "100000"}));
     ASSERT_TRUE(poll_until([&] { return !std::filesystem::is_empty(storage()); }, TIMEOUT));
 
     const ExitStatus status = stop(recorder);

@@ -64,7 +64,7 @@ TEST(UdpPayloadTest, WrongChecksumIsRefusedUnlessTheSystemVouchedForIt) {
     Bytes changed = OPTIONS_PACKET;
     changed[33] ^= 0x20;
     EXPECT_FALSE(taken(changed));
-    EXPECT_EQ(payload_of(changed, true), (Bytes{'a', 'b', 'C', 'd'}));
+    EXPECT_EQ(payload_of(changed, true), (Bytes{'a', 'B', 'c', 'd'}));
 }
 
 TEST(UdpPayloadTest, ZeroChecksumMeansNone) {
@@ -111,9 +111,9 @@ TEST(UdpPayloadTest, BrokenHeadersAreRefused) {
     const Bytes truncated(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 19);
     const Bytes no_udp_header(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 24);
 
-    for (const Bytes& packet : {tcp, version6, short_header, longer_than_captured,
-                                udp_longer_than_ip, udp_shorter_than_its_header, truncated,
-                                no_udp_header}) {
+    for (const Bytes& packet :
+         {tcp, version6, short_header, longer_than_captured, udp_longer_than_ip,
+          udp_shorter_than_its_header, truncated, no_udp_header}) {
         EXPECT_FALSE(taken(packet, true));
     }
 }
@@ -197,8 +197,13 @@ TEST_F(PacketRingTest, WaitEndsWithABlockOrTheDoorbell) {
 
     EXPECT_EQ(ring.wait(doorbell), Socket::Wake::DOORBELL);
 
+    std::uint64_t rung = 0;
+    ASSERT_EQ(::read(doorbell, &rung, sizeof rung), 8);
     ASSERT_TRUE(test::send_udp(m_port, Bytes{1, 2, 3}));
-    // The block is handed over once it is some milliseconds old; the ring wins over the bell.
+    // The block is handed over once it is some milliseconds old.
+    EXPECT_EQ(ring.wait(doorbell), Socket::Wake::DATAGRAM);
+    // A block that waits wins over the bell.
+    ASSERT_EQ(::write(doorbell, &one, sizeof one), 8);
     EXPECT_EQ(ring.wait(doorbell), Socket::Wake::DATAGRAM);
     EXPECT_EQ(take(ring, 1), (std::vector<Bytes>{{1, 2, 3}}));
     ::close(doorbell);
@@ -228,29 +233,7 @@ TEST_F(PacketRingTest, DropsAreWhatAFullRingCouldNotTake) {
 TEST_F(PacketRingTest, PacketsFailingTheChecksAreCountedAsDiscarded) {
     PacketRing ring;
     ASSERT_TRUE(ring.open(m_port, 1048576));
-    // A datagram whose UDP length runs past the IP packet, written whole with a raw socket: the
-    // system's UDP would refuse it, the filter passes it.
-    Bytes packet = ODD_PAYLOAD_PACKET;
-    packet[25] = 0x0e;
-    packet[12] = 127;
-    packet[13] = 0;
-    packet[14] = 0;
-    packet[15] = 1;
-    packet[16] = 127;
-    packet[17] = 0;
-    packet[18] = 0;
-    packet[19] = 1;
-    packet[22] = static_cast<std::uint8_t>(m_port >> 8);
-    packet[23] = static_cast<std::uint8_t>(m_port);
-    const int raw = ::socket(AF_INET, SOCK_RAW, IPPROTO_RAW);
-    ASSERT_NE(raw, -1);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::sendto(raw, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to),
-                       sizeof to),
-              static_cast<ssize_t>(packet.size()));
-    ::close(raw);
+    ASSERT_TRUE(test::send_raw_ipv4(test::udp_packet_with_broken_length(m_port)));
     ASSERT_TRUE(test::send_udp(m_port, Bytes{7}));
 
     // The good datagram comes after the bad one, so the bad one was looked at by then.

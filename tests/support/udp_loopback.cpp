@@ -45,6 +45,27 @@ bool send_udp(std::uint16_t port, const void* data, std::size_t size) {
     return sent;
 }
 
+std::vector<std::uint8_t> udp_packet_with_broken_length(std::uint16_t port) {
+    const auto high = static_cast<std::uint8_t>(port >> 8);
+    const auto low = static_cast<std::uint8_t>(port);
+    // 20 bytes of IP header, 8 of UDP header, 5 of payload; the UDP length says 14.
+    return {0x45, 0x00, 0x00, 0x21, 0x00, 0x01, 0x00, 0x00, 0x40, 0x11, 0x00,
+            0x00, 0x7f, 0x00, 0x00, 0x01, 0x7f, 0x00, 0x00, 0x01, 0x0f, 0xa0,
+            high, low,  0x00, 0x0e, 0x00, 0x00, 0x51, 0x4d, 0x01, 0x02, 0x03};
+}
+
+bool send_raw_ipv4(const std::vector<std::uint8_t>& packet) {
+    const int raw = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW);
+    if (raw == -1) {
+        return false;
+    }
+    const sockaddr_in address = loopback(0);
+    const ssize_t sent = ::sendto(raw, packet.data(), packet.size(), 0,
+                                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::close(raw);
+    return sent >= 0 && static_cast<std::size_t>(sent) == packet.size();
+}
+
 bool send_udp(std::uint16_t port, const std::vector<std::uint8_t>& bytes) {
     return send_udp(port, bytes.data(), bytes.size());
 }

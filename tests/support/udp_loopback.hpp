@@ -16,6 +16,15 @@ std::uint16_t free_udp_port();
 bool send_udp(std::uint16_t port, const void* data, std::size_t size);
 bool send_udp(std::uint16_t port, const std::vector<std::uint8_t>& bytes);
 
+// An IPv4 packet from 127.0.0.1:4000 to 127.0.0.1:`port` carrying a UDP datagram whose length
+// field runs one byte past the packet: the system's UDP refuses it, a filter on the port passes
+// it.
+std::vector<std::uint8_t> udp_packet_with_broken_length(std::uint16_t port);
+
+// Writes `packet`, a whole IPv4 packet from its header on, to 127.0.0.1 through a raw socket (the
+// system fills in only the IP length and checksum); false when that failed. Needs CAP_NET_RAW.
+bool send_raw_ipv4(const std::vector<std::uint8_t>& packet);
+
 // One socket that sends datagrams to 127.0.0.1:`port`, for tests that send many. Threads: used
 // by one thread at a time.
 class UdpSender {

@@ -19,6 +19,7 @@
 #include "log_capture.hpp"
 #include "poll.hpp"
 #include "temp_directory.hpp"
+#include "udp_loopback.hpp"
 
 namespace qm::writer {
 namespace {
@@ -338,6 +339,45 @@ TEST(StatisticPeriodTest, ServiceManagerHearsTheStatusEveryPeriod) {
     EXPECT_LT(::recv(listener, received, sizeof received, MSG_DONTWAIT), 0);
     ::close(listener);
     EXPECT_TRUE(capture.texts().empty());
+}
+
+// Through a packet ring: what the full ring could not take is the system's drop WARNING, named
+// by the ring's size, and a packet that failed the ring's checks has a WARNING of its own; each
+// count is reported once.
+TEST(StatisticPeriodTest, RingDropsAndDiscardsAreWarnedOnceWithTheirCounts) {
+    test::LogCapture capture;
+    const std::uint16_t port = test::free_udp_port();
+    net::PacketRing ring;
+    ASSERT_TRUE(ring.open(port, net::PacketRing::BLOCK_SIZE));
+    StatisticService service;
+    service.log_enabled = false;
+    service.watch_ring_drops(ring);
+    ASSERT_TRUE(test::send_raw_ipv4(test::udp_packet_with_broken_length(port)));
+    test::UdpSender sender(port);
+    // A block holds fewer than 100 datagrams of 1300 bytes: the rest are dropped.
+    constexpr std::uint32_t SENT = 300;
+    for (std::uint32_t i = 0; i < SENT; ++i) {
+        ASSERT_TRUE(sender.send(std::vector<std::uint8_t>(1300, 1)));
+    }
+    std::uint32_t taken = 0;
+    ASSERT_TRUE(test::poll_until(
+        [&] { return ring.read_block([&](const std::uint8_t*, std::uint64_t) { ++taken; }); },
+        std::chrono::milliseconds(5000)));
+    capture.clear();
+
+    service.report_period();
+    service.report_period();
+
+    EXPECT_EQ(capture.texts(log::Level::WARNING),
+              (std::vector<std::string>{
+                  "STATISTIC_SERVICE: the system dropped " + std::to_string(SENT - taken) +
+                      " datagrams since the last report: the receive buffer (131072 bytes) "
+                      "overflowed",
+                  "STATISTIC_SERVICE: the packet ring discarded 1 packets since the last report: "
+                  "a broken IPv4 or UDP header or a wrong UDP checksum"}));
+    EXPECT_EQ(service.status_line(), "STATUS=0 sessions, 0 datagrams, " +
+                                         std::to_string(SENT - taken) +
+                                         " dropped by the system, 0 media bytes dropped");
 }
 
 TEST(StatisticServiceTest, TransferSettingsStartAsLoopbackPortZero) {

@@ -26,7 +26,21 @@ std::uint64_t rmem_max() {
     return value;
 }
 
-class ReceiveBufferE2eTest : public RecorderE2eTest {};
+class ReceiveBufferE2eTest : public RecorderE2eTest {
+protected:
+    // Starts the recorder as nobody, with a storage it may write to, a free port and `settings`,
+    // and waits until it receives.
+    ChildProcess& start_unprivileged_recorder(const std::string& settings) {
+        std::filesystem::create_directories(storage());
+        std::filesystem::permissions(storage(), std::filesystem::perms::all);
+        const std::string config = directory.write_file(
+            "writer.conf", "storage = " + storage().string() +
+                               "\nport = " + std::to_string(pick_port()) + "\n" + settings);
+        ChildProcess& process = start_unprivileged({"--config", config});
+        EXPECT_TRUE(wait_receiving(process)) << process.standard_error();
+        return process;
+    }
+};
 
 TEST_F(ReceiveBufferE2eTest, RequestedBufferIsGrantedAndLogged) {
     // Root may go beyond net.core.rmem_max, as the packaged service's sysctl would allow.
@@ -44,16 +58,10 @@ TEST_F(ReceiveBufferE2eTest, ShortGrantIsAWarningNamingTheSysctl) {
     const std::uint64_t limit = rmem_max();
     const std::uint64_t requested = std::min<std::uint64_t>(2 * limit, 2147483647);
     ASSERT_LT(limit, requested) << "net.core.rmem_max is at the largest request";
-    std::filesystem::create_directories(storage());
-    std::filesystem::permissions(storage(), std::filesystem::perms::all);
-    const std::string config = directory.write_file(
-        "writer.conf", "storage = " + storage().string() +
-                           "\nport = " + std::to_string(pick_port()) +
-                           "\nreceive_buffer_size = " + std::to_string(requested) + "\n");
 
     // Without CAP_NET_ADMIN the system stops at its limit.
-    ChildProcess& process = start_unprivileged({"--config", config});
-    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
+    ChildProcess& process =
+        start_unprivileged_recorder("receive_buffer_size = " + std::to_string(requested) + "\n");
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
@@ -123,15 +131,7 @@ TEST_F(ReceiveBufferE2eTest, RingIsLoggedAndTheSocketQueuesNothing) {
 }
 
 TEST_F(ReceiveBufferE2eTest, WithoutCapNetRawTheRecorderReadsItsSocket) {
-    std::filesystem::create_directories(storage());
-    std::filesystem::permissions(storage(), std::filesystem::perms::all);
-    const std::string config =
-        directory.write_file("writer.conf", "storage = " + storage().string() +
-                                                "\nport = " + std::to_string(pick_port()) +
-                                                "\nreceive_ring_size = 1M\n");
-
-    ChildProcess& process = start_unprivileged({"--config", config});
-    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
+    ChildProcess& process = start_unprivileged_recorder("receive_ring_size = 1M\n");
     StartFields start;
     send(encode_start(start));
     const bool recorded = process.wait_for_line("| START | ", TIMEOUT);

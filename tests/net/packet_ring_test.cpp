@@ -45,6 +45,12 @@ bool taken(const Bytes& packet, bool trusted = false) {
     return udp_payload(packet, trusted).has_value();
 }
 
+// `packet` with byte `index` set to `value`.
+Bytes with_byte(Bytes packet, std::size_t index, std::uint8_t value) {
+    packet[index] = value;
+    return packet;
+}
+
 TEST(UdpPayloadTest, WellFormedPacketGivesItsPayload) {
     EXPECT_EQ(payload_of(ODD_PAYLOAD_PACKET), (Bytes{0x51, 0x4d, 0x01, 0x02, 0x03}));
 }
@@ -68,9 +74,7 @@ TEST(UdpPayloadTest, WrongChecksumIsRefusedUnlessTheSystemVouchedForIt) {
 }
 
 TEST(UdpPayloadTest, ZeroChecksumMeansNone) {
-    Bytes unchecked = ODD_PAYLOAD_PACKET;
-    unchecked[26] = 0;
-    unchecked[27] = 0;
+    const Bytes unchecked = with_byte(with_byte(ODD_PAYLOAD_PACKET, 26, 0), 27, 0);
     EXPECT_EQ(payload_of(unchecked), (Bytes{0x51, 0x4d, 0x01, 0x02, 0x03}));
 }
 
@@ -83,38 +87,26 @@ TEST(UdpPayloadTest, TrailingBytesBeyondTheUdpLengthAreNotPayload) {
 }
 
 TEST(UdpPayloadTest, FragmentsAreRefused) {
-    Bytes more_fragments = ODD_PAYLOAD_PACKET;
-    more_fragments[6] = 0x20;
-    Bytes later_fragment = ODD_PAYLOAD_PACKET;
-    later_fragment[7] = 0x01;
-    Bytes do_not_fragment = ODD_PAYLOAD_PACKET;
-    do_not_fragment[6] = 0x40;
-
-    EXPECT_FALSE(taken(more_fragments, true));
-    EXPECT_FALSE(taken(later_fragment, true));
-    EXPECT_TRUE(taken(do_not_fragment, true));
+    const Bytes& packet = ODD_PAYLOAD_PACKET;
+    EXPECT_FALSE(taken(with_byte(packet, 6, 0x20), true));  // more fragments follow
+    EXPECT_FALSE(taken(with_byte(packet, 7, 0x01), true));  // a later fragment
+    EXPECT_TRUE(taken(with_byte(packet, 6, 0x40), true));   // do not fragment
 }
 
 TEST(UdpPayloadTest, BrokenHeadersAreRefused) {
-    Bytes tcp = ODD_PAYLOAD_PACKET;
-    tcp[9] = 6;
-    Bytes version6 = ODD_PAYLOAD_PACKET;
-    version6[0] = 0x65;
-    Bytes short_header = ODD_PAYLOAD_PACKET;
-    short_header[0] = 0x44;
-    Bytes longer_than_captured = ODD_PAYLOAD_PACKET;
-    longer_than_captured[3] = 0x22;
-    Bytes udp_longer_than_ip = ODD_PAYLOAD_PACKET;
-    udp_longer_than_ip[25] = 0x0e;
-    Bytes udp_shorter_than_its_header = ODD_PAYLOAD_PACKET;
-    udp_shorter_than_its_header[25] = 0x07;
-    const Bytes truncated(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 19);
-    const Bytes no_udp_header(ODD_PAYLOAD_PACKET.begin(), ODD_PAYLOAD_PACKET.begin() + 24);
-
-    for (const Bytes& packet :
-         {tcp, version6, short_header, longer_than_captured, udp_longer_than_ip,
-          udp_shorter_than_its_header, truncated, no_udp_header}) {
-        EXPECT_FALSE(taken(packet, true));
+    const Bytes& packet = ODD_PAYLOAD_PACKET;
+    const Bytes broken[] = {
+        with_byte(packet, 9, 6),      // TCP
+        with_byte(packet, 0, 0x65),   // IP version 6
+        with_byte(packet, 0, 0x44),   // a header of 16 bytes
+        with_byte(packet, 3, 0x22),   // an IP length beyond what was captured
+        with_byte(packet, 25, 0x0e),  // a UDP length beyond the IP packet
+        with_byte(packet, 25, 0x07),  // a UDP length shorter than its header
+        Bytes(packet.begin(), packet.begin() + 19),
+        Bytes(packet.begin(), packet.begin() + 24),
+    };
+    for (const Bytes& bytes : broken) {
+        EXPECT_FALSE(taken(bytes, true));
     }
 }
 

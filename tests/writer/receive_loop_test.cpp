@@ -170,6 +170,14 @@ public:
         EXPECT_TRUE(test::send_udp(m_port, bytes));
     }
 
+    // Stops the loop once it has consumed `count` datagrams (a stop leaves what is still queued
+    // unread) and waits until it has returned.
+    void stop_once_consumed(std::size_t count) {
+        ASSERT_TRUE(test::poll_until([&] { return consumed() == count; }, 5000ms));
+        signal(SIGTERM);
+        ASSERT_TRUE(wait_ended(5000ms));
+    }
+
     // Read once the loop has ended.
     const std::vector<std::vector<std::uint8_t>>& datagrams() const { return m_datagrams; }
     // The number of datagrams consumed at each flush of the batched or the ring's loop.
@@ -188,6 +196,15 @@ private:
     std::atomic<bool> m_ended{false};
     std::thread m_thread;
 };
+
+// Ten datagrams of 1 to 10 bytes, each filled with its length.
+std::vector<std::vector<std::uint8_t>> ten_datagrams() {
+    std::vector<std::vector<std::uint8_t>> datagrams;
+    for (std::uint8_t i = 1; i <= 10; ++i) {
+        datagrams.push_back(std::vector<std::uint8_t>(i, i));
+    }
+    return datagrams;
+}
 
 class ReceiveLoopTest : public ::testing::TestWithParam<LoopMode> {
 protected:
@@ -241,11 +258,8 @@ TEST_P(ReceiveLoopTest, DatagramsReachTheConsumerWholeAndInOrder) {
     for (const std::vector<std::uint8_t>& datagram : sent) {
         loop.send(datagram);
     }
-    // The stop flag ends the loop without reading what is still queued: stop once all arrived.
-    ASSERT_TRUE(test::poll_until([&] { return loop.consumed() == sent.size(); }, 5000ms));
-    loop.signal(SIGTERM);
+    loop.stop_once_consumed(sent.size());
 
-    ASSERT_TRUE(loop.wait_ended(5000ms));
     EXPECT_EQ(loop.datagrams(), sent);
 }
 
@@ -292,10 +306,7 @@ TEST_P(ReceiveLoopTest, StopWhileWaitingLogsTheStopThenTheInterruption) {
 TEST(ReceiveBatchLoopTest, WaitingDatagramsAreTakenInBatchesAndFlushedOncePerBatch) {
     app::ServiceBase::signals_subscribe();
     test::LogCapture capture;
-    std::vector<std::vector<std::uint8_t>> sent;
-    for (std::uint8_t i = 1; i <= 10; ++i) {
-        sent.push_back(std::vector<std::uint8_t>(i, i));
-    }
+    const std::vector<std::vector<std::uint8_t>> sent = ten_datagrams();
     // A long sleep after a partial batch: everything sent meanwhile waits for the next read.
     LoopRun loop(LoopMode{4, 3000000});
     ASSERT_TRUE(loop.wait_blocked_in_poll(5000ms));
@@ -316,15 +327,10 @@ TEST(ReceiveBatchLoopTest, WaitingDatagramsAreTakenInBatchesAndFlushedOncePerBat
 TEST(ReceiveBatchLoopTest, FullBatchesAreReadBackToBack) {
     app::ServiceBase::signals_subscribe();
     test::LogCapture capture;
-    std::vector<std::vector<std::uint8_t>> sent;
-    for (std::uint8_t i = 1; i <= 10; ++i) {
-        sent.push_back(std::vector<std::uint8_t>(i, i));
-    }
+    const std::vector<std::vector<std::uint8_t>> sent = ten_datagrams();
     // Loopback delivers within sendto: all ten wait in the socket when the loop starts.
     LoopRun loop(LoopMode{4, 3000000}, false, sent);
-    ASSERT_TRUE(test::poll_until([&] { return loop.consumed() == sent.size(); }, 5000ms));
-    loop.signal(SIGTERM);
-    ASSERT_TRUE(loop.wait_ended(5000ms));
+    loop.stop_once_consumed(sent.size());
 
     EXPECT_EQ(loop.datagrams(), sent);
     // Four, four, then the two left: the partial batch ends the run of reads.
@@ -336,18 +342,13 @@ TEST(ReceiveBatchLoopTest, FullBatchesAreReadBackToBack) {
 TEST(ReceiveRingLoopTest, EachBlockIsFlushedOnceAfterItsDatagrams) {
     app::ServiceBase::signals_subscribe();
     test::LogCapture capture;
-    std::vector<std::vector<std::uint8_t>> sent;
-    for (std::uint8_t i = 1; i <= 10; ++i) {
-        sent.push_back(std::vector<std::uint8_t>(i, i));
-    }
+    const std::vector<std::vector<std::uint8_t>> sent = ten_datagrams();
     LoopRun loop(LoopMode{1, 0, true});
     ASSERT_TRUE(loop.wait_blocked_in_poll(5000ms));
     for (const std::vector<std::uint8_t>& datagram : sent) {
         loop.send(datagram);
     }
-    ASSERT_TRUE(test::poll_until([&] { return loop.consumed() == sent.size(); }, 5000ms));
-    loop.signal(SIGTERM);
-    ASSERT_TRUE(loop.wait_ended(5000ms));
+    loop.stop_once_consumed(sent.size());
 
     EXPECT_EQ(loop.datagrams(), sent);
     // However the system cut the blocks, each flush follows a block of at least one datagram,

@@ -41,6 +41,20 @@ protected:
         return process;
     }
 
+    // Sends data packets 1 to BURST of the default leg, 160 samples each; returns the last.
+    DataFields send_burst() const {
+        DataFields data;
+        data.payload.assign(160, 0x1234);
+        for (std::uint32_t seq = 1; seq <= BURST; ++seq) {
+            data.seq = seq;
+            data.off = (seq - 1) * 160;
+            send(encode_data(data));
+        }
+        return data;
+    }
+
+    static constexpr std::uint32_t BURST = 1000;
+
     // The recorder logged a line of `level` from `file` whose text matches `text`.
     static void expect_line(const ChildProcess& process, const std::string& level,
                             const std::string& file, const std::string& text) {
@@ -84,13 +98,7 @@ TEST_F(ReceiveBufferE2eTest, DatagramsDroppedWhileStoppedAreCountedAtTheNextRepo
 
     // Stopped, the recorder reads nothing: the burst overflows its buffer.
     ASSERT_TRUE(process.send_signal(SIGSTOP));
-    DataFields data;
-    data.payload.assign(160, 0x1234);
-    for (std::uint32_t seq = 1; seq <= 1000; ++seq) {
-        data.seq = seq;
-        data.off = (seq - 1) * 160;
-        send(encode_data(data));
-    }
+    send_burst();
     const std::optional<UdpQueue> queue = udp_queue(port);
     ASSERT_TRUE(queue.has_value());
     ASSERT_GT(queue->drops, 0u);
@@ -153,13 +161,7 @@ TEST_F(ReceiveBufferE2eTest, DatagramsTheRingCouldNotTakeAreCountedAtTheNextRepo
     ASSERT_TRUE(process.wait_for_line("| START | ", TIMEOUT)) << process.standard_error();
 
     ASSERT_TRUE(process.send_signal(SIGSTOP));
-    DataFields data;
-    data.payload.assign(160, 0x1234);
-    for (std::uint32_t seq = 1; seq <= 1000; ++seq) {
-        data.seq = seq;
-        data.off = (seq - 1) * 160;
-        send(encode_data(data));
-    }
+    DataFields data = send_burst();
     ASSERT_TRUE(process.send_signal(SIGCONT));
 
     static const std::regex dropped(
@@ -184,12 +186,12 @@ TEST_F(ReceiveBufferE2eTest, DatagramsTheRingCouldNotTakeAreCountedAtTheNextRepo
         << process.standard_error();
     // Once a report counts the block's packets the recorder has handed the block back, so the
     // next packet gets in and shows the session the gap that the drops left.
-    ASSERT_LT(std::stoul(warning), 1000u);
+    ASSERT_LT(std::stoul(warning), BURST);
     const std::string taken = "packet 'data'  type number.................: " +
-                              std::to_string(1000 - std::stoul(warning)) + " ";
+                              std::to_string(BURST - std::stoul(warning)) + " ";
     ASSERT_TRUE(process.wait_for_line(taken, std::chrono::seconds(12))) << process.standard_error();
-    data.seq = 1001;
-    data.off = 1000 * 160;
+    data.seq = BURST + 1;
+    data.off = BURST * 160;
     send(encode_data(data));
     const std::string lost = "session lost packets number................: " + warning + " ";
     const bool reported = process.wait_for_line(lost, std::chrono::seconds(12));

@@ -17,7 +17,8 @@ namespace qm::writer {
 
 // What the metrics file shows besides the report's rows.
 struct ProcessMetrics {
-    // Datagrams the system dropped for the socket since it was opened.
+    // Datagrams the system dropped since the recorder started receiving: for its socket, or for
+    // its packet ring when it reads one.
     std::uint64_t kernel_drops = 0;
     std::uint64_t resident_bytes = 0;
 };

@@ -106,6 +106,21 @@ TEST_F(LoopbackTest, DatagramsComeBackWhole) {
     }
 }
 
+TEST_F(LoopbackTest, LocalPortIsTheBoundOne) {
+    EXPECT_EQ(m_receiver.local_port(), m_port);
+}
+
+// A socket that only holds its port: what arrives is dropped before it is queued, and counted.
+TEST_F(LoopbackTest, DiscardAllLeavesNothingToReadAndCountsTheDrops) {
+    ASSERT_TRUE(m_receiver.discard_all());
+    send({1, 2, 3});
+    send({4});
+    ReceiveBatch batch(4);
+
+    EXPECT_EQ(m_receiver.read_batch(batch), 0u);
+    EXPECT_EQ(kernel_drops(m_receiver.fd()), 2u);
+}
+
 TEST_F(LoopbackTest, LongerDatagramIsCutToTheCapacity) {
     const std::vector<std::uint8_t> sent = pattern(2000);
     send(sent);

@@ -228,6 +228,23 @@ TEST_F(WriterConfigurationTest, ThresholdForms) {
     expect_refused("storage_cleanup_threshold", "90%%");
 }
 
+TEST_F(WriterConfigurationTest, ReceiveBatchIsOneTo1024AndItsDelayATimer) {
+    EXPECT_TRUE(configuration->parse_args("receive_batch=1024"));
+    EXPECT_EQ(configuration->receive_batch, 1024u);
+    EXPECT_TRUE(configuration->parse_args("receive_batch=1"));
+    EXPECT_EQ(configuration->receive_batch, 1u);
+    expect_refused("receive_batch", "0");
+    expect_refused("receive_batch", "1025");
+    expect_refused("receive_batch", "64k");
+    EXPECT_EQ(configuration->receive_batch, 1u);
+    EXPECT_TRUE(configuration->parse_args("receive_batch_delay=500"));
+    EXPECT_EQ(configuration->receive_batch_delay, 500u);
+    EXPECT_TRUE(configuration->parse_args("receive_batch_delay=2ms"));
+    EXPECT_EQ(configuration->receive_batch_delay, 2000u);
+    // "us" is no unit: the value is refused (and the start with it).
+    expect_refused("receive_batch_delay", "500us");
+}
+
 TEST_F(WriterConfigurationTest, RingSizeTakesBytesWithSuffixes) {
     EXPECT_TRUE(configuration->parse_args("receive_ring_size=128K"));
     EXPECT_EQ(configuration->receive_ring_size, 131072u);

@@ -310,6 +310,15 @@ protected:
         return storage() / io::session_path(start.ts, start.header.uuid);
     }
 
+    // How many legs' files hold exactly their first `frames` frames per side.
+    std::size_t legs_holding(std::uint32_t frames) const {
+        std::size_t legs = 0;
+        for (std::uint32_t leg = 0; leg < LEGS; ++leg) {
+            legs += read_file(file_of(leg)) == expected_file(leg, frames) ? 1 : 0;
+        }
+        return legs;
+    }
+
     static constexpr const char* SETTINGS = "log_level = TRACE\nmedia_buffer_size = 4000\n";
 };
 
@@ -321,11 +330,7 @@ TEST_F(FlushOnStopE2eTest, StopWithFlushKeepsEveryAcceptedFrameOfEveryOpenLeg) {
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    std::size_t whole = 0;
-    for (std::uint32_t leg = 0; leg < LEGS; ++leg) {
-        whole += read_file(file_of(leg)) == expected_file(leg, FRAMES) ? 1 : 0;
-    }
-    EXPECT_EQ(whole, LEGS);
+    EXPECT_EQ(legs_holding(FRAMES), LEGS);
     EXPECT_GE(
         text_index(log_lines(process), "SERVICE: 100 open sessions handed to the writer at stop"),
         0);
@@ -338,11 +343,7 @@ TEST_F(FlushOnStopE2eTest, StopWithoutFlushEndsEveryOpenLegAtItsLastFullBuffer) 
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    std::size_t cut = 0;
-    for (std::uint32_t leg = 0; leg < LEGS; ++leg) {
-        cut += read_file(file_of(leg)) == expected_file(leg, FRAMES_IN_FULL_BUFFERS) ? 1 : 0;
-    }
-    EXPECT_EQ(cut, LEGS);
+    EXPECT_EQ(legs_holding(FRAMES_IN_FULL_BUFFERS), LEGS);
 }
 
 }  // namespace

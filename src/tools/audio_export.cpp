@@ -28,10 +28,6 @@ std::runtime_error failure(const std::filesystem::path& path, const std::string&
 }
 
 // "1 gap", "2 gaps".
-std::string counted(std::uint64_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 int channel_count(ExportChannels channels) {
     return channels == ExportChannels::STEREO ? 2 : 1;
 }
@@ -256,10 +252,7 @@ ExportResult export_audio(const ExportOptions& options) {
     refuse_existing(options);
     RecordingFile recording(options.input);
     if (!recording.session()) {
-        throw failure(options.input, "truncated header: " + counted(recording.size(), "byte") +
-                                         ", shorter than the " +
-                                         std::to_string(io::FILE_HEADER_SIZE) +
-                                         "-byte file header");
+        throw failure(options.input, truncated_header(recording.size()));
     }
     const Timeline timeline = timeline_of(recording);
 
@@ -267,8 +260,7 @@ ExportResult export_audio(const ExportOptions& options) {
     result.channels = info.channels;
     result.samples = timeline.length;
     result.rate = info.samplerate;
-    const std::uint64_t whole = io::FILE_HEADER_SIZE + timeline.frame_bytes;
-    result.tail = recording.size() > whole ? recording.size() - whole : 0;
+    result.tail = recording.tail_after(timeline.frame_bytes);
     if (options.channels != ExportChannels::SIDE_1) {
         count_side(timeline.sides[0], timeline.length, result);
     }

@@ -125,7 +125,10 @@ void check_header(std::vector<std::string>& problems, const SentLeg& leg,
 LegVerdict verify_leg(const SentLeg& leg, const std::filesystem::path& storage) {
     LegVerdict verdict;
     verdict.path = storage / io::session_path(leg.ts, leg.uuid);
-    if (!std::filesystem::exists(verdict.path)) {
+    // A path that cannot be looked at (no permission on a directory) is not missing: opening it
+    // below names what is wrong.
+    std::error_code unreadable;
+    if (!std::filesystem::exists(verdict.path, unreadable) && !unreadable) {
         verdict.state = LegVerdict::State::MISSING;
         verdict.problems.push_back("no recording");
         return verdict;

@@ -113,7 +113,11 @@ PayloadSource PayloadSource::audio(const std::filesystem::path& path,
                                    std::optional<std::uint32_t> frames) {
     const auto [interleaved, channels] = read_audio(path);
     const std::uint64_t length = interleaved.size() / channels;
-    const std::uint64_t count = frames ? std::uint64_t{*frames} * samples_per_frame : length;
+    // Looped, the file and the frames line up again after their least common multiple: the
+    // frames from there on repeat the kept ones, so a long leg keeps no more than that.
+    const std::uint64_t looped = std::lcm(length, std::uint64_t{samples_per_frame});
+    const std::uint64_t count =
+        frames ? std::min(std::uint64_t{*frames} * samples_per_frame, looped) : length;
     std::vector<std::uint16_t> sides[2];
     for (int side = 0; side < 2; ++side) {
         const int channel = channels == 1 ? 0 : side;
@@ -123,7 +127,7 @@ PayloadSource PayloadSource::audio(const std::filesystem::path& path,
                 static_cast<std::uint16_t>(interleaved[(n % length) * channels + channel]);
         }
     }
-    const std::uint32_t frame_count = frames_to_keep(count, samples_per_frame);
+    const std::uint32_t frame_count = frames ? *frames : frames_to_keep(length, samples_per_frame);
     return PayloadSource(samples_per_frame, frame_count, std::move(sides[0]), std::move(sides[1]));
 }
 

@@ -27,6 +27,10 @@ RecordingFile::RecordingFile(const std::filesystem::path& path) : m_path(path) {
         throw RecordingError(describe(path, std::string("cannot open: ") + std::strerror(errno)));
     }
     m_size = std::filesystem::file_size(path, error);
+    if (error) {
+        // A pipe or a device opens but has no size to measure frames against.
+        throw RecordingError(describe(path, "cannot tell its size: " + error.message()));
+    }
     io::QuillmarStreamHeader header{};
     in.read(reinterpret_cast<char*>(&header), sizeof header);
     if (in.gcount() < static_cast<std::streamsize>(sizeof header.magic) ||
@@ -50,6 +54,22 @@ RecordingFile::RecordingFile(const std::filesystem::path& path) : m_path(path) {
     in.clear();
     in.seekg(frames_at);
     m_stream = std::make_unique<io::QuillmarSessionStream>(header, in);
+}
+
+std::uint64_t RecordingFile::tail_after(std::uint64_t frame_bytes) const {
+    const std::uint64_t frames_end = io::FILE_HEADER_SIZE + frame_bytes;
+    // The reader delivers only frames inside the file as it was measured; a file that shrank
+    // while it was read has no tail.
+    return m_size > frames_end ? m_size - frames_end : 0;
+}
+
+std::string counted(std::uint64_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string truncated_header(std::uint64_t size) {
+    return "truncated header: " + counted(size, "byte") + ", shorter than the " +
+           std::to_string(io::FILE_HEADER_SIZE) + "-byte file header";
 }
 
 std::optional<io::Uuid> parse_uuid(const std::string& text) {

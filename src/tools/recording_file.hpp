@@ -26,11 +26,13 @@ public:
 
 class RecordingFile {
 public:
-    // THROWS: RecordingError.
+    // THROWS: RecordingError, also for a file without a size (a pipe, a device).
     explicit RecordingFile(const std::filesystem::path& path);
 
     const std::filesystem::path& path() const { return m_path; }
     std::uint64_t size() const { return m_size; }
+    // Bytes after the headers and `frame_bytes` bytes of whole frames: the cut last frame's.
+    std::uint64_t tail_after(std::uint64_t frame_bytes) const;
     // None when the file ends inside the 40-byte session header.
     const std::optional<io::SessionHeader>& session() const { return m_session; }
     io::QuillmarSessionStream& stream() { return *m_stream; }
@@ -41,6 +43,13 @@ private:
     std::optional<io::SessionHeader> m_session;
     std::unique_ptr<io::QuillmarSessionStream> m_stream;
 };
+
+// A count with its noun, plural unless the count is 1: "1 byte", "17 bytes".
+std::string counted(std::uint64_t count, const std::string& noun);
+
+// What a file of `size` bytes that ends inside its headers is: "truncated header: 17 bytes,
+// shorter than the 48-byte file header".
+std::string truncated_header(std::uint64_t size);
 
 // The uuid from its text form, "00112233-4455-6677-8899-aabbccddeeff" (either case); none for
 // anything else. `utils::str::print_uuid` writes the form.

@@ -64,10 +64,6 @@ RecordingState state_of_tail(std::uint64_t tail) {
 }
 
 // "1 frame", "2 frames".
-std::string counted(std::uint64_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 void put_line(std::ostringstream& out, const std::string& label, const std::string& value) {
     out << std::left << std::setw(LABEL_WIDTH) << label + ":" << value << '\n';
 }
@@ -134,9 +130,7 @@ RecordingReport inspect_recording(const std::filesystem::path& path) {
         report.sides[side] = inspect_side(*channels[side], frame_bytes);
     }
     report.frames_end = io::FILE_HEADER_SIZE + frame_bytes;
-    // The reader delivers only frames inside the file, so this does not underflow; the guard is
-    // for a size the file system could not tell.
-    report.tail = report.size > report.frames_end ? report.size - report.frames_end : 0;
+    report.tail = file->tail_after(frame_bytes);
     report.state = state_of_tail(report.tail);
     return report;
 }
@@ -177,9 +171,7 @@ std::string error_text(const RecordingReport& report) {
         case RecordingState::SOUND:
             return "";
         case RecordingState::TRUNCATED_HEADER:
-            return file + ": truncated header: " + counted(report.size, "byte") +
-                   ", shorter than the " + std::to_string(io::FILE_HEADER_SIZE) +
-                   "-byte file header";
+            return file + ": " + truncated_header(report.size);
         case RecordingState::TRUNCATED_FRAME:
             return file + ": truncated frame: " + counted(report.tail, "byte") +
                    " after the last whole frame, which ends at byte " +

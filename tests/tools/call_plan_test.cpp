@@ -502,6 +502,25 @@ TEST(PayloadSourceTest, AudioWithAFrameCountIsLoopedOrCutToFullFrames) {
     EXPECT_EQ(samples_of(cut.frame(0, 0)), units(samples, 0, 40));
 }
 
+// A leg far longer than its file keeps only one cycle of file and frames (100 and 160 samples
+// line up every 800): four billion frames cost five frames of samples, and the last is right.
+TEST(PayloadSourceTest, LongLoopedAudioKeepsOneCycle) {
+    test::TempDirectory directory;
+    const std::vector<std::int16_t> samples = ramp(100, 1, 1);
+    const PayloadSource looped =
+        PayloadSource::audio(write_wav(directory, "short.wav", 1, samples), 160, 4000000000u);
+
+    ASSERT_EQ(looped.frame_count(), 4000000000u);
+    const std::uint64_t last = 3999999999u;
+    std::vector<std::uint16_t> expected;
+    for (std::uint64_t n = last * 160; n < (last + 1) * 160; ++n) {
+        expected.push_back(static_cast<std::uint16_t>(samples[n % 100]));
+    }
+    EXPECT_EQ(samples_of(looped.frame(1, static_cast<std::uint32_t>(last))), expected);
+    EXPECT_EQ(looped.frame_hash(0, 5), looped.frame_hash(0, 0));
+    EXPECT_NE(looped.frame_hash(0, 1), looped.frame_hash(0, 0));
+}
+
 TEST(PayloadSourceTest, AudioOfMoreThanTwoChannelsIsRefused) {
     test::TempDirectory directory;
     const std::string path = write_wav(directory, "three.wav", 3, ramp(30, 0, 1));

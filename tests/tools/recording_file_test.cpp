@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "media/packet_encoder.hpp"
@@ -131,6 +132,10 @@ TEST(RecordingFileTest, MissingFileAndDirectoryAreRefused) {
 
     EXPECT_EQ(opening_error(missing), missing + ": cannot open: No such file or directory");
     EXPECT_EQ(opening_error(dir.path().string()), dir.path().string() + ": is a directory");
+    // A device opens, but has no size to measure its frames against.
+    EXPECT_EQ(opening_error("/dev/null"),
+              "/dev/null: cannot tell its size: " +
+                  std::make_error_code(std::errc::not_supported).message());
 }
 
 TEST(ParseUuidTest, ReadsThePrintedFormInEitherCase) {

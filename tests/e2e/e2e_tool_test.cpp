@@ -288,6 +288,30 @@ TEST_F(ToolE2eTest, VerifyNamesALegTheRecorderNeverSaw) {
                            ": no recording\n2 legs verified, 0 incomplete, 1 missing\n");
 }
 
+// A recording that cannot be looked at is no crash and not "missing": its leg is incomplete and
+// the line says why. Root reads anything, so verify runs as nobody.
+TEST_F(ToolE2eTest, VerifyNamesALegItMayNotRead) {
+    ChildProcess& recorder = start_recorder();
+    send_calls({"--calls", "1", "--duration", "0.2"});
+    stop_recorder(recorder, 1);
+    const SentLeg leg = manifest().legs.at(0);
+    const std::filesystem::path closed = file_of(leg).parent_path();
+    std::filesystem::permissions(closed, std::filesystem::perms::owner_all);
+    std::filesystem::permissions(
+        manifest_path(), std::filesystem::perms::owner_read | std::filesystem::perms::others_read);
+
+    ChildProcess& tool = start_unprivileged(
+        {"verify", "--manifest", manifest_path().string(), "--storage", storage().string()},
+        QM_TOOL_PATH);
+    const ExitStatus status = finish(tool);
+
+    EXPECT_TRUE(status.exited_with(1)) << status.describe() << tool.standard_error();
+    EXPECT_EQ(tool.standard_output(),
+              "leg " + utils::str::print_uuid(leg.uuid.data()) +
+                  " incomplete: " + file_of(leg).string() + ": " + file_of(leg).string() +
+                  ": cannot open: Permission denied\n0 legs verified, 1 incomplete, 0 missing\n");
+}
+
 TEST_F(ToolE2eTest, ExportedToneEqualsTheSentAudioSampleForSample) {
     const std::filesystem::path tone = directory.path() / "tone.wav";
     write_tone(tone);

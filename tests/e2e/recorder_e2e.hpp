@@ -154,16 +154,17 @@ protected:
         return start_program(QM_TOOL_PATH, std::move(args), {});
     }
 
-    // Starts the binary as the unprivileged user nobody, for what root would be allowed anyway.
-    // The test's directory is opened to that user.
-    ChildProcess& start_unprivileged(std::vector<std::string> args) {
+    // Starts the recorder (or `binary`) as the unprivileged user nobody, for what root would be
+    // allowed anyway. The test's directory is opened to that user.
+    ChildProcess& start_unprivileged(std::vector<std::string> args,
+                                     const std::string& binary = QM_BINARY_PATH) {
         std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all |
                                                            std::filesystem::perms::group_read |
                                                            std::filesystem::perms::group_exec |
                                                            std::filesystem::perms::others_read |
                                                            std::filesystem::perms::others_exec);
         std::vector<std::string> command = {"--reuid=nobody", "--regid=nogroup", "--clear-groups",
-                                            QM_BINARY_PATH};
+                                            binary};
         command.insert(command.end(), args.begin(), args.end());
         return start_program("/usr/bin/setpriv", std::move(command), {});
     }

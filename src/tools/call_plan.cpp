@@ -239,7 +239,7 @@ CallManifest CallPlan::manifest() const {
 }
 
 struct CallPlan::Cursor::State {
-    enum class Phase { START, DATA, TERMINATE, DONE };
+    enum class Phase { START, DATA, TERMINATE };
 
     explicit State(const CallPlan& plan) : plan(plan), active(2 * plan.m_legs.size()) {
         streams.reserve(active);
@@ -313,7 +313,6 @@ bool CallPlan::Cursor::next(media::Datagram& out) {
             ++state.counts.terminate;
             return true;
         }
-        state.phase = State::Phase::DONE;
     }
     return false;
 }

@@ -87,7 +87,6 @@ public:
 
     const std::vector<LegIdentity>& legs() const { return m_legs; }
     const PayloadSource& payload() const { return m_payload; }
-    const Impairments& impairments() const { return m_impairments; }
 
     // The fields of a leg's packets; `call_id` is "quillmar-send-<leg>".
     media::StartFields start_fields(std::size_t leg) const;

@@ -10,7 +10,9 @@
 #include "media/packet_encoder.hpp"
 #include "recording_bytes.hpp"
 #include "temp_directory.hpp"
+#include "tool_command_run.hpp"
 #include "tools/call_manifest.hpp"
+#include "tools/tool_commands.hpp"
 
 namespace qm::tools {
 namespace {
@@ -267,18 +269,16 @@ TEST(CallManifestTest, ManifestIsTheDocumentedJson) {
     CallManifest manifest;
     manifest.legs.push_back(leg_of(2));
     manifest.legs[0].sides[0].expectations[1] = Expectation::LOST;
+    // A hash with leading zeros: written as 16 digits all the same.
+    manifest.legs[0].sides[0].frames[0].hash = 0xab;
     const std::filesystem::path path = directory.path() / "manifest.json";
 
     write_manifest(manifest, path);
 
     std::ifstream in(path);
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    char side0[17];
-    std::snprintf(side0, sizeof side0, "%016llx",
-                  static_cast<unsigned long long>(manifest.legs[0].sides[0].frames[0].hash));
     EXPECT_NE(text.find("\"uuid\":\"" + UUID_TEXT + "\""), std::string::npos) << text;
-    EXPECT_NE(text.find("\"frames\":[[1,0,4,\"" + std::string(side0) + "\"]"), std::string::npos)
-        << text;
+    EXPECT_NE(text.find("\"frames\":[[1,0,4,\"00000000000000ab\"]"), std::string::npos) << text;
     EXPECT_NE(text.find("\"lost\":[2],\"reordered\":[]"), std::string::npos) << text;
 }
 
@@ -293,6 +293,20 @@ TEST(CallManifestTest, NonManifestIsRefusedWithTheFileNamed) {
         EXPECT_EQ(std::string(error.what()).rfind(path + ": not a manifest: ", 0), 0u)
             << error.what();
     }
+}
+
+// A manifest that cannot be read is no verdict on the recordings: exit 2 and the reason.
+TEST(VerifyCommandTest, FileThatIsNoManifestExitsWith2) {
+    qm::test::TempDirectory directory;
+    const std::string path = directory.write_file("notes.json", "{\"legs\": 3}");
+
+    const CommandRun run =
+        run_subcommand(&add_verify_command, "verify",
+                       {"--manifest", path, "--storage", directory.path().string()});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err.rfind("quillmar verify: " + path + ": not a manifest: ", 0), 0u) << run.err;
 }
 
 TEST(PayloadHashTest, IsFnv1aOverTheBytes) {

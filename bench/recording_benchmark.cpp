@@ -23,17 +23,17 @@
 namespace qm::bench {
 namespace {
 
-using writer::Configuration;
+using writer::RecordingSettings;
 
 void BM_OnSessionMedia(benchmark::State& state) {
     test::TempDirectory directory;
-    rc_ptr<Configuration> configuration = new Configuration();
-    configuration->storage = directory.path().string();
-    configuration->write_media = false;
+    RecordingSettings settings;
+    settings.storage = directory.path().string();
+    settings.write_media = false;
     writer::WritingManagerStatistic statistic;
     writer::MediaBufferPoolStatistic pool_statistic;
     writer::MediaWriterStatistic writer_statistic;
-    writer::WritingManager manager(configuration, statistic, pool_statistic, writer_statistic);
+    writer::WritingManager manager(settings, statistic, pool_statistic, writer_statistic);
     if (manager.start() != 0) {
         state.SkipWithError("the media writer did not start");
         return;
@@ -60,11 +60,11 @@ void BM_MediaWriterAppend(benchmark::State& state) {
     constexpr std::uint64_t BUFFER_BYTES = 64000;
     constexpr std::int64_t APPENDS_PER_FILE = 1000;  // 64 MB, then the file starts anew
     test::TempDirectory directory;
-    rc_ptr<Configuration> configuration = new Configuration();
+    RecordingSettings settings;
     writer::MediaBufferPoolStatistic pool_statistic;
     writer::MediaBufferPool pool(1, BUFFER_BYTES, pool_statistic);
     writer::MediaWriterStatistic statistic;
-    writer::MediaWriter media_writer(configuration, pool, statistic);
+    writer::MediaWriter media_writer(settings, pool, statistic);
     test::PacketBytes start(media::encode_start());
     const std::string path = (directory.path() / "leg" / "media.qm").string();
     const rc_ptr<writer::WritingSession> session =

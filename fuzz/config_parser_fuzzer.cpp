@@ -16,7 +16,7 @@
 
 #include "core/rc_ptr.hpp"
 #include "utils/str.hpp"
-#include "writer/configuration.hpp"
+#include "recorder/configuration.hpp"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "writer/service.hpp"
+#include "recorder/service.hpp"
 
 int main(int argc, char** argv) {
-    qm::writer::Service service;
+    qm::recorder::Service service;
     return service.start(argc, argv);
 }

@@ -1,8 +1,11 @@
 #include "core/thread.hpp"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
+
+#include "log/logger.hpp"
 
 namespace qm {
 
@@ -46,8 +49,28 @@ int Thread::join() {
 }
 
 void* Thread::entry(void* self) {
-    static_cast<Thread*>(self)->run();
+    auto* thread = static_cast<Thread*>(self);
+    // A name only helps an operator tell the threads apart; a refused one changes nothing else.
+    static_cast<void>(pthread_setname_np(pthread_self(), thread->m_name));
+    thread->run();
     return nullptr;
+}
+
+void log_thread_started(const char* component, const char* file, int line) {
+    log::emit(file, line,
+              log::SystemMessage() << component << ": thread [" << ::gettid() << "] started");
+}
+
+int log_thread_stopped(const char* component, int result, const char* file, int line) {
+    if (result == 0) {
+        log::emit(file, line,
+                  log::SystemMessage() << component << ": thread [" << ::gettid() << "] stopped");
+    } else {
+        log::emit(file, line,
+                  log::WarningMessage() << component << ": thread [" << ::gettid()
+                                        << "] stopped with error (" << result << ")");
+    }
+    return result;
 }
 
 }  // namespace qm

@@ -39,6 +39,10 @@ public:
     // no thread was started. Subclasses override it to log, and call this one.
     virtual int stop();
 
+    // The name the system shows for the thread (`ps -L`, `top -H`), at most 15 characters; set
+    // before `start`. Threads that are given none are "qm-worker".
+    void set_name(const char* name) { m_name = name; }
+
     // True between `start` and `stop`.
     bool is_running() const {
         // Acquire pairs with the release in `request_stop`: work handed over before `stop` (for
@@ -54,10 +58,23 @@ protected:
 private:
     static void* entry(void* self);
 
+    const char* m_name = "qm-worker";
     pthread_t m_handle{};
     // Whether m_handle holds a thread that has not been joined; owning thread only.
     bool m_joinable = false;
     std::atomic<bool> m_running{false};
 };
 
+// The start and stop lines every worker logs, "<component>: thread [<tid>] started" at SYSTEM,
+// and "... stopped" at SYSTEM or "... stopped with error (<result>)" at WARNING after a failed
+// join. `file` and `line` place the line in the log: the macros below pass the caller's own, so
+// that each line still names the component's source file. `log_thread_stopped` returns `result`.
+void log_thread_started(const char* component, const char* file, int line);
+int log_thread_stopped(const char* component, int result, const char* file, int line);
+
 }  // namespace qm
+
+#define QM_LOG_THREAD_STARTED(component) \
+    ::qm::log_thread_started(component, __FILE_NAME__, __LINE__)
+#define QM_LOG_THREAD_STOPPED(component, result) \
+    ::qm::log_thread_stopped(component, result, __FILE_NAME__, __LINE__)

@@ -11,7 +11,9 @@
 namespace qm::media {
 
 PacketReader::PacketReader(PacketReaderStatistic* statistic, PacketReaderListener& listener)
-    : Base(statistic), m_listener(&listener) {}
+    : Base(statistic), m_listener(&listener) {
+    set_name("qm-packets");
+}
 
 PacketReader::~PacketReader() {
     stop();
@@ -44,7 +46,7 @@ void PacketReader::read_from(const void* data, std::uint64_t length, bool wake) 
 }
 
 void PacketReader::run() {
-    QM_LOG_SYSTEM("PACKETS_READER: thread [" << ::gettid() << "] started");
+    QM_LOG_THREAD_STARTED("PACKETS_READER");
     Base::run();
 }
 
@@ -53,13 +55,7 @@ int PacketReader::stop() {
         return 0;
     }
     const int result = Base::stop();
-    if (result == 0) {
-        QM_LOG_SYSTEM("PACKETS_READER: thread [" << ::gettid() << "] stopped");
-    } else {
-        QM_LOG_WARNING("PACKETS_READER: thread [" << ::gettid() << "] stopped with error ("
-                                                  << result << ")");
-    }
-    return result;
+    return QM_LOG_THREAD_STOPPED("PACKETS_READER", result);
 }
 
 template <typename Packet>

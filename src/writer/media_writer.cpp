@@ -17,16 +17,18 @@ constexpr mode_t DIRECTORY_MODE = 0755;
 
 }  // namespace
 
-MediaWriter::MediaWriter(rc_ptr<Configuration> configuration, MediaBufferPool& pool,
+MediaWriter::MediaWriter(const RecordingSettings& settings, MediaBufferPool& pool,
                          MediaWriterStatistic& statistic)
-    : Base(pool.capacity(), &statistic), m_configuration(std::move(configuration)), m_pool(pool) {}
+    : Base(pool.capacity(), &statistic), m_settings(settings), m_pool(pool) {
+    set_name("qm-writer");
+}
 
 MediaWriter::~MediaWriter() {
     stop();
 }
 
 void MediaWriter::run() {
-    QM_LOG_SYSTEM("MEDIA_WRITER: thread [" << ::gettid() << "] started");
+    QM_LOG_THREAD_STARTED("MEDIA_WRITER");
     Base::run();
 }
 
@@ -34,13 +36,7 @@ int MediaWriter::stop() {
     if (!is_running()) {
         return 0;
     }
-    const int result = Base::stop();
-    if (result == 0) {
-        QM_LOG_SYSTEM("MEDIA_WRITER: thread [" << ::gettid() << "] stopped");
-    } else {
-        QM_LOG_WARNING("MEDIA_WRITER: thread [" << ::gettid() << "] stopped with error (" << result
-                                                << ")");
-    }
+    const int result = QM_LOG_THREAD_STOPPED("MEDIA_WRITER", Base::stop());
     if (m_pool.free_count() != m_pool.capacity()) {
         QM_LOG_ERROR(
             "MEDIA_WRITER: Possible memory leak detected! All buffers must be inside the pool at "
@@ -53,7 +49,7 @@ void MediaWriter::on_queue_read(MediaBuffer* buffer) {
     if (buffer == nullptr) {
         return;
     }
-    if (m_configuration->write_media) {
+    if (m_settings.write_media) {
         handle_buffer(buffer);
     }
     // Refused only if the pool's accounting is broken; the pool reports that itself.

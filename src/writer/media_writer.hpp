@@ -3,11 +3,10 @@
 #include <cstdint>
 
 #include "core/queue_reader.hpp"
-#include "core/rc_ptr.hpp"
-#include "writer/configuration.hpp"
 #include "writer/media_buffer.hpp"
 #include "writer/media_buffer_pool.hpp"
 #include "writer/media_writer_statistic.hpp"
+#include "writer/recording_settings.hpp"
 #include "writer/writing_session.hpp"
 
 // The one thread that touches recording files. The writing manager pushes full media buffers
@@ -34,7 +33,7 @@ public:
 
     // The queue holds every buffer of the pool, so a push can only fail if the accounting is
     // broken.
-    MediaWriter(rc_ptr<Configuration> configuration, MediaBufferPool& pool,
+    MediaWriter(const RecordingSettings& settings, MediaBufferPool& pool,
                 MediaWriterStatistic& statistic);
     ~MediaWriter() override;
 
@@ -63,7 +62,7 @@ private:
     void report_write_error(WritingSession& session, const MediaBuffer& buffer, std::uint32_t bit,
                             const char* message);
 
-    rc_ptr<Configuration> m_configuration;
+    const RecordingSettings m_settings;
     MediaBufferPool& m_pool;
 };
 

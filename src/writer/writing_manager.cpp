@@ -42,15 +42,15 @@ std::uint64_t free_space(const MediaBuffer& buffer) {
 
 }  // namespace
 
-WritingManager::WritingManager(rc_ptr<Configuration> configuration,
+WritingManager::WritingManager(const RecordingSettings& settings,
                                WritingManagerStatistic& statistic,
                                MediaBufferPoolStatistic& pool_statistic,
                                MediaWriterStatistic& writer_statistic, SteadyClock clock)
     : SessionManager(&statistic, clock),
-      m_configuration(std::move(configuration)),
-      m_pool(or_default(m_configuration->media_buffers_count, DEFAULT_BUFFERS_COUNT),
-             or_default(m_configuration->media_buffer_size, DEFAULT_BUFFER_SIZE), pool_statistic),
-      m_writer(m_configuration, m_pool, writer_statistic) {}
+      m_settings(settings),
+      m_pool(or_default(m_settings.media_buffers_count, DEFAULT_BUFFERS_COUNT),
+             or_default(m_settings.media_buffer_size, DEFAULT_BUFFER_SIZE), pool_statistic),
+      m_writer(m_settings, m_pool, writer_statistic) {}
 
 WritingManager::~WritingManager() {
     m_writer.stop();
@@ -82,8 +82,8 @@ media::Session* WritingManager::create_session(const media::StartPacket& packet,
     try {
         io::Uuid uuid;
         std::memcpy(uuid.data(), packet.header.uuid, uuid.size());
-        session = new WritingSession(
-            packet, now_us(), m_configuration->storage + "/" + io::session_path(packet.ts, uuid));
+        session = new WritingSession(packet, now_us(),
+                                     m_settings.storage + "/" + io::session_path(packet.ts, uuid));
     } catch (const std::bad_alloc&) {
         result = 0;
         return nullptr;

@@ -4,11 +4,11 @@
 
 #include "core/rc_ptr.hpp"
 #include "media/media_session_manager.hpp"
-#include "writer/configuration.hpp"
 #include "writer/media_buffer_pool.hpp"
 #include "writer/media_buffer_pool_statistic.hpp"
 #include "writer/media_writer.hpp"
 #include "writer/media_writer_statistic.hpp"
+#include "writer/recording_settings.hpp"
 #include "writer/writing_manager_statistic.hpp"
 #include "writer/writing_session.hpp"
 
@@ -39,7 +39,7 @@ public:
 
     // Builds the pool (throws std::bad_alloc when it cannot) and the media writer. The records
     // must outlive the manager.
-    WritingManager(rc_ptr<Configuration> configuration, WritingManagerStatistic& statistic,
+    WritingManager(const RecordingSettings& settings, WritingManagerStatistic& statistic,
                    MediaBufferPoolStatistic& pool_statistic, MediaWriterStatistic& writer_statistic,
                    SteadyClock clock = &monotonic_now_us);
     // Stops the media writer (it drains its queue), then drops the writer, the pool and the table.
@@ -76,7 +76,7 @@ private:
                              std::uint64_t need, std::uint64_t bytes);
     void drop(std::uint64_t bytes);
 
-    rc_ptr<Configuration> m_configuration;
+    const RecordingSettings m_settings;
     MediaBufferPool m_pool;
     // Declared after the pool: it is destroyed first, while the pool it releases into still
     // exists.

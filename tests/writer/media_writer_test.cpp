@@ -28,7 +28,11 @@ using namespace std::chrono_literals;
 // tests hand buffers to `on_queue_read` directly, on the test thread; the thread tests start it.
 class MediaWriterTest : public ::testing::Test {
 protected:
-    MediaWriterTest() { configuration->storage = storage().string(); }
+    static RecordingSettings settings_in(const std::filesystem::path& storage) {
+        RecordingSettings settings;
+        settings.storage = storage.string();
+        return settings;
+    }
 
     // A session whose file is `relative` under the storage directory.
     rc_ptr<WritingSession> session(const std::string& relative = "day/hour/minute/leg/media.qm") {
@@ -55,11 +59,11 @@ protected:
 
     test::TempDirectory directory;
     test::LogCapture capture{log::Level::INFO};
-    rc_ptr<Configuration> configuration = new Configuration();
+    RecordingSettings settings = settings_in(storage());
     MediaBufferPoolStatistic pool_statistic;
     MediaBufferPool pool{4, 256, pool_statistic};
     MediaWriterStatistic statistic;
-    MediaWriter writer{configuration, pool, statistic};
+    MediaWriter writer{settings, pool, statistic};
 };
 
 TEST_F(MediaWriterTest, BuffersOfASessionAreAppendedToItsFile) {
@@ -87,7 +91,8 @@ TEST_F(MediaWriterTest, AnExistingFileIsAppendedToNeverTruncated) {
 }
 
 TEST_F(MediaWriterTest, WithoutWriteMediaEveryBufferGoesBackUntouched) {
-    configuration->write_media = false;
+    settings.write_media = false;
+    MediaWriter writer{settings, pool, statistic};
     const rc_ptr<WritingSession> leg = session();
     ASSERT_EQ(writer.start(), 0);
 

@@ -64,11 +64,10 @@ protected:
     // A manager over a pool of `count` buffers of `media_size` bytes (0: the default size), its
     // media writer not started unless `start_writer`.
     void build(std::uint64_t count, std::uint64_t media_size = 0, bool start_writer = true) {
-        configuration = new Configuration();
-        configuration->storage = storage().string();
-        configuration->media_buffers_count = count;
-        configuration->media_buffer_size = media_size;
-        manager = std::make_unique<WritingManager>(configuration, statistic, pool_statistic,
+        settings.storage = storage().string();
+        settings.media_buffers_count = count;
+        settings.media_buffer_size = media_size;
+        manager = std::make_unique<WritingManager>(settings, statistic, pool_statistic,
                                                    writer_statistic, &FakeClock::now);
         if (start_writer) {
             ASSERT_EQ(manager->start(), 0);
@@ -99,7 +98,7 @@ protected:
 
     test::TempDirectory directory;
     test::LogCapture capture{log::Level::INFO};
-    rc_ptr<Configuration> configuration;
+    RecordingSettings settings;
     WritingManagerStatistic statistic;
     MediaBufferPoolStatistic pool_statistic;
     MediaWriterStatistic writer_statistic;

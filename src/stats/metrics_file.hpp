@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "writer/report_snapshot.hpp"
+#include "stats/report_snapshot.hpp"
 
 // The recorder's counters for monitoring: every report period the report thread renders them in
 // the Prometheus text exposition format and replaces the file with them, for the node exporter's
@@ -13,7 +13,7 @@
 //
 // Threads: owned and used by the report thread alone.
 
-namespace qm::writer {
+namespace qm::stats {
 
 // What the metrics file shows besides the report's rows.
 struct ProcessMetrics {
@@ -47,4 +47,4 @@ private:
     std::string m_last_failure;
 };
 
-}  // namespace qm::writer
+}  // namespace qm::stats

@@ -15,10 +15,10 @@
 #include "core/thread.hpp"
 #include "media/packet_reader_statistic.hpp"
 #include "net/packet_ring.hpp"
+#include "stats/metrics_file.hpp"
+#include "stats/report_snapshot.hpp"
 #include "writer/media_buffer_pool_statistic.hpp"
 #include "writer/media_writer_statistic.hpp"
-#include "writer/metrics_file.hpp"
-#include "writer/report_snapshot.hpp"
 #include "writer/writing_manager_statistic.hpp"
 
 // The periodic statistics report: a thread that renders the counters of every pipeline component
@@ -32,7 +32,7 @@
 // report thread reads them without locks, so a report is a loose snapshot. The transfer settings
 // are kept but the report is only ever logged.
 
-namespace qm::writer {
+namespace qm::stats {
 
 // A byte count as digits, and from 1024 on with its size in binary units: "1536 (1.5KiB)".
 std::string bytes_to_string(std::uint64_t bytes);
@@ -87,9 +87,9 @@ public:
     static void print_spawned_symbol(std::ostream& out, char symbol);
 
     media::PacketReaderStatistic packet_reader{};
-    WritingManagerStatistic manager{};
-    MediaWriterStatistic writer{};
-    MediaBufferPoolStatistic pool{};
+    writer::WritingManagerStatistic manager{};
+    writer::MediaWriterStatistic writer{};
+    writer::MediaBufferPoolStatistic pool{};
 
     // The title shows `number` (the listening port) when `show_number` is set.
     bool show_number = false;
@@ -131,4 +131,4 @@ private:
     std::unique_ptr<MetricsFile> m_metrics;
 };
 
-}  // namespace qm::writer
+}  // namespace qm::stats

@@ -1,4 +1,4 @@
-#include "writer/storage_manager.hpp"
+#include "storage/storage_manager.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 #include "poll.hpp"
 #include "temp_directory.hpp"
 
-namespace qm::writer {
+namespace qm::storage {
 namespace {
 
 using ::testing::ElementsAre;
@@ -22,8 +22,7 @@ const std::string STOPPED = "STORAGE_MANAGER: cleanup stopped";
 class StorageManagerTest : public ::testing::Test {
 protected:
     StorageManagerTest() {
-        configuration->storage = storage().string();
-        configuration->storage_cleanup_algo = cleanup_algo::DU;
+        settings.storage_cleanup_algo = cleanup_algo::DU;
         std::filesystem::create_directories(storage());
     }
 
@@ -37,7 +36,7 @@ protected:
     std::filesystem::path storage() const { return directory.path() / "storage"; }
 
     std::vector<std::string> pass() {
-        StorageManager manager(configuration);
+        StorageManager manager(storage().string(), settings);
         capture.clear();
         manager.cleanup();
         return capture.texts();
@@ -55,12 +54,12 @@ protected:
 
     test::TempDirectory directory;
     test::LogCapture capture;
-    rc_ptr<Configuration> configuration = new Configuration();
+    CleanupSettings settings;
 };
 
 TEST_F(StorageManagerTest, DisabledPolicyStartsNoThread) {
-    configuration->storage_cleanup_policy = cleanup_policy::DISABLED;
-    StorageManager manager(configuration);
+    settings.storage_cleanup_policy = cleanup_policy::DISABLED;
+    StorageManager manager(storage().string(), settings);
 
     EXPECT_EQ(manager.start(), 0);
 
@@ -69,35 +68,36 @@ TEST_F(StorageManagerTest, DisabledPolicyStartsNoThread) {
 }
 
 TEST_F(StorageManagerTest, TimerZeroWarnsOnEveryCallAndGivesTheDefault) {
-    configuration->storage_cleanup_timer = 0;
-    const StorageManager manager(configuration);
+    settings.storage_cleanup_timer = 0;
+    const StorageManager manager(storage().string(), settings);
 
     EXPECT_EQ(manager.timer(), 60'000'000u);
     EXPECT_EQ(manager.timer(), 60'000'000u);
 
     const std::string warning = "STORAGE_MANAGER: adjusted timer to default value (60000000)";
     EXPECT_THAT(capture.texts(log::Level::WARNING), ElementsAre(warning, warning));
-    configuration->storage_cleanup_timer = 5;
-    EXPECT_EQ(manager.timer(), 5u);
+    settings.storage_cleanup_timer = 5;
+    const StorageManager other(storage().string(), settings);
+    EXPECT_EQ(other.timer(), 5u);
     EXPECT_EQ(capture.texts().size(), 2u);
 }
 
 TEST_F(StorageManagerTest, PassBelowTheThresholdOnlyMeasures) {
-    configuration->storage_cleanup_threshold = 1024.0L * 1024 * 1024;
+    settings.storage_cleanup_threshold = 1024.0L * 1024 * 1024;
     file("2024-01-01/00/00/leg/media.qm", 100);
 
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(100, 1073741824), STOPPED));
 }
 
 TEST_F(StorageManagerTest, DuOnAnEmptyStorageIsZeroAndGood) {
-    configuration->storage_cleanup_threshold = 1;
+    settings.storage_cleanup_threshold = 1;
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(0, 1), STOPPED));
 }
 
 // A day holding one hour holding one minute: all three go, and the newer day stays.
 TEST_F(StorageManagerTest, MinutePolicyRemovesTheMinuteThenTheParentsItEmptied) {
-    configuration->storage_cleanup_policy = cleanup_policy::MINUTE;
-    configuration->storage_cleanup_threshold = 15;
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 15;
     file("2024-01-01/00/00/leg/media.qm", 10);
     file("2024-01-02/05/07/leg/media.qm", 10);
 
@@ -108,8 +108,8 @@ TEST_F(StorageManagerTest, MinutePolicyRemovesTheMinuteThenTheParentsItEmptied) 
 }
 
 TEST_F(StorageManagerTest, MinutePolicyKeepsParentsThatStillHoldSomething) {
-    configuration->storage_cleanup_policy = cleanup_policy::MINUTE;
-    configuration->storage_cleanup_threshold = 15;
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 15;
     file("2024-01-01/00/00/leg/media.qm", 10);
     file("2024-01-01/00/01/leg/media.qm", 10);
 
@@ -119,8 +119,8 @@ TEST_F(StorageManagerTest, MinutePolicyKeepsParentsThatStillHoldSomething) {
 }
 
 TEST_F(StorageManagerTest, HourPolicyRemovesOldestHoursUntilBelowTheThreshold) {
-    configuration->storage_cleanup_policy = cleanup_policy::HOUR;
-    configuration->storage_cleanup_threshold = 25;
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 25;
     file("2024-01-01/00/00/a/media.qm", 10);
     file("2024-01-01/01/00/b/media.qm", 10);
     file("2024-01-02/00/00/c/media.qm", 10);
@@ -132,8 +132,8 @@ TEST_F(StorageManagerTest, HourPolicyRemovesOldestHoursUntilBelowTheThreshold) {
 }
 
 TEST_F(StorageManagerTest, DayPolicyRemovesTheOldestDayWhole) {
-    configuration->storage_cleanup_policy = cleanup_policy::DAY;
-    configuration->storage_cleanup_threshold = 25;
+    settings.storage_cleanup_policy = cleanup_policy::DAY;
+    settings.storage_cleanup_threshold = 25;
     file("2024-01-01/00/00/a/media.qm", 10);
     file("2024-01-01/07/30/b/media.qm", 10);
     file("2024-01-02/00/00/c/media.qm", 10);
@@ -143,8 +143,8 @@ TEST_F(StorageManagerTest, DayPolicyRemovesTheOldestDayWhole) {
 }
 
 TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesNothing) {
-    configuration->storage_cleanup_policy = cleanup_policy::HOUR;
-    configuration->storage_cleanup_threshold = 1;
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 1;
     file("2024-01-01/notes.txt", 10);
 
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
@@ -152,8 +152,8 @@ TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesN
 }
 
 TEST_F(StorageManagerTest, DisabledPolicyThatFindsTheStorageFullSaysSo) {
-    configuration->storage_cleanup_policy = cleanup_policy::DISABLED;
-    configuration->storage_cleanup_threshold = 1;
+    settings.storage_cleanup_policy = cleanup_policy::DISABLED;
+    settings.storage_cleanup_threshold = 1;
     file("2024-01-01/00/00/a/media.qm", 10);
 
     EXPECT_THAT(pass(),
@@ -162,7 +162,7 @@ TEST_F(StorageManagerTest, DisabledPolicyThatFindsTheStorageFullSaysSo) {
 
 TEST_F(StorageManagerTest, MissingStorageCannotBeMeasured) {
     std::filesystem::remove(storage());
-    configuration->storage_cleanup_threshold = 1;
+    settings.storage_cleanup_threshold = 1;
 
     const std::vector<std::string> by_files = pass();
     ASSERT_EQ(by_files.size(), 4u);
@@ -173,7 +173,7 @@ TEST_F(StorageManagerTest, MissingStorageCannotBeMeasured) {
         << by_files[1];
     EXPECT_EQ(by_files[2], "STORAGE_MANAGER: space check status [unknown]: 2");
 
-    configuration->storage_cleanup_algo = cleanup_algo::DF;
+    settings.storage_cleanup_algo = cleanup_algo::DF;
     const std::vector<std::string> by_volume = pass();
     ASSERT_EQ(by_volume.size(), 4u);
     EXPECT_EQ(by_volume[1].rfind("DISK_SPACE_CALCULATOR: failed to get space for \"" +
@@ -185,8 +185,8 @@ TEST_F(StorageManagerTest, MissingStorageCannotBeMeasured) {
 }
 
 TEST_F(StorageManagerTest, ThresholdAbove100PercentIsTakenAs100WithTwoWarnings) {
-    configuration->storage_cleanup_threshold = -150;
-    configuration->storage_cleanup_algo = cleanup_algo::DF;
+    settings.storage_cleanup_threshold = -150;
+    settings.storage_cleanup_algo = cleanup_algo::DF;
 
     pass();
 
@@ -200,7 +200,7 @@ TEST_F(StorageManagerTest, ThresholdAbove100PercentIsTakenAs100WithTwoWarnings) 
 }
 
 TEST_F(StorageManagerTest, ThresholdOf100PercentWarnsOnce) {
-    configuration->storage_cleanup_threshold = -100;
+    settings.storage_cleanup_threshold = -100;
 
     pass();
 
@@ -211,8 +211,8 @@ TEST_F(StorageManagerTest, ThresholdOf100PercentWarnsOnce) {
 
 // 0% is reached by every measure; with nothing to remove the pass ends.
 TEST_F(StorageManagerTest, ThresholdZeroIsZeroPercentWhichIsAlwaysExceeded) {
-    configuration->storage_cleanup_threshold = 0;
-    configuration->storage_cleanup_algo = cleanup_algo::DF;
+    settings.storage_cleanup_threshold = 0;
+    settings.storage_cleanup_algo = cleanup_algo::DF;
 
     const std::vector<std::string> texts = pass();
 
@@ -221,7 +221,7 @@ TEST_F(StorageManagerTest, ThresholdZeroIsZeroPercentWhichIsAlwaysExceeded) {
 }
 
 TEST_F(StorageManagerTest, ThresholdOfTenGigabytesIsABytesThreshold) {
-    configuration->storage_cleanup_threshold = 10.0L * 1024 * 1024 * 1024;
+    settings.storage_cleanup_threshold = 10.0L * 1024 * 1024 * 1024;
     file("a/b", 7);
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(7, 10737418240ULL), STOPPED));
 }
@@ -250,8 +250,8 @@ TEST(SpaceComparisonTest, NothingUsableIsAHundredPercent) {
 }
 
 TEST_F(StorageManagerTest, StopWakesTheThreadAtOnceBetweenPasses) {
-    configuration->storage_cleanup_timer = 3'600'000'000ULL;  // an hour
-    StorageManager manager(configuration);
+    settings.storage_cleanup_timer = 3'600'000'000ULL;  // an hour
+    StorageManager manager(storage().string(), settings);
 
     ASSERT_EQ(manager.start(), 0);
     ASSERT_TRUE(capture.wait_for("STORAGE_MANAGER: thread ["));
@@ -266,9 +266,9 @@ TEST_F(StorageManagerTest, StopWakesTheThreadAtOnceBetweenPasses) {
 }
 
 TEST_F(StorageManagerTest, ThreadRunsAPassEveryPeriod) {
-    configuration->storage_cleanup_timer = 1000;  // 1 ms
-    configuration->storage_cleanup_threshold = 1;
-    StorageManager manager(configuration);
+    settings.storage_cleanup_timer = 1000;  // 1 ms
+    settings.storage_cleanup_threshold = 1;
+    StorageManager manager(storage().string(), settings);
 
     ASSERT_EQ(manager.start(), 0);
     ASSERT_TRUE(test::poll_until([&] { return capture.count(STOPPED) >= 3; },
@@ -279,4 +279,4 @@ TEST_F(StorageManagerTest, ThreadRunsAPassEveryPeriod) {
 }
 
 }  // namespace
-}  // namespace qm::writer
+}  // namespace qm::storage

@@ -8,7 +8,7 @@
 // text and the metrics file of one period show the same numbers. Plain values; built and read by
 // the report thread (or a test).
 
-namespace qm::writer {
+namespace qm::stats {
 
 // One value line of the report and the name under which the metrics file exports it.
 struct ReportRow {
@@ -29,4 +29,4 @@ struct ReportSnapshot {
     std::vector<ReportRow> packet_reader;
 };
 
-}  // namespace qm::writer
+}  // namespace qm::stats

@@ -5,9 +5,8 @@
 #include <set>
 #include <string>
 
-#include "core/rc_ptr.hpp"
 #include "core/thread.hpp"
-#include "writer/configuration.hpp"
+#include "storage/cleanup_settings.hpp"
 
 // Keeps the recording storage from filling up. Every cleanup period its thread measures the
 // storage (the volume, "df", or the files under it, "du") against the threshold and, while the
@@ -17,11 +16,11 @@
 // name. A pass never removes the same directory twice: a removal that changed nothing ends it.
 //
 // Threads: built, started and stopped by the service's main thread, which also runs the first
-// pass itself before any thread starts. The thread only reads the configuration. It shares the
-// tree with the media writer without a lock: a leg whose directory is removed under it loses
-// its later buffers (counted by the writer).
+// pass itself before any thread starts. The thread only reads its own copy of the settings. It
+// shares the tree with the media writer without a lock: a leg whose directory is removed under it
+// loses its later buffers (counted by the writer).
 
-namespace qm::writer {
+namespace qm::storage {
 
 // How full the storage is, as one pass of the storage manager measures it ("df": the volume
 // that holds it; "du": the files under it) against its threshold (bytes, or a percentage of
@@ -37,7 +36,7 @@ enum class SpaceStatus : int {
 
 // Measures the storage and compares it with the threshold, logging the comparison (and a
 // measuring error). Warns about a percentage above or at 100, which is then taken as 100.
-SpaceStatus check_space(const Configuration& configuration);
+SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings);
 
 // The comparisons, each logging its line: used bytes against a byte threshold, and a used
 // percentage against a percent threshold (both numbers with two decimals).
@@ -53,7 +52,8 @@ public:
     // The period when `storage_cleanup_timer` is 0.
     static constexpr std::uint64_t DEFAULT_TIMER_US = 60'000'000;
 
-    explicit StorageManager(rc_ptr<Configuration> configuration);
+    // Cleans the recording tree under `storage` as `settings` say.
+    StorageManager(std::string storage, const CleanupSettings& settings);
     ~StorageManager() override;
 
     // Starts the thread, unless the policy is "disabled": then nothing starts and the result is
@@ -90,8 +90,9 @@ private:
     // Removes `path` if it is an empty directory now.
     void remove_if_empty(const std::string& path, std::set<std::string>& removed);
 
-    rc_ptr<Configuration> m_configuration;
+    const std::string m_storage;
+    const CleanupSettings m_settings;
     std::promise<void> m_stop;
 };
 
-}  // namespace qm::writer
+}  // namespace qm::storage

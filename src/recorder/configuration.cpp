@@ -1,4 +1,4 @@
-#include "writer/configuration.hpp"
+#include "recorder/configuration.hpp"
 
 #include <strings.h>
 
@@ -11,7 +11,7 @@
 #include "utils/str.hpp"
 #include "utils/time.hpp"
 
-namespace qm::writer {
+namespace qm::recorder {
 
 namespace {
 
@@ -160,7 +160,16 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "write_media") {
         return to_status(conf::try_parse_bool(value, write_media));
     }
+    if (key == "media_write_repair") {
+        return to_status(conf::try_parse_bool(value, media_write_repair));
+    }
+    if (key == "storage_cleanup_spare_open_legs") {
+        return to_status(conf::try_parse_bool(value, storage_cleanup_spare_open_legs));
+    }
+    if (key == "storage_cleanup_remove_empty") {
+        return to_status(conf::try_parse_bool(value, storage_cleanup_remove_empty));
+    }
     return StatExtension::set_value(key, value, detail);
 }
 
-}  // namespace qm::writer
+}  // namespace qm::recorder

@@ -1,4 +1,4 @@
-#include "writer/storage_manager.hpp"
+#include "storage/storage_manager.hpp"
 
 #include <sys/types.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@
 #include "log/logger.hpp"
 #include "utils/str.hpp"
 
-namespace qm::writer {
+namespace qm::storage {
 namespace {
 
 namespace fs = boost::filesystem;
@@ -223,15 +223,17 @@ std::string parent_of(const std::string& path) {
 
 }  // namespace
 
-StorageManager::StorageManager(rc_ptr<Configuration> configuration)
-    : m_configuration(std::move(configuration)) {}
+StorageManager::StorageManager(std::string storage, const CleanupSettings& settings)
+    : m_storage(std::move(storage)), m_settings(settings) {
+    set_name("qm-cleanup");
+}
 
 StorageManager::~StorageManager() {
     stop();
 }
 
 int StorageManager::start() {
-    if (m_configuration->storage_cleanup_policy == cleanup_policy::DISABLED) {
+    if (m_settings.storage_cleanup_policy == cleanup_policy::DISABLED) {
         return 0;
     }
     return Thread::start();
@@ -245,19 +247,13 @@ int StorageManager::stop() {
     request_stop();
     m_stop.set_value();
     const int result = join();
-    if (result == 0) {
-        QM_LOG_SYSTEM("STORAGE_MANAGER: thread [" << ::gettid() << "] stopped");
-    } else {
-        QM_LOG_WARNING("STORAGE_MANAGER: thread [" << ::gettid() << "] stopped with error ("
-                                                   << result << ")");
-    }
-    return result;
+    return QM_LOG_THREAD_STOPPED("STORAGE_MANAGER", result);
 }
 
 // The wait is measured on the steady clock, so that a change of the wall clock neither skips nor
 // repeats a pass.
 void StorageManager::run() {
-    QM_LOG_SYSTEM("STORAGE_MANAGER: thread [" << ::gettid() << "] started");
+    QM_LOG_THREAD_STARTED("STORAGE_MANAGER");
     const std::future<void> stopped = m_stop.get_future();
     while (is_running()) {
         const std::chrono::microseconds period(timer());
@@ -271,7 +267,7 @@ void StorageManager::run() {
 }
 
 std::uint64_t StorageManager::timer() const {
-    const std::uint64_t configured = m_configuration->storage_cleanup_timer;
+    const std::uint64_t configured = m_settings.storage_cleanup_timer;
     if (configured != 0) {
         return configured;
     }
@@ -292,7 +288,7 @@ void StorageManager::do_cleanup() {
 }
 
 bool StorageManager::exceeded() const {
-    const SpaceStatus status = check_space(*m_configuration);
+    const SpaceStatus status = check_space(m_storage, m_settings);
     if (status == SpaceStatus::unknown) {
         QM_LOG_ERROR("STORAGE_MANAGER: space check status [unknown]: " << static_cast<int>(status));
     }
@@ -300,7 +296,7 @@ bool StorageManager::exceeded() const {
 }
 
 bool StorageManager::remove_oldest(std::set<std::string>& removed) {
-    switch (m_configuration->storage_cleanup_policy) {
+    switch (m_settings.storage_cleanup_policy) {
         case cleanup_policy::DISABLED:
             QM_LOG_WARNING("STORAGE_MANAGER: cleanup is disabled");
             return false;
@@ -326,7 +322,7 @@ bool StorageManager::remove_oldest(std::set<std::string>& removed) {
         }
     }
     QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup policy: "
-                 << static_cast<int>(m_configuration->storage_cleanup_policy));
+                 << static_cast<int>(m_settings.storage_cleanup_policy));
     return false;
 }
 
@@ -358,7 +354,7 @@ void StorageManager::remove_if_empty(const std::string& path, std::set<std::stri
 }
 
 std::string StorageManager::get_day_path_for_cleanup() const {
-    return get_path_content_top(m_configuration->storage, DAYS_EXPECTED);
+    return get_path_content_top(m_storage, DAYS_EXPECTED);
 }
 
 std::string StorageManager::get_hour_path_for_cleanup() const {
@@ -371,17 +367,17 @@ std::string StorageManager::get_minute_path_for_cleanup() const {
     return hour.empty() ? std::string() : get_path_content_top(hour, MINUTES_EXPECTED);
 }
 
-SpaceStatus check_space(const Configuration& configuration) {
+SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings) {
     const std::unique_ptr<SpaceChecker> checker =
-        make_checker(configuration.storage_cleanup_threshold, configuration.storage);
-    switch (configuration.storage_cleanup_algo) {
+        make_checker(settings.storage_cleanup_threshold, storage);
+    switch (settings.storage_cleanup_algo) {
         case cleanup_algo::DF:
-            return checker->check(DiskSpaceCalculator::calc(configuration.storage));
+            return checker->check(DiskSpaceCalculator::calc(storage));
         case cleanup_algo::DU:
-            return checker->check(PathSpaceCalculator(configuration.storage));
+            return checker->check(PathSpaceCalculator(storage));
     }
     QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup algo ("
-                 << static_cast<int>(configuration.storage_cleanup_algo) << ")");
+                 << static_cast<int>(settings.storage_cleanup_algo) << ")");
     return SpaceStatus::unknown;
 }
 
@@ -416,4 +412,4 @@ double used_percent(std::uint64_t used, std::uint64_t base) {
     return static_cast<double>(used) / static_cast<double>(base) * 100;
 }
 
-}  // namespace qm::writer
+}  // namespace qm::storage

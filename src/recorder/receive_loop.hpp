@@ -17,7 +17,7 @@
 #include "net/packet_ring.hpp"
 #include "net/receive_batch.hpp"
 
-namespace qm::writer {
+namespace qm::recorder {
 
 // `consume(const std::uint8_t* data, std::uint64_t length)` is called for every datagram of at
 // least one byte. `SocketT` is net::Socket, or in tests a socket that derives from it.
@@ -90,4 +90,4 @@ void receive_blocks_until_stopped(RingT& ring, Consume&& consume, Flush&& flush)
     }
 }
 
-}  // namespace qm::writer
+}  // namespace qm::recorder

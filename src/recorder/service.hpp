@@ -4,9 +4,9 @@
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
 #include "net/packet_ring.hpp"
-#include "writer/configuration.hpp"
+#include "recorder/configuration.hpp"
 
-namespace qm::writer {
+namespace qm::recorder {
 
 // The recorder: the frame loads its configuration from /etc/varnholt/quillmar/writer.conf (or
 // "--config") and the "--args" assignments; `on_start` then builds the pipeline (UDP socket,
@@ -48,4 +48,4 @@ private:
                  media::PacketReader& reader);
 };
 
-}  // namespace qm::writer
+}  // namespace qm::recorder

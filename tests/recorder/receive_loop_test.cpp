@@ -1,4 +1,4 @@
-#include "writer/receive_loop.hpp"
+#include "recorder/receive_loop.hpp"
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -23,7 +23,7 @@
 #include "poll.hpp"
 #include "udp_loopback.hpp"
 
-namespace qm::writer {
+namespace qm::recorder {
 namespace {
 
 using namespace std::chrono_literals;
@@ -374,4 +374,4 @@ INSTANTIATE_TEST_SUITE_P(Modes, ReceiveLoopTest,
                          });
 
 }  // namespace
-}  // namespace qm::writer
+}  // namespace qm::recorder

@@ -1,4 +1,4 @@
-#include "writer/metrics_file.hpp"
+#include "stats/metrics_file.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@
 
 #include "log/logger.hpp"
 
-namespace qm::writer {
+namespace qm::stats {
 namespace {
 
 constexpr std::string_view PREFIX = "quillmarwriter_";
@@ -106,4 +106,4 @@ std::uint64_t MetricsFile::resident_bytes() {
     return resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
 
-}  // namespace qm::writer
+}  // namespace qm::stats

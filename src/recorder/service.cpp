@@ -1,4 +1,4 @@
-#include "writer/service.hpp"
+#include "recorder/service.hpp"
 
 #include <netinet/in.h>
 
@@ -12,13 +12,13 @@
 #include "log/logger.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
+#include "recorder/receive_loop.hpp"
+#include "stats/statistic_service.hpp"
+#include "storage/storage_manager.hpp"
 #include "utils/path.hpp"
-#include "writer/receive_loop.hpp"
-#include "writer/statistic_service.hpp"
-#include "writer/storage_manager.hpp"
 #include "writer/writing_manager.hpp"
 
-namespace qm::writer {
+namespace qm::recorder {
 namespace {
 
 constexpr mode_t STORAGE_MODE = 0755;
@@ -26,7 +26,7 @@ constexpr mode_t STORAGE_MODE = 0755;
 // Hands the report its settings and starts its thread; a report thread that cannot start
 // leaves the recorder running without reports.
 void start_statistics(const Configuration& configuration) {
-    StatisticService& statistics = StatisticService::Instance;
+    stats::StatisticService& statistics = stats::StatisticService::Instance;
     statistics.number = configuration.port;
     statistics.show_number = true;
     statistics.log_enabled = configuration.statistic_logging_enabled;
@@ -73,7 +73,7 @@ bool Service::on_start() {
     // One cleanup pass before any thread starts, then the report thread, then the cleanup
     // thread. A cleanup thread that cannot start leaves the recorder running without periodic
     // cleanup rather than refusing to record.
-    StorageManager storage(configuration);
+    storage::StorageManager storage(configuration->storage, *configuration);
     storage.cleanup();
     log_pending_signals();
     start_statistics(*configuration);
@@ -95,7 +95,7 @@ bool Service::on_start() {
     // Also when the socket could not be bound: no thread may log while the frame puts the
     // logger away.
     storage.stop();
-    StatisticService::Instance.stop();
+    stats::StatisticService::Instance.stop();
     ring.close();
     socket.close();
     return recorded;
@@ -105,14 +105,14 @@ void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring) {
     if (configuration->receive_ring_size > 0 &&
         ring.open(socket.local_port(), configuration->receive_ring_size)) {
         if (socket.discard_all()) {
-            StatisticService::Instance.watch_ring_drops(ring);
+            stats::StatisticService::Instance.watch_ring_drops(ring);
             return;
         }
         // A socket that kept its datagrams as well would overflow and drop them all.
         ring.close();
     }
     const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
-    StatisticService::Instance.watch_kernel_drops(socket.fd(), granted);
+    stats::StatisticService::Instance.watch_kernel_drops(socket.fd(), granted);
 }
 
 void Service::receive(net::Socket& socket, net::PacketRing& ring,
@@ -139,11 +139,11 @@ void Service::receive(net::Socket& socket, net::PacketRing& ring,
 bool Service::record(net::Socket& socket, net::PacketRing& ring,
                      net::Socket::ReadBuffer& read_buffer) {
     // The report's records outlive the components that count into them.
-    StatisticService& statistics = StatisticService::Instance;
-    std::unique_ptr<WritingManager> writing;
+    stats::StatisticService& statistics = stats::StatisticService::Instance;
+    std::unique_ptr<writer::WritingManager> writing;
     try {
-        writing = std::make_unique<WritingManager>(configuration, statistics.manager,
-                                                   statistics.pool, statistics.writer);
+        writing = std::make_unique<writer::WritingManager>(*configuration, statistics.manager,
+                                                           statistics.pool, statistics.writer);
     } catch (const std::bad_alloc&) {
         QM_LOG_ERROR("SERVICE: failed to allocate the media buffers");
         return false;
@@ -179,4 +179,4 @@ bool Service::record(net::Socket& socket, net::PacketRing& ring,
     return started == 0;
 }
 
-}  // namespace qm::writer
+}  // namespace qm::recorder

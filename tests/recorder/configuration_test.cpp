@@ -1,4 +1,4 @@
-#include "writer/configuration.hpp"
+#include "recorder/configuration.hpp"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include "log_capture.hpp"
 #include "temp_directory.hpp"
 
-namespace qm::writer {
+namespace qm::recorder {
 namespace {
 
 using log::Level;
@@ -45,6 +45,9 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->media_buffer_size, 0u);
     EXPECT_EQ(configuration->media_buffers_count, 0u);
     EXPECT_TRUE(configuration->write_media);
+    EXPECT_FALSE(configuration->media_write_repair);
+    EXPECT_FALSE(configuration->storage_cleanup_spare_open_legs);
+    EXPECT_FALSE(configuration->storage_cleanup_remove_empty);
     EXPECT_EQ(configuration->receive_buffer_size, 0u);
     EXPECT_EQ(configuration->receive_batch, 1u);
     EXPECT_EQ(configuration->receive_batch_delay, 0u);
@@ -75,6 +78,9 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_EQ(configuration->receive_batch_delay, 1000u);
     EXPECT_EQ(configuration->receive_ring_size, 33554432u);
     EXPECT_TRUE(configuration->flush_open_sessions_on_stop);
+    EXPECT_TRUE(configuration->media_write_repair);
+    EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
+    EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
     EXPECT_EQ(configuration->metrics_file, "");
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_TRUE(capture.texts(Level::ERROR).empty());
@@ -170,6 +176,21 @@ TEST_F(WriterConfigurationTest, BooleansAreCaseSensitive) {
     expect_refused("statistic_transfer_enabled", "yes");
     EXPECT_FALSE(configuration->write_media);
     EXPECT_FALSE(configuration->statistic_transfer_enabled);
+}
+
+TEST_F(WriterConfigurationTest, RepairAndCleanupSafeguardsAreBooleans) {
+    EXPECT_TRUE(configuration->parse_args(
+        "media_write_repair=true,storage_cleanup_spare_open_legs=true,"
+        "storage_cleanup_remove_empty=true"));
+    EXPECT_TRUE(configuration->media_write_repair);
+    EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
+    EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
+    expect_refused("media_write_repair", "yes");
+    expect_refused("storage_cleanup_spare_open_legs", "1");
+    expect_refused("storage_cleanup_remove_empty", "True");
+    EXPECT_TRUE(configuration->media_write_repair);
+    EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
+    EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
 }
 
 TEST_F(WriterConfigurationTest, CleanupAlgoAndPolicyNames) {
@@ -384,4 +405,4 @@ TEST(CleanupParsersTest, NamesLeaveOutAloneWhenRefused) {
 }
 
 }  // namespace
-}  // namespace qm::writer
+}  // namespace qm::recorder

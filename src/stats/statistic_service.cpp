@@ -1,4 +1,4 @@
-#include "writer/statistic_service.hpp"
+#include "stats/statistic_service.hpp"
 
 #include <arpa/inet.h>
 #include <sys/types.h>
@@ -17,7 +17,7 @@
 #include "log/logger.hpp"
 #include "net/net_socket.hpp"
 
-namespace qm::writer {
+namespace qm::stats {
 namespace {
 
 // Longest title or text that still fits inside the frame.
@@ -63,6 +63,7 @@ std::string bytes_to_string(std::uint64_t bytes) {
 }
 
 StatisticService::StatisticService() {
+    set_name("qm-report");
     transfer_address.sin_family = AF_INET;
     transfer_address.sin_port = 0;
     transfer_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -73,7 +74,7 @@ StatisticService::~StatisticService() {
 }
 
 void StatisticService::run() {
-    QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] started");
+    QM_LOG_THREAD_STARTED("STATISTIC_SERVICE");
     do {
         report_period();
     } while (wait_period());
@@ -99,13 +100,7 @@ int StatisticService::stop() {
         std::lock_guard lock(m_mutex);
         m_stopping = false;
     }
-    if (result == 0) {
-        QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] stopped");
-    } else {
-        QM_LOG_SYSTEM("STATISTIC_SERVICE: thread [" << ::gettid() << "] stopped with error ("
-                                                    << result << ")");
-    }
-    return result;
+    return QM_LOG_THREAD_STOPPED("STATISTIC_SERVICE", result);
 }
 
 void StatisticService::watch_kernel_drops(int fd, std::uint64_t receive_buffer) {
@@ -329,4 +324,4 @@ void StatisticService::print_spawned_symbol(std::ostream& out, char symbol) {
     out << std::string(LINE_WIDTH, symbol);
 }
 
-}  // namespace qm::writer
+}  // namespace qm::stats

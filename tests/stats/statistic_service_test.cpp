@@ -1,4 +1,4 @@
-#include "writer/statistic_service.hpp"
+#include "stats/statistic_service.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@
 #include "temp_directory.hpp"
 #include "udp_loopback.hpp"
 
-namespace qm::writer {
+namespace qm::stats {
 namespace {
 
 using ::testing::ElementsAre;
@@ -93,7 +93,7 @@ TEST(BytesToStringTest, FromOneKibibyteTheBinaryUnitFollows) {
 // Every counter set to a value of its own, byte counts in KiB, MiB and GiB.
 // A distinct value in every counter the report shows, and one it does not show.
 void set_every_counter(StatisticService& service) {
-    WritingManagerStatistic& manager = service.manager;
+    writer::WritingManagerStatistic& manager = service.manager;
     manager.session = 12;
     manager.session_zombie = 3;
     manager.session_audit_executions = 4;
@@ -393,4 +393,4 @@ TEST(StatisticServiceTest, TransferSettingsStartAsLoopbackPortZero) {
 }
 
 }  // namespace
-}  // namespace qm::writer
+}  // namespace qm::stats

@@ -8,28 +8,17 @@
 #include "conf/log_extension.hpp"
 #include "conf/port_extension.hpp"
 #include "conf/stat_extension.hpp"
+#include "storage/cleanup_settings.hpp"
+#include "writer/recording_settings.hpp"
 
 // The recorder's settings. Ownership: created with its defaults by the service frame, shared
 // through rc_ptr<Configuration>. Threads: written only by the main thread while it parses the file
 // and the "--args" string at start-up, before any worker thread exists; read-only by every thread
 // afterwards, so the fields are plain.
-namespace qm::writer {
+namespace qm::recorder {
 
-// How used storage space is measured.
-enum class cleanup_algo : std::int32_t {
-    // The whole volume, as df reports it.
-    DF = 0,
-    // The files under the storage directory, as du adds them up.
-    DU = 1,
-};
-
-// Which directories a cleanup pass removes, oldest first.
-enum class cleanup_policy : std::int32_t {
-    DISABLED = 0,
-    MINUTE = 1,
-    HOUR = 2,
-    DAY = 3,
-};
+using storage::cleanup_algo;
+using storage::cleanup_policy;
 
 // "df" or "du", exactly; leaves `out` alone otherwise.
 bool try_parse_cleanup_algo(const std::string& text, cleanup_algo& out);
@@ -48,22 +37,13 @@ bool try_parse_cleanup_threshold(const std::string& text, long double& out);
 // (the system takes an int). Leaves `out` alone when refused.
 bool try_parse_socket_bytes(const std::string& text, std::uint64_t& out);
 
+// The recording pipeline's and the cleanup's settings are bases of their own, so that each of
+// those subsystems is handed what it needs without knowing the recorder's configuration.
 class Configuration
-    : public conf::StatExtension<conf::PortExtension<conf::LogExtenstion<conf::Configuration>>> {
+    : public conf::StatExtension<conf::PortExtension<conf::LogExtenstion<conf::Configuration>>>,
+      public writer::RecordingSettings,
+      public storage::CleanupSettings {
 public:
-    // Root directory of the recordings; checked (and created) by the service at start.
-    std::string storage;
-    cleanup_algo storage_cleanup_algo = cleanup_algo::DF;
-    cleanup_policy storage_cleanup_policy = cleanup_policy::HOUR;
-    // Bytes when positive, a percentage negated when not: -90 is 90 %.
-    long double storage_cleanup_threshold = -90;
-    // Period of the cleanup pass, in microseconds.
-    std::uint64_t storage_cleanup_timer = 60000000;
-    // 0 leaves the choice to the media buffer pool.
-    std::uint64_t media_buffer_size = 0;
-    // 0 leaves the choice to the media buffer pool.
-    std::uint64_t media_buffers_count = 0;
-    bool write_media = true;
     // Receive buffer requested for the UDP socket, in bytes; 0 keeps the system's default.
     std::uint64_t receive_buffer_size = 0;
     // Datagrams read with one call, 1 to MAX_RECEIVE_BATCH; 1 reads them one by one.
@@ -90,4 +70,4 @@ protected:
                   std::ostringstream& detail) override;
 };
 
-}  // namespace qm::writer
+}  // namespace qm::recorder

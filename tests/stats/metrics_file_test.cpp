@@ -1,4 +1,4 @@
-#include "writer/metrics_file.hpp"
+#include "stats/metrics_file.hpp"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@
 #include "log_capture.hpp"
 #include "temp_directory.hpp"
 
-namespace qm::writer {
+namespace qm::stats {
 namespace {
 
 ReportSnapshot small_snapshot(std::uint64_t sessions, std::uint64_t lost) {
@@ -162,4 +162,4 @@ TEST(MetricsFileTest, ResidentMemoryIsThisProcesssOwn) {
 }
 
 }  // namespace
-}  // namespace qm::writer
+}  // namespace qm::stats

@@ -436,5 +436,20 @@ TEST_F(ToolE2eTest, InspectReadsARecordingAsSound) {
     }
 }
 
+// A file name that is not UTF-8 cannot go into a JSON document: the exception the JSON library
+// throws reaches the top of the program, which names it on one line and fails with 1 instead of
+// aborting.
+TEST_F(ToolE2eTest, ExceptionNoCommandForesawIsOneLineAndStatus1) {
+    const std::filesystem::path file = directory.path() / "\xff.qm";
+    std::ofstream(file) << "not a recording";
+
+    const ToolRun run = run_tool({"inspect", "--json", file.string()});
+
+    EXPECT_TRUE(run.status.exited_with(1)) << run.status.describe();
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "quillmar: [json.exception.type_error.316] invalid UTF-8 byte at index " +
+                           std::to_string(file.string().size() - 4) + ": 0xFF\n");
+}
+
 }  // namespace
 }  // namespace qm::test

@@ -1,14 +1,21 @@
 #include "tools/audio_export.hpp"
 
+#include <fcntl.h>
 #include <sndfile.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "io/io_media_channel.hpp"
@@ -77,6 +84,72 @@ void refuse_existing(const ExportOptions& options) {
         throw failure(options.output, "already exists (use --force to overwrite it)");
     }
 }
+
+// The export while it is written: a file of its own, created here beside the output so that
+// renaming it over the output is atomic. The output is touched only by that rename, once the audio
+// is whole and on disk; until then, and whatever fails, the file is removed and the output is as it
+// was.
+class PendingOutput {
+public:
+    // THROWS: std::runtime_error naming the output when the file cannot be created.
+    explicit PendingOutput(const std::filesystem::path& output) : m_output(output) {
+        // Names are random so that two exports to one output do not meet; O_EXCL makes the file
+        // ours, and 0666 gives it the permissions the user's umask gives any new file.
+        constexpr int ATTEMPTS = 16;
+        for (int attempt = 0; attempt < ATTEMPTS && m_fd < 0; ++attempt) {
+            m_path = output.parent_path() /
+                     ("." + output.filename().string() + "." + random_suffix() + ".part");
+            m_fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            if (m_fd < 0 && errno != EEXIST) {
+                break;
+            }
+        }
+        if (m_fd < 0) {
+            throw system_failure();
+        }
+    }
+
+    ~PendingOutput() {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        if (!m_published) {
+            ::unlink(m_path.c_str());
+        }
+    }
+
+    PendingOutput(const PendingOutput&) = delete;
+    PendingOutput& operator=(const PendingOutput&) = delete;
+
+    int fd() const { return m_fd; }
+
+    // Puts the file in the output's place, replacing what is there.
+    // REQUIRES: whatever wrote through fd() has finished.
+    void publish() {
+        if (::fsync(m_fd) != 0 || ::close(std::exchange(m_fd, -1)) != 0 ||
+            std::rename(m_path.c_str(), m_output.c_str()) != 0) {
+            throw system_failure();
+        }
+        m_published = true;
+    }
+
+private:
+    // The failure errno describes.
+    std::runtime_error system_failure() const {
+        return failure(m_output, std::string("cannot write: ") + std::strerror(errno));
+    }
+
+    static std::string random_suffix() {
+        char text[9];
+        std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(std::random_device{}()));
+        return text;
+    }
+
+    std::filesystem::path m_output;
+    std::filesystem::path m_path;
+    int m_fd = -1;
+    bool m_published = false;
+};
 
 // A frame on the timeline, its start counted from the timeline's origin.
 struct PlacedFrame {
@@ -268,28 +341,24 @@ ExportResult export_audio(const ExportOptions& options) {
         count_side(timeline.sides[1], timeline.length, result);
     }
 
-    // libsndfile creates the file before it finds out that it cannot write it: whatever went
-    // wrong, the output is removed rather than left half written. It did not exist or may be
-    // replaced, refuse_existing saw to that.
     const auto failed = [&options](const std::string& reason) {
-        std::error_code ignored;
-        std::filesystem::remove(options.output, ignored);
         return failure(options.output, "cannot write: " + reason);
     };
+    PendingOutput pending(options.output);
+    // Declared after `pending`: an abandoned sound file is closed before its file is removed.
     std::unique_ptr<SNDFILE, SoundFileCloser> sound(
-        sf_open(options.output.c_str(), SFM_WRITE, &info));
+        sf_open_fd(pending.fd(), SFM_WRITE, &info, SF_FALSE));
     if (!sound) {
         throw failed(sf_strerror(nullptr));
     }
     if (!write_sound(sound.get(), timeline, options.channels)) {
-        const std::string reason = sf_strerror(sound.get());
-        sound.reset();
-        throw failed(reason);
+        throw failed(sf_strerror(sound.get()));
     }
     const int closed = sf_close(sound.release());
     if (closed != 0) {
         throw failed(sf_error_number(closed));
     }
+    pending.publish();
     return result;
 }
 

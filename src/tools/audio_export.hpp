@@ -58,8 +58,11 @@ struct ExportResult {
 
 // THROWS: std::runtime_error, one line naming the file at fault, when the output's extension is
 // not one of the above, the output exists and `force` is not set, the input is not a readable
-// recording (RecordingError) or ends inside its header, or libsndfile fails (with its words). An
-// output libsndfile failed to write is removed.
+// recording (RecordingError) or ends inside its header, or libsndfile or the file system fails
+// (with its words). The audio is written to a new file beside the output, named
+// ".<output's name>.<random>.part", and renamed over the output once whole and on disk: on any
+// failure that file is removed and an existing output is left as it was. With `force` the rename
+// replaces the output itself, a symbolic link too, not the file it points to.
 ExportResult export_audio(const ExportOptions& options);
 
 // "OUT: 2 channels, 40000 samples (5.000 s at 8000 Hz), 3 gaps filled with 480 samples of

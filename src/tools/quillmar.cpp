@@ -2,6 +2,8 @@
 // verify what it recorded. Each subcommand lives in its own file; see "tools/tool_commands.hpp".
 
 #include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
 
 #include "build_version.hpp"
 #include "tools/tool_commands.hpp"
@@ -20,6 +22,10 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         // Help and version end with 0; every mistake on the command line is a usage error, 2.
         return app.exit(error) == 0 ? 0 : 2;
+    } catch (const std::exception& error) {
+        // What a subcommand did not foresee ends the program as a failure, not with an abort.
+        std::cerr << "quillmar: " << error.what() << std::endl;
+        return 1;
     }
     return status;
 }

@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sndfile.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -46,6 +49,43 @@ std::string contents_of(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
+
+// The names in a directory, sorted: what an export left behind.
+std::vector<std::string> names_in(const std::filesystem::path& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Files this process writes may not grow past `bytes` while it lives: a write beyond fails with
+// EFBIG (SIGXFSZ is ignored meanwhile), as on a full disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &m_old_limit);
+        sigaction(SIGXFSZ, nullptr, &m_old_action);
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGXFSZ, &ignore, nullptr);
+        rlimit limit = m_old_limit;
+        limit.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &m_old_limit);
+        sigaction(SIGXFSZ, &m_old_action, nullptr);
+    }
+
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit m_old_limit{};
+    struct sigaction m_old_action {};
+};
 
 // An audio file read back whole through libsndfile, samples interleaved.
 struct Audio {
@@ -328,6 +368,76 @@ TEST(AudioExportTest, ExistingOutputIsReplacedOnlyWithForce) {
 
     EXPECT_EQ(forced.status, 0);
     EXPECT_THAT(read_audio(output).samples, ElementsAre(1, -1, 2, -2, 0, -3, 0, -4, 3, 0, 4, 0));
+    EXPECT_THAT(names_in(dir.path()), ElementsAre("media.qm", "out.wav"));
+    // As for any new file: what the umask leaves of read and write for all.
+    const mode_t umask_now = ::umask(0);
+    ::umask(umask_now);
+    EXPECT_EQ(std::filesystem::status(output).permissions(),
+              static_cast<std::filesystem::perms>(0666 & ~umask_now));
+}
+
+// libsndfile refuses the output when opening it (FLAC at a million samples a second): the file
+// already there is left byte for byte, forced or not, and nothing else remains.
+TEST(AudioExportTest, OutputLibsndfileRefusesLeavesTheExistingOneAsItWas) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    const std::string output = dir.write_file("out.flac", "precious");
+
+    const CommandRun forced = run_export({input, "-o", output, "--rate", "1000000", "--force"});
+    const CommandRun unforced = run_export({input, "-o", output, "--rate", "1000000"});
+
+    EXPECT_EQ(forced.status, 2);
+    EXPECT_EQ(forced.out, "");
+    EXPECT_EQ(forced.err, "quillmar export: " + output +
+                              ": cannot write: Error : flac does not support this sample rate.\n");
+    EXPECT_EQ(unforced.status, 2);
+    EXPECT_EQ(unforced.err,
+              "quillmar export: " + output + ": already exists (use --force to overwrite it)\n");
+    EXPECT_EQ(contents_of(output), "precious");
+    EXPECT_THAT(names_in(dir.path()), ElementsAre("media.qm", "out.flac"));
+}
+
+// The disk fills part-way through ten million samples: the existing output is left byte for
+// byte, and what was written so far is removed.
+TEST(AudioExportTest, ExportThatFailsPartWayLeavesTheExistingOutputAsItWas) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, {1, 2}), frame(0, 10000000, {3, 4})})));
+    const std::string output = dir.write_file("out.wav", "precious");
+
+    CommandRun forced;
+    {
+        const FileSizeLimit limit(1 << 20);
+        forced = run_export({input, "-o", output, "--side", "0", "--force"});
+    }
+
+    EXPECT_EQ(forced.status, 2);
+    EXPECT_EQ(forced.out, "");
+    EXPECT_EQ(forced.err,
+              "quillmar export: " + output + ": cannot write: System error : File too large.\n");
+    EXPECT_EQ(contents_of(output), "precious");
+    EXPECT_THAT(names_in(dir.path()), ElementsAre("media.qm", "out.wav"));
+}
+
+// An input that cannot be read stops the export before any output is made.
+TEST(AudioExportTest, UnreadableInputLeavesTheExistingOutputAsItWas) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("notes.txt", "not a recording at all");
+    const std::string output = dir.write_file("out.wav", "precious");
+
+    const CommandRun forced = run_export({input, "-o", output, "--force"});
+    const CommandRun unforced = run_export({input, "-o", output});
+
+    EXPECT_EQ(forced.status, 2);
+    EXPECT_EQ(forced.err,
+              "quillmar export: " + input + ": not a media file (no \"QM\\0F\" magic)\n");
+    EXPECT_EQ(unforced.status, 2);
+    EXPECT_EQ(unforced.err,
+              "quillmar export: " + output + ": already exists (use --force to overwrite it)\n");
+    EXPECT_EQ(forced.out + unforced.out, "");
+    EXPECT_EQ(contents_of(output), "precious");
+    EXPECT_THAT(names_in(dir.path()), ElementsAre("notes.txt", "out.wav"));
 }
 
 // Ten million samples of silence between two frames: the output has the exact length and the

@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <string>
 #include <vector>
+
+#include "log_capture.hpp"
 
 namespace qm {
 namespace {
@@ -22,20 +26,23 @@ std::vector<int> blockable_signals() {
     return signals;
 }
 
-// Records the signal mask its thread runs with.
+// Records the signal mask and the name its thread runs with.
 class MaskProbe : public Thread {
 public:
     void run() override {
         pthread_sigmask(SIG_BLOCK, nullptr, &m_mask);
+        pthread_getname_np(pthread_self(), m_name, sizeof m_name);
         // Release: the mask is written before the flag says so.
         m_recorded.store(true, std::memory_order_release);
     }
 
     bool recorded() const { return m_recorded.load(std::memory_order_acquire); }
     const sigset_t& mask() const { return m_mask; }
+    std::string name() const { return m_name; }
 
 private:
     sigset_t m_mask{};
+    char m_name[16]{};
     std::atomic<bool> m_recorded{false};
 };
 
@@ -80,6 +87,40 @@ TEST(ThreadTest, StartLeavesTheCreatorsMaskAsItWas) {
     for (const int signal : blockable_signals()) {
         EXPECT_EQ(sigismember(&after, signal), signal == SIGUSR1 ? 1 : 0) << "signal " << signal;
     }
+}
+
+TEST(ThreadTest, RunsUnderItsNameOrTheDefaultOne) {
+    MaskProbe unnamed;
+    MaskProbe named;
+    named.set_name("qm-probe");
+
+    ASSERT_EQ(unnamed.start(), 0);
+    ASSERT_EQ(named.start(), 0);
+    ASSERT_EQ(unnamed.stop(), 0);
+    ASSERT_EQ(named.stop(), 0);
+
+    ASSERT_TRUE(unnamed.recorded());
+    ASSERT_TRUE(named.recorded());
+    EXPECT_EQ(unnamed.name(), "qm-worker");
+    EXPECT_EQ(named.name(), "qm-probe");
+}
+
+TEST(ThreadTest, StartAndStopLinesNameTheComponentTheCallerAndTheOutcome) {
+    test::LogCapture capture;
+    const std::string tid = std::to_string(::gettid());
+
+    const int first = __LINE__ + 1;
+    QM_LOG_THREAD_STARTED("PROBE");
+    EXPECT_EQ(QM_LOG_THREAD_STOPPED("PROBE", 0), 0);
+    EXPECT_EQ(QM_LOG_THREAD_STOPPED("PROBE", 22), 22);
+
+    const auto place = [first](int offset) {
+        return "| thread_test.cpp:" + std::to_string(first + offset) + " | PROBE: thread [";
+    };
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{
+                                   "SYSTEM  " + place(0) + tid + "] started",
+                                   "SYSTEM  " + place(1) + tid + "] stopped",
+                                   "WARNING " + place(2) + tid + "] stopped with error (22)"}));
 }
 
 }  // namespace

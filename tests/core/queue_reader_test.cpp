@@ -150,8 +150,8 @@ protected:
 
 // Starts `reader` on an empty queue and expects its first two empty-value ticks each a whole
 // second at least after the start and after each other: the waits run on the monotonic clock,
-// which steady_clock reads too. How late a wait wakes is the benchmark's to show, not a bound
-// here.
+// which steady_clock reads too. How late a wait wakes is for BM_TimedWaitOnEmptyQueue in
+// bench/queue_benchmark.cpp to show, not a bound here.
 template <typename Reader>
 void expect_two_ticks_at_least_one_second_apart(Reader& reader, const Probe& probe) {
     const auto started = Clock::now();

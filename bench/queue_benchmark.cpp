@@ -1,11 +1,13 @@
 // One producer and one consumer thread hand 64-bit values over: the recorder's lock-free ring
-// against a mutex-guarded std::deque. Reported per element handed over.
+// against a mutex-guarded std::deque. Reported per element handed over. Also a timed wait on an
+// empty queue, reported per wait.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <memory>
 
 #include "channel.hpp"
+#include "core/queue.hpp"
 
 namespace qm::bench {
 namespace {
@@ -30,6 +32,23 @@ void BM_HandOver(benchmark::State& state) {
 
 BENCHMARK(BM_HandOver<RingChannel<std::uint64_t>>)->Threads(2)->UseRealTime();
 BENCHMARK(BM_HandOver<LockedDequeChannel<std::uint64_t>>)->Threads(2)->UseRealTime();
+
+// A reader's timed wait on an empty queue, its period given in microseconds: the time per wait
+// beyond the period is how late the system wakes a reader for its tick.
+void BM_TimedWaitOnEmptyQueue(benchmark::State& state) {
+    Queue<std::uint64_t, 16, true> queue;
+    const auto period_ns = static_cast<std::uint64_t>(state.range(0)) * 1000;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(queue.wait(period_ns, [] { return false; }));
+    }
+}
+
+BENCHMARK(BM_TimedWaitOnEmptyQueue)
+    ->ArgName("period_us")
+    ->Arg(1000)
+    ->Arg(20000)
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace qm::bench

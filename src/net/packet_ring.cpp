@@ -44,6 +44,15 @@ std::uint32_t add_words(std::uint32_t sum, std::span<const std::uint8_t> bytes) 
     return sum;
 }
 
+// True when the ones' complement sum `sum` (with its carries not yet folded in) is all ones, as
+// it is over a header or datagram whose checksum holds.
+bool sums_to_all_ones(std::uint32_t sum) {
+    while (sum > 0xffff) {
+        sum = (sum & 0xffff) + (sum >> 16);
+    }
+    return sum == 0xffff;
+}
+
 // The filter, run by the system on every IPv4 packet before it is copied into the ring (offset
 // 0 is the IP header): packets for this host, UDP, unfragmented, to `port`.
 struct PortFilter {
@@ -82,11 +91,11 @@ bool udp_checksum_holds(std::span<const std::uint8_t> packet) {
     // The pseudo-header: both addresses, the protocol and the UDP length.
     std::uint32_t sum = add_words(0, packet.subspan(12, 8));
     sum += UDP_PROTOCOL + static_cast<std::uint32_t>(datagram.size());
-    sum = add_words(sum, datagram);
-    while (sum > 0xffff) {
-        sum = (sum & 0xffff) + (sum >> 16);
-    }
-    return sum == 0xffff;
+    return sums_to_all_ones(add_words(sum, datagram));
+}
+
+bool ipv4_header_checksum_holds(std::span<const std::uint8_t> packet) {
+    return sums_to_all_ones(add_words(0, packet.first((packet[0] & 0x0f) * 4u)));
 }
 
 std::optional<std::span<const std::uint8_t>> udp_payload(std::span<const std::uint8_t> packet,
@@ -102,6 +111,11 @@ std::optional<std::span<const std::uint8_t>> udp_payload(std::span<const std::ui
     }
     const std::size_t datagram = read16(&packet[header + 4]);
     if (datagram < UDP_HEADER || header + datagram > total) {
+        return std::nullopt;
+    }
+    // The ring takes packets before the system's IP layer has checked them; no card or system
+    // vouches for this checksum.
+    if (!ipv4_header_checksum_holds(packet)) {
         return std::nullopt;
     }
     if (!checksum_trusted && !udp_checksum_holds(packet.first(total))) {

@@ -8,11 +8,14 @@
 // instead of one per datagram. The UDP socket stays bound to the port (so that senders get no
 // "port unreachable") but discards what it receives.
 //
-// What the ring sees has not been through the system's UDP checks, so every packet is checked
-// again here: an IPv4 header, UDP, no fragment, consistent lengths, and the UDP checksum unless
-// the system vouches for it. A packet that fails is counted as discarded and not handed on.
-// Datagrams that arrive in fragments are not taken at all (the filter passes none; none of them
-// fits the largest media packet anyway).
+// What the ring sees has not been through the system's IP and UDP checks, so every packet is
+// checked again here: an IPv4 header whose checksum holds, UDP, no fragment, consistent lengths,
+// and the UDP checksum unless the system vouches for it. A packet that fails is counted as
+// discarded and not handed on. Datagrams that arrive in fragments are not taken at all (the filter
+// passes none; none of them fits the largest media packet anyway).
+//
+// The ring takes its copy before the system's firewall (netfilter's INPUT chain) sees the
+// datagram: a rule that drops datagrams to the port does not keep them from the ring.
 //
 // Needs CAP_NET_RAW. Threads: opened, read and closed by the receiving thread; `take_discarded`
 // and the drop count may be called from any thread while it is open.
@@ -34,6 +37,10 @@ namespace qm::net {
 // computed or verified it).
 std::optional<std::span<const std::uint8_t>> udp_payload(std::span<const std::uint8_t> packet,
                                                          bool checksum_trusted);
+
+// True when the header checksum of the IPv4 packet `packet` holds.
+// REQUIRES: `packet` holds a whole IPv4 header of its stated length.
+bool ipv4_header_checksum_holds(std::span<const std::uint8_t> packet);
 
 // True when the UDP checksum of the unfragmented IPv4 packet `packet` holds (or is 0: none).
 // REQUIRES: `packet` holds a whole IPv4 header of its stated length and the whole UDP datagram.

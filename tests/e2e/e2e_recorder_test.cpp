@@ -5,9 +5,7 @@
 #include <signal.h>
 
 #include <array>
-#include <chrono>
 #include <filesystem>
-#include <iostream>
 #include <regex>
 #include <string>
 #include <utility>
@@ -143,46 +141,15 @@ TEST_F(RecorderPacketE2eTest, DataForAnUnknownIdWarnsOnceAndItsNextPacketIsQuiet
     EXPECT_TRUE(stop(process).exited_with(0));
 }
 
-// The stop lines, each once and in this order, with the main thread's id (the process id) in the
-// packet reader's line: the reader is stopped from the main thread.
-void expect_orderly_stop(const ChildProcess& process, int signal) {
-    const std::vector<LogLine> lines = log_lines(process);
-    const std::string pid = std::to_string(process.pid());
-    const std::vector<std::string> in_order = {
-        "SERVICE: signal " + std::to_string(signal) + " has been received",
-        "SERVICE: application stop has been requested",
-        "PACKETS_READER: thread [" + pid + "] stopped",
-        "SERVICE: [quillmarwriter] main thread [" + pid + "] stopped",
-    };
-    long previous = -1;
-    for (const std::string& text : in_order) {
-        const long index = text_index(lines, text);
-        EXPECT_GT(index, previous) << text << "\n" << process.standard_error();
-        previous = index;
-    }
-    EXPECT_EQ(lines.back().text, in_order.back());
-}
-
 TEST_F(RecorderE2eTest, TermWhileIdleStopsAtOnceWithZero) {
     ChildProcess& process = start_recorder();
 
-    const auto signalled = std::chrono::steady_clock::now();
     const ExitStatus status = stop(process, SIGTERM);
-    const auto latency = std::chrono::duration_cast<std::chrono::microseconds>(
-        std::chrono::steady_clock::now() - signalled);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
-    EXPECT_LT(latency, std::chrono::milliseconds(500));
-    RecordProperty("stop_latency_us", static_cast<int>(latency.count()));
     expect_orderly_stop(process, SIGTERM);
-    // Inside the recorder: from the signal's line to the main thread's last line.
-    const std::vector<LogLine> lines = log_lines(process);
-    const long received = text_index(lines, "SERVICE: signal 15 has been received");
-    ASSERT_GE(received, 0);
-    const std::int64_t inside_us = lines.back().time_us - lines[received].time_us;
-    std::cout << "stop latency: " << latency.count() << " us until reaped, " << inside_us
-              << " us from the signal to the last line\n";
-    // The interrupted read is what ends the loop.
+    // The interrupted read is what ends the loop at once, not a timeout: the recorder has none
+    // while idle. (bench/qm_stop_benchmarks measures how long the stop takes.)
     EXPECT_TRUE(has_line(
         process.error_lines(),
         line_pattern("INFO   ", "net_socket\\.cpp", R"(SOCKET\[\d+\]: system interrupted call)")));

@@ -107,6 +107,26 @@ inline bool has_line(const std::vector<std::string>& lines, const std::regex& pa
                        [&](const std::string& line) { return std::regex_match(line, pattern); });
 }
 
+// The stop lines, each once and in this order, with the main thread's id (the process id) in the
+// packet reader's line: the reader is stopped from the main thread.
+inline void expect_orderly_stop(const ChildProcess& process, int signal) {
+    const std::vector<LogLine> lines = log_lines(process);
+    const std::string pid = std::to_string(process.pid());
+    const std::vector<std::string> in_order = {
+        "SERVICE: signal " + std::to_string(signal) + " has been received",
+        "SERVICE: application stop has been requested",
+        "PACKETS_READER: thread [" + pid + "] stopped",
+        "SERVICE: [quillmarwriter] main thread [" + pid + "] stopped",
+    };
+    long previous = -1;
+    for (const std::string& text : in_order) {
+        const long index = text_index(lines, text);
+        EXPECT_GT(index, previous) << text << "\n" << process.standard_error();
+        previous = index;
+    }
+    EXPECT_EQ(lines.back().text, in_order.back());
+}
+
 // The receive queue of one UDP socket as the kernel reports it in /proc/net/udp.
 struct UdpQueue {
     std::uint64_t queued_bytes = 0;

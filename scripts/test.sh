@@ -35,14 +35,18 @@ configure build-tsan -DQM_SANITIZE=thread -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_B
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     ctest --test-dir build-tsan --output-on-failure
 
-echo "== packet reader fuzzing (${fuzz_seconds} s)"
+echo "== fuzzing: packet reader ${fuzz_seconds} s, beside it configuration parser ${config_fuzz_seconds} s then media file reader ${media_fuzz_seconds} s"
 configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQM_BUILD_TESTS=OFF -DQM_BUILD_BENCHMARKS=OFF
-./scripts/fuzz.sh build-fuzz packet_reader "$fuzz_seconds"
-echo "== configuration parser fuzzing (${config_fuzz_seconds} s)"
-./scripts/fuzz.sh build-fuzz config_parser "$config_fuzz_seconds"
-echo "== media file reader fuzzing (${media_fuzz_seconds} s)"
-./scripts/fuzz.sh build-fuzz media_file "$media_fuzz_seconds"
+# A fuzzer runs on one core: the two lines run side by side, each into its own log, shown after.
+./scripts/fuzz.sh build-fuzz packet_reader "$fuzz_seconds" >build-fuzz/packet_reader.log 2>&1 &
+packet_reader_fuzzing=$!
+status=0
+{ ./scripts/fuzz.sh build-fuzz config_parser "$config_fuzz_seconds" &&
+    ./scripts/fuzz.sh build-fuzz media_file "$media_fuzz_seconds"; } >build-fuzz/files.log 2>&1 || status=$?
+wait "$packet_reader_fuzzing" || status=$?
+tail -n 20 build-fuzz/packet_reader.log build-fuzz/files.log
+[ "$status" -eq 0 ] || { echo "fuzzing found a fault (status $status)"; exit 1; }
 
 echo "== optimised build: all tests"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none -DQM_BUILD_TESTS=ON \

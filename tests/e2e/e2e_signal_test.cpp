@@ -97,6 +97,10 @@ protected:
     std::mt19937 random{20261122};
 };
 
+// A stop ends the recorder in milliseconds; this only tells a hang from a machine so loaded that
+// the stop is slow, and is no measure of its speed (bench/ has that).
+constexpr auto HANG = std::chrono::seconds(30);
+
 // The hang that this guards against: a stop whose handler interrupted the daemon's syslog() call
 // of the configuration echo and then waited for the system log's lock, which its own thread held.
 TEST_F(SignalE2eTest, DetachedRecorderStoppedAsSoonAsItsPidFileAppearsAlwaysEnds) {
@@ -119,9 +123,9 @@ TEST_F(SignalE2eTest, DetachedRecorderStoppedAsSoonAsItsPidFileAppearsAlwaysEnds
         ASSERT_TRUE(daemon.has_value()) << "run " << run << ": no pid file";
         pause_for(std::chrono::microseconds(delay_us(random)));
         ASSERT_EQ(::kill(*daemon, SIGTERM), 0) << "run " << run;
-        const std::optional<ExitStatus> ended = reaper.wait_for(*daemon, 3000ms);
+        const std::optional<ExitStatus> ended = reaper.wait_for(*daemon, HANG);
 
-        ASSERT_TRUE(ended.has_value()) << "run " << run << ": the daemon did not end within 3 s";
+        ASSERT_TRUE(ended.has_value()) << "run " << run << ": the daemon hung at its stop";
         outcomes.count(*ended);
         EXPECT_TRUE(finish(parent).exited_with(0)) << "run " << run;
     }
@@ -155,9 +159,9 @@ TEST_F(SignalE2eTest, ForegroundRecorderStoppedRightAfterItsStartAlwaysEnds) {
         }
         ASSERT_TRUE(process.send_signal(SIGTERM)) << "run " << run;
 
-        const std::optional<ExitStatus> ended = process.wait_exit(3000ms);
+        const std::optional<ExitStatus> ended = process.wait_exit(HANG);
 
-        ASSERT_TRUE(ended.has_value()) << "run " << run << ": the recorder did not end within 3 s\n"
+        ASSERT_TRUE(ended.has_value()) << "run " << run << ": the recorder hung at its stop\n"
                                        << process.standard_error();
         outcomes.count(*ended);
         if (ended->exited_with(0)) {

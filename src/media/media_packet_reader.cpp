@@ -7,6 +7,7 @@
 #include "log/logger.hpp"
 #include "media/packet_header.hpp"
 #include "media/packet_trace.hpp"
+#include "media/wire_format.hpp"
 
 namespace qm::media {
 

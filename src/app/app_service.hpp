@@ -77,8 +77,10 @@ public:
 
     // Clears the flags and the signals not yet logged, creates the doorbell (once per process),
     // ignores SIGPIPE and installs `signals_handler` for SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1
-    // and SIGUSR2, without SA_RESTART, so that a signal also interrupts a blocking call.
-    static void signals_subscribe();
+    // and SIGUSR2, without SA_RESTART, so that a signal also interrupts a blocking call. False,
+    // after an ERROR line, when the doorbell cannot be created or a disposition cannot be set; the
+    // dispositions set before the failure stay.
+    [[nodiscard]] static bool signals_subscribe();
 
     // Runs in signal context: counts `signal`, sets its flag and rings the doorbell. It takes no
     // lock, allocates nothing, calls nothing but write(2) and keeps errno as it found it.
@@ -147,6 +149,9 @@ private:
     // for options without one). Returns a `parse_args` result.
     int apply_option(Option option, const std::string& typed, const std::string& value);
     void log_start_up(int argc, char** argv) const;
+    // The end of every `start` past the command line: closes the sink, allows the next `start`
+    // and returns `status`.
+    int finish(int status);
     void switch_to_daemon();
 };
 

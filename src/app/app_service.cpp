@@ -133,7 +133,7 @@ void log_pending(Select select) {
 }
 
 // Installs `action` for `signal`; a failure is logged, as the frame logs every failed system call.
-bool install(int signal, const struct sigaction& action) {
+[[nodiscard]] bool install(int signal, const struct sigaction& action) {
     if (::sigaction(signal, &action, nullptr) != 0) {
         const int error = errno;
         QM_LOG_ERROR("SERVICE: failed to subscribe to signal " << signal << "; error [" << error

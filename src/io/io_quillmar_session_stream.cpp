@@ -49,7 +49,7 @@ public:
 
     std::uint16_t id() const override { return m_side; }
 
-    int read(MediaFrame& frame) override {
+    [[nodiscard]] int read(MediaFrame& frame) override {
         if (!m_current) {
             return 0;
         }

@@ -19,7 +19,7 @@ namespace {
 }
 
 // Writes the pid in decimal, creating or truncating the file.
-bool write_pid_file(const std::string& path) {
+[[nodiscard]] bool write_pid_file(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "w");
     if (file == nullptr) {
         const int error = errno;

@@ -10,11 +10,12 @@
 
 namespace qm::app {
 
-// Sends `state` to the service manager; false when none listens or the send failed.
+// Sends `state` to the service manager; false when none listens or the send failed. Telling is
+// best effort (most runs have no manager), so callers may ignore the result.
 bool notify_service_manager(std::string_view state);
 
 // Sends `state` as one datagram to the Unix datagram socket `path` ("@name" for the abstract
 // namespace), as a service manager expects it; false when the socket cannot be reached.
-bool notify_socket_send(const char* path, std::string_view state);
+[[nodiscard]] bool notify_socket_send(const char* path, std::string_view state);
 
 }  // namespace qm::app

@@ -132,6 +132,17 @@ void log_pending(Select select) {
     }
 }
 
+// Installs `action` for `signal`; a failure is logged, as the frame logs every failed system call.
+[[nodiscard]] bool install(int signal, const struct sigaction& action) {
+    if (::sigaction(signal, &action, nullptr) != 0) {
+        const int error = errno;
+        QM_LOG_ERROR("SERVICE: failed to subscribe to signal " << signal << "; error [" << error
+                                                               << "]: " << std::strerror(error));
+        return false;
+    }
+    return true;
+}
+
 // Clears a flag before the handlers that set it are installed; the fence keeps the clearing
 // ahead of the installation.
 template <typename T>
@@ -167,7 +178,9 @@ int ServiceBase::start(int argc, char** argv) {
     if (supports_daemon_mode() && daemon_mode) {
         switch_to_daemon();
     }
-    signals_subscribe();
+    if (!signals_subscribe()) {
+        return finish(STATUS_FAILURE);
+    }
 
     const pid_t thread_id = ::gettid();
     QM_LOG_SYSTEM("SERVICE: [" << service_name << "] main thread [" << thread_id << "] started");
@@ -179,8 +192,11 @@ int ServiceBase::start(int argc, char** argv) {
     }
     log_pending_signals();
     QM_LOG_SYSTEM("SERVICE: [" << service_name << "] main thread [" << thread_id << "] stopped");
-    on_logger_close();
+    return finish(status);
+}
 
+int ServiceBase::finish(int status) {
+    on_logger_close();
     running.store(false, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_seq_cst);
     return status;
@@ -331,7 +347,7 @@ void ServiceBase::switch_to_daemon() {
     switch_to_daemon_mode(std::move(args));
 }
 
-void ServiceBase::signals_subscribe() {
+bool ServiceBase::signals_subscribe() {
     clear_flag(m_signal_stop);
     clear_flag(m_signal_update);
     clear_flag(m_signal_user1);
@@ -340,17 +356,32 @@ void ServiceBase::signals_subscribe() {
         count.store(0, std::memory_order_relaxed);
     }
     if (doorbell.load(std::memory_order_relaxed) < 0) {
-        doorbell.store(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), std::memory_order_relaxed);
+        const int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (fd < 0) {
+            const int error = errno;
+            QM_LOG_ERROR("SERVICE: failed to create the signal doorbell; error ["
+                         << error << "]: " << std::strerror(error));
+            return false;
+        }
+        doorbell.store(fd, std::memory_order_relaxed);
     }
     empty_doorbell();
-    ::signal(SIGPIPE, SIG_IGN);
+    struct sigaction ignoring {};
+    ignoring.sa_handler = SIG_IGN;
+    sigemptyset(&ignoring.sa_mask);
+    if (!install(SIGPIPE, ignoring)) {
+        return false;
+    }
     std::memset(&signalling, 0, sizeof signalling);
     signalling.sa_sigaction = &signals_handler;
     signalling.sa_flags = SA_SIGINFO;  // and no SA_RESTART: a signal must interrupt blocking calls
     sigemptyset(&signalling.sa_mask);
     for (const int signal : SUBSCRIBED_SIGNALS) {
-        ::sigaction(signal, &signalling, nullptr);
+        if (!install(signal, signalling)) {
+            return false;
+        }
     }
+    return true;
 }
 
 void ServiceBase::signals_handler(int signal, siginfo_t*, void*) {

@@ -61,7 +61,7 @@ public:
     ServiceBase& operator=(const ServiceBase&) = delete;
 
     // The whole life of the service; returns the process exit status (0, 1 or 10).
-    int start(int argc, char** argv);
+    [[nodiscard]] int start(int argc, char** argv);
 
     // Sets `exec_path` from argv[0] and returns the arguments after it that `parse_args` must
     // see; "--daemon"/"-d" set `daemon_mode` here already (when the service supports it).
@@ -69,7 +69,7 @@ public:
     Arguments pre_parse_args(int argc, char** argv);
 
     // Applies the frame's options: 0 go on, 1 help requested, anything else stop with status 1.
-    int parse_args(Arguments& args);
+    [[nodiscard]] int parse_args(Arguments& args);
 
     // Adds a comma-separated list of key=value assignments to `config_args`; without `append` the
     // value goes in front of what is there.
@@ -77,8 +77,10 @@ public:
 
     // Clears the flags and the signals not yet logged, creates the doorbell (once per process),
     // ignores SIGPIPE and installs `signals_handler` for SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1
-    // and SIGUSR2, without SA_RESTART, so that a signal also interrupts a blocking call.
-    static void signals_subscribe();
+    // and SIGUSR2, without SA_RESTART, so that a signal also interrupts a blocking call. False,
+    // after an ERROR line, when the doorbell cannot be created or a disposition cannot be set; the
+    // dispositions set before the failure stay.
+    [[nodiscard]] static bool signals_subscribe();
 
     // Runs in signal context: counts `signal`, sets its flag and rings the doorbell. It takes no
     // lock, allocates nothing, calls nothing but write(2) and keeps errno as it found it.
@@ -109,19 +111,19 @@ protected:
     // Runs after the start-up lines and before the daemon switch.
     virtual void on_pre_start() {}
     // The service's work; false ends the process with status 1.
-    virtual bool on_start() { return true; }
+    [[nodiscard]] virtual bool on_start() { return true; }
     // Runs when "--help"/"-h" is given, then the process exits with 0.
     virtual void help() = 0;
     // Builds what `on_start` needs (the configuration); false ends the process with status 1.
-    virtual bool do_start() = 0;
+    [[nodiscard]] virtual bool do_start() = 0;
     // An argument the frame does not know. `current` points at it; the override leaves it at the
     // last argument it consumed (never at `end`) and returns 0 to go on, anything else to stop.
     // The frame's own answer is -1: unknown, stop without a message.
-    virtual int parse_arg(ArgumentIterator& current, ArgumentIterator end);
+    [[nodiscard]] virtual int parse_arg(ArgumentIterator& current, ArgumentIterator end);
     // Sees each argument before the command line is parsed; true drops the argument. `argc` and
     // `argv` describe the arguments after `arg`: an override that consumes some of them advances
     // `argv` and lowers `argc`. The frame's own answer is false: keep it.
-    virtual bool pre_parse_arg(const std::string& arg, int& argc, char**& argv);
+    [[nodiscard]] virtual bool pre_parse_arg(const std::string& arg, int& argc, char**& argv);
     // Installs the standard-error sink, or the system-log sink in daemon mode.
     virtual void on_logger_open();
     // Closes the sink and installs the discarding one.
@@ -145,8 +147,12 @@ protected:
 private:
     // Applies one option of the table; `typed` is the option as given, `value` its argument (empty
     // for options without one). Returns a `parse_args` result.
-    int apply_option(Option option, const std::string& typed, const std::string& value);
+    [[nodiscard]] int apply_option(Option option, const std::string& typed,
+                                   const std::string& value);
     void log_start_up(int argc, char** argv) const;
+    // The end of every `start` past the command line: closes the sink, allows the next `start`
+    // and returns `status`.
+    [[nodiscard]] int finish(int status);
     void switch_to_daemon();
 };
 

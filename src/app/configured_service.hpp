@@ -23,7 +23,7 @@ protected:
     // The frame prints no help text of its own.
     void help() override {}
 
-    bool do_start() override {
+    [[nodiscard]] bool do_start() override {
         rc_ptr<ConfigurationT> loaded = new ConfigurationT();
         if (!loaded->parse_file(readable_config_path())) {
             return false;
@@ -36,7 +36,7 @@ protected:
     }
 
     // Runs once the configuration is loaded; false ends the process with status 1.
-    virtual bool on_config() { return true; }
+    [[nodiscard]] virtual bool on_config() { return true; }
 
     // Null until `do_start` succeeds.
     rc_ptr<ConfigurationT> configuration;

@@ -31,7 +31,7 @@ struct SettingText {
     std::string bad_format;  // "unexpected format"
 };
 
-bool report(int status, const SettingText& text, const std::ostringstream& detail) {
+[[nodiscard]] bool report(int status, const SettingText& text, const std::ostringstream& detail) {
     switch (status) {
         case Configuration::APPLIED:
             QM_LOG_SYSTEM("CONFIGURATION: " << text.subject << text.applied);
@@ -58,7 +58,7 @@ bool is_setting(const std::vector<std::string>& pieces) {
 }
 
 // Applies a setting; an empty value makes it a flag.
-bool apply(Configuration& configuration, const std::vector<std::string>& pieces) {
+[[nodiscard]] bool apply(Configuration& configuration, const std::vector<std::string>& pieces) {
     const std::string key = utils::str::trim_right(pieces[0]);
     const std::string value = pieces.size() == 2 ? utils::str::trim_left(pieces[1]) : "";
     return value.empty() ? configuration.parse_option(key) : configuration.parse_option(key, value);

@@ -20,7 +20,7 @@ extern const std::string default_directory;
 extern const std::string default_kafka_config_path;
 
 // Exactly "true" or "false"; leaves `out` alone otherwise.
-bool try_parse_bool(std::string_view text, bool& out);
+[[nodiscard]] bool try_parse_bool(std::string_view text, bool& out);
 
 // The parser knows no key: it splits the text of a file or of the joined "--args" string into
 // flags (a key alone) and options (key=value), hands each to `set_flag` or `set_value`, logs the
@@ -37,24 +37,24 @@ public:
     // One flag or option: calls the setter and logs its result. False for a failure; an unknown
     // key only warns. Any other result is a failure without explanation when negative, and
     // accepted when positive.
-    bool parse_option(const std::string& key);
-    bool parse_option(const std::string& key, const std::string& value);
+    [[nodiscard]] bool parse_option(const std::string& key);
+    [[nodiscard]] bool parse_option(const std::string& key, const std::string& value);
     // One line of a file; `line_number` counts from 0 and only appears in the error message.
-    bool parse_line(const std::string& line, std::size_t line_number);
+    [[nodiscard]] bool parse_line(const std::string& line, std::size_t line_number);
     // A whole file; an empty path keeps the defaults. Stops at the first line that fails.
-    bool parse_file(const std::string& path);
+    [[nodiscard]] bool parse_file(const std::string& path);
     // The comma-separated argument string; ",," stands for a comma inside a value.
-    bool parse_args(const std::string& text);
+    [[nodiscard]] bool parse_args(const std::string& text);
 
 protected:
     // Both report through the results above and may explain a failure in `detail` (shown for
     // FAILED_WITH_DETAIL). The base knows no key.
-    virtual int set_flag(const std::string& key, std::ostringstream& detail);
-    virtual int set_value(const std::string& key, const std::string& value,
-                          std::ostringstream& detail);
+    [[nodiscard]] virtual int set_flag(const std::string& key, std::ostringstream& detail);
+    [[nodiscard]] virtual int set_value(const std::string& key, const std::string& value,
+                                        std::ostringstream& detail);
 
     // APPLIED when a value parsed, BAD_FORMAT when not.
-    static int to_status(bool parsed) { return parsed ? APPLIED : BAD_FORMAT; }
+    [[nodiscard]] static int to_status(bool parsed) { return parsed ? APPLIED : BAD_FORMAT; }
 };
 
 }  // namespace qm::conf

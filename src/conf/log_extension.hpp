@@ -19,8 +19,8 @@ public:
     log::Level log_level = log::Level::INFO;
 
 protected:
-    int set_value(const std::string& key, const std::string& value,
-                  std::ostringstream& detail) override {
+    [[nodiscard]] int set_value(const std::string& key, const std::string& value,
+                                std::ostringstream& detail) override {
         if (key == "log_level") {
             return Base::to_status(log::try_parse_level(value, log_level));
         }

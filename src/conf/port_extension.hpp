@@ -18,8 +18,8 @@ public:
     std::uint16_t port = 0;
 
 protected:
-    int set_value(const std::string& key, const std::string& value,
-                  std::ostringstream& detail) override {
+    [[nodiscard]] int set_value(const std::string& key, const std::string& value,
+                                std::ostringstream& detail) override {
         if (key == "port") {
             return Base::to_status(
                 utils::str::try_parse_value<unsigned short, 10>(value, port).succeeded());

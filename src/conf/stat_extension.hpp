@@ -26,8 +26,8 @@ public:
     std::uint16_t statistic_transfer_port = 0;
 
 protected:
-    int set_value(const std::string& key, const std::string& value,
-                  std::ostringstream& detail) override {
+    [[nodiscard]] int set_value(const std::string& key, const std::string& value,
+                                std::ostringstream& detail) override {
         if (key == "statistic_logging_enabled") {
             return Base::to_status(try_parse_bool(value, statistic_logging_enabled));
         }
@@ -41,7 +41,7 @@ protected:
     }
 
 private:
-    bool set_transfer_host(const std::string& value) {
+    [[nodiscard]] bool set_transfer_host(const std::string& value) {
         std::vector<net::Host> hosts;
         if (net::parse_hosts(value, hosts) == 0) {
             return false;

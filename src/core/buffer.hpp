@@ -19,7 +19,7 @@ public:
     // Copies `length` bytes behind the used part. Returns false, and copies nothing, when they do
     // not fit.
     // REQUIRES: `bytes` points to `length` readable bytes.
-    bool append(const void* bytes, std::uint64_t length) {
+    [[nodiscard]] bool append(const void* bytes, std::uint64_t length) {
         if (length > N - m_size) {
             return false;
         }

@@ -47,7 +47,7 @@ public:
     // waits, unless `wake_consumer` is false: a producer that queues a batch wakes it once, with
     // `wake`, after the last element. Returns false, and drops `value`, when the queue is full.
     // REQUIRES: called only by the producer thread.
-    bool push(T value, bool wake_consumer = true) {
+    [[nodiscard]] bool push(T value, bool wake_consumer = true) {
         // Relaxed: only this thread writes tail.
         const std::uint64_t tail = m_producer.tail.load(std::memory_order_relaxed);
         if (tail - m_producer.cached_head == capacity()) {
@@ -72,7 +72,7 @@ public:
     // Moves the first element into `out` and leaves an empty value in its slot, so that the
     // queue's own reference (for an rc_ptr) goes at once. Returns false when the queue is empty.
     // REQUIRES: called only by the consumer thread.
-    bool try_pop(T& out) {
+    [[nodiscard]] bool try_pop(T& out) {
         // Relaxed: only this thread writes head.
         const std::uint64_t head = m_consumer.head.load(std::memory_order_relaxed);
         if (head == m_consumer.cached_tail) {

@@ -45,10 +45,10 @@ public:
     // Queues `value` for the reader thread; counts it as passed, or as dropped when the queue is
     // full (then `value` is released here). Never blocks.
     // REQUIRES: called only by the producer thread.
-    virtual bool push(T value) { return push_counted(std::move(value), true); }
+    [[nodiscard]] virtual bool push(T value) { return push_counted(std::move(value), true); }
 
     // The same without waking a sleeping reader: for a batch, followed by one `wake_reader`.
-    bool push_quietly(T value) { return push_counted(std::move(value), false); }
+    [[nodiscard]] bool push_quietly(T value) { return push_counted(std::move(value), false); }
 
     // Wakes the reader if it sleeps, after `push_quietly`.
     void wake_reader() { m_queue.wake(); }
@@ -71,7 +71,7 @@ public:
     }
 
     // Also wakes the thread if it sleeps on an empty queue, so a stop does not wait out WaitNs.
-    int stop() override {
+    [[nodiscard]] int stop() override {
         request_stop();
         m_queue.wake();
         return join();
@@ -94,7 +94,7 @@ protected:
     void update_elements() { this->statistic().elements = m_queue.size(); }
 
 private:
-    bool push_counted(T value, bool wake) {
+    [[nodiscard]] bool push_counted(T value, bool wake) {
         if (!m_queue.push(std::move(value), wake)) {
             ++this->statistic().dropped_elements;
             return false;

@@ -33,11 +33,11 @@ public:
     // blocked; the caller's own signal mask is left as it was. Returns the result of
     // pthread_create (0 on success; the flag is cleared again on failure), or EBUSY when a thread
     // was started and not yet stopped.
-    virtual int start();
+    [[nodiscard]] virtual int start();
 
     // Clears the running flag and joins the thread. Returns the result of pthread_join, or 0 when
     // no thread was started. Subclasses override it to log, and call this one.
-    virtual int stop();
+    [[nodiscard]] virtual int stop();
 
     // The name the system shows for the thread (`ps -L`, `top -H`), at most 15 characters; set
     // before `start`. Threads that are given none are "qm-worker".
@@ -53,7 +53,7 @@ public:
 protected:
     // The two halves of `stop`, for subclasses that must wake their thread in between.
     void request_stop() { m_running.store(false, std::memory_order_release); }
-    int join();
+    [[nodiscard]] int join();
 
 private:
     static void* entry(void* self);

@@ -36,11 +36,10 @@ private:
 //
 // Where the data ends early:
 // - fewer bytes than the 40-byte session header: there are no frames, and nothing is logged;
-// - fewer bytes than a 12-byte frame header at the end: that is the end of the data, and nothing
-//   is logged, because the ERROR line names the frame's side, offset and size and a cut header
-//   need not hold them;
-// - a whole header whose samples run past the end: the ERROR line, logged by the channel of the
-//   frame's side when it reaches it; that channel ends, the other one is unaffected.
+// - a frame that runs past the end, whether its header is whole or cut short: the ERROR line,
+//   logged by the channel of the frame's side when it reaches it; that channel ends, the other one
+//   is unaffected. A cut header always holds the side byte; the fields it lacks read as zero, so
+//   the line names what the header does hold, and its size, at least 12, is more than remains.
 class MediaSessionChannel : public MediaChannel {
 public:
     MediaSessionChannel(const std::vector<std::uint8_t>& bytes, std::uint16_t side)
@@ -50,7 +49,7 @@ public:
 
     std::uint16_t id() const override { return m_side; }
 
-    int read(MediaFrame& frame) override {
+    [[nodiscard]] int read(MediaFrame& frame) override {
         if (!m_current) {
             return 0;
         }
@@ -68,14 +67,15 @@ private:
         return FRAME_HEADER_SIZE + 2u * std::size_t{header.num};
     }
 
-    bool has_header_at(std::size_t start) const {
-        return start <= m_bytes.size() && m_bytes.size() - start >= FRAME_HEADER_SIZE;
-    }
+    // A frame starts at `start` when any byte is left there, even fewer than a whole header.
+    bool has_frame_at(std::size_t start) const { return start < m_bytes.size(); }
 
-    // REQUIRES: has_header_at(start).
+    // The header as far as the data holds it, the missing bytes zero.
+    // REQUIRES: has_frame_at(start).
     SessionStreamFrame header_at(std::size_t start) const {
-        SessionStreamFrame header;
-        std::memcpy(&header, m_bytes.data() + start, sizeof header);
+        SessionStreamFrame header{};
+        std::memcpy(&header, m_bytes.data() + start,
+                    std::min(sizeof header, m_bytes.size() - start));
         return header;
     }
 
@@ -86,7 +86,7 @@ private:
     // of this side the channel starts at its end.
     void find_first() {
         std::size_t start = sizeof(SessionHeader);
-        while (has_header_at(start)) {
+        while (has_frame_at(start)) {
             const SessionStreamFrame header = header_at(start);
             m_offset_base = std::max<std::uint32_t>(m_offset_base, header.off);
             if (is_mine(header)) {
@@ -99,7 +99,7 @@ private:
 
     // The first frame of this side at or after `start`, validated; none at the end.
     std::optional<std::size_t> next_of_side(std::size_t start) const {
-        while (has_header_at(start)) {
+        while (has_frame_at(start)) {
             const SessionStreamFrame header = header_at(start);
             if (is_mine(header)) {
                 return validated(start, header);
@@ -110,7 +110,7 @@ private:
     }
 
     // `start` when the frame's samples lie inside the data; otherwise the ERROR line and none.
-    // REQUIRES: has_header_at(start).
+    // REQUIRES: has_frame_at(start).
     std::optional<std::size_t> validated(std::size_t start,
                                          const SessionStreamFrame& header) const {
         if (m_bytes.size() - start >= frame_size(header)) {

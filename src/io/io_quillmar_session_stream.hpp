@@ -15,8 +15,9 @@
 // side, each delivering that side's frames in file order. The caller reads the 8-byte stream
 // header (and checks the magic as it sees fit); the stream looks only at the format. The media
 // format gives two channels, side 0 then side 1; an unknown format gives the dummy stream, with no
-// channels. A frame that claims more bytes than the file holds ends its channel with an ERROR
-// line; the frames before it are delivered. Nothing here throws on bad data.
+// channels. A frame that claims more bytes than the file holds, or whose header is cut short, ends
+// its channel with an ERROR line; the frames before it are delivered. Nothing here throws on bad
+// data.
 //
 // Ownership: the handle owns its implementation, which owns a copy of the file's bytes and the
 // channels; frames and channels point into it and are valid while the handle lives.

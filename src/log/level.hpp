@@ -26,6 +26,6 @@ std::string_view level_to_spaces(Level level);
 int level_to_syslevel(Level level);
 
 // Exact, case-sensitive match against the six names; leaves `out` alone on failure.
-bool try_parse_level(std::string_view text, Level& out);
+[[nodiscard]] bool try_parse_level(std::string_view text, Level& out);
 
 }  // namespace qm::log

@@ -7,6 +7,7 @@
 #include "log/logger.hpp"
 #include "media/packet_header.hpp"
 #include "media/packet_trace.hpp"
+#include "media/wire_format.hpp"
 
 namespace qm::media {
 
@@ -16,7 +17,8 @@ PacketReader::PacketReader(PacketReaderStatistic* statistic, PacketReaderListene
 }
 
 PacketReader::~PacketReader() {
-    stop();
+    // `stop` logs its own failure, and a destructor has nobody else to tell.
+    (void)stop();
 }
 
 void PacketReader::read_from(const void* data, std::uint64_t length, bool wake) {
@@ -37,11 +39,12 @@ void PacketReader::read_from(const void* data, std::uint64_t length, bool wake) 
         return;
     }
     // Cannot fail: the length was checked against the buffer's capacity above.
-    buffer->append(data, length);
+    (void)buffer->append(data, length);
+    // A full queue drops the packet and counts it in `dropped_elements`: nothing is left to do.
     if (wake) {
-        push(std::move(buffer));
+        (void)push(std::move(buffer));
     } else {
-        push_quietly(std::move(buffer));
+        (void)push_quietly(std::move(buffer));
     }
 }
 

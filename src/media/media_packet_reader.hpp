@@ -51,7 +51,7 @@ public:
 
     // Returns 0 at once when the thread is not running; otherwise ends it, logs how the join went
     // and returns the join's result. Queued buffers are not drained.
-    int stop() override;
+    [[nodiscard]] int stop() override;
 
     // Validates one buffer and hands it to the matching `notify`; an empty value (the reader's
     // one-second tick) does nothing.

@@ -118,12 +118,12 @@ private:
     // entry holds none.
     Session* session_of(SessionTable::const_iterator found, const PacketHeader& header);
     // Sequence check of one data packet; false when the packet must be dropped.
-    bool accept_sequence(Session& session, const DataPacket& packet);
+    [[nodiscard]] bool accept_sequence(Session& session, const DataPacket& packet);
     // Activity on the sender's media clock, anchored to the local clock at creation.
     void touch(Session& session, std::uint64_t mt);
     // Appends the session to the activity list and enters it in the table; false (and nothing
     // linked) when either runs out of memory.
-    bool link_session(const rc_ptr<Session>& session);
+    [[nodiscard]] bool link_session(const rc_ptr<Session>& session);
     void update_session_count();
 
     SteadyClock m_clock;

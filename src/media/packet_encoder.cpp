@@ -3,14 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "media/wire_format.hpp"
+
 namespace qm::media {
 namespace {
-
-constexpr std::uint8_t START_TYPE = 0x81;
-constexpr std::uint8_t TERMINATE_TYPE = 0x82;
-constexpr std::uint8_t DATA_TYPE = 0x83;
-constexpr std::uint8_t CONTROL_TYPE = 0x84;
-constexpr std::uint16_t CONTROL_FT_FLAG = 0x0080;
 
 // Appends `value` as `width` little-endian bytes.
 void put(Datagram& out, std::uint64_t value, int width) {
@@ -34,10 +30,10 @@ void put(Datagram& out, const std::array<std::uint8_t, N>& bytes) {
     out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-void put_header(Datagram& out, const HeaderFields& fields, std::uint8_t type,
+void put_header(Datagram& out, const HeaderFields& fields, PacketType type,
                 std::uint16_t extra_flags = 0) {
     put(out, fields.marker, 4);
-    put(out, fields.type.value_or(type), 1);
+    put(out, fields.type.value_or(static_cast<std::uint8_t>(type)), 1);
     put(out, fields.version, 1);
     put(out, fields.flags | extra_flags, 2);
     put(out, fields.id, 8);
@@ -45,7 +41,7 @@ void put_header(Datagram& out, const HeaderFields& fields, std::uint8_t type,
     put(out, fields.mt, 8);
 }
 
-Datagram header(const HeaderFields& fields, std::uint8_t type, std::uint16_t extra_flags = 0) {
+Datagram header(const HeaderFields& fields, PacketType type, std::uint16_t extra_flags = 0) {
     Datagram out;
     put_header(out, fields, type, extra_flags);
     return out;
@@ -65,7 +61,7 @@ Datagram finish(Datagram out, const HeaderFields& fields) {
 }  // namespace
 
 Datagram encode_start(const StartFields& fields) {
-    Datagram out = header(fields.header, START_TYPE);
+    Datagram out = header(fields.header, PacketType::START);
     put(out, fields.ts, 8);
     put(out, fields.sync_ts, 8);
     put(out, fields.sync_mt, 8);
@@ -85,7 +81,7 @@ Datagram encode_data(const DataFields& fields) {
 
 void encode_data(const DataFields& fields, Datagram& out) {
     out.clear();
-    put_header(out, fields.header, DATA_TYPE);
+    put_header(out, fields.header, PacketType::DATA);
     put(out, fields.seq, 4);
     put(out, fields.off, 4);
     put(out, fields.num.value_or(static_cast<std::uint16_t>(fields.payload.size())), 2);
@@ -94,7 +90,7 @@ void encode_data(const DataFields& fields, Datagram& out) {
 }
 
 Datagram encode_control(const ControlFields& fields) {
-    Datagram out = header(fields.header, CONTROL_TYPE, fields.ft ? CONTROL_FT_FLAG : 0);
+    Datagram out = header(fields.header, PacketType::CONTROL, fields.ft ? FLAG_CONTROL_FT : 0);
     if (fields.ft) {
         put(out, *fields.ft);
     }
@@ -102,7 +98,7 @@ Datagram encode_control(const ControlFields& fields) {
 }
 
 Datagram encode_terminate(const TerminateFields& fields) {
-    return finish(header(fields.header, TERMINATE_TYPE), fields.header);
+    return finish(header(fields.header, PacketType::TERMINATE), fields.header);
 }
 
 Datagram encode_file_header(const StartFields& start) {
@@ -118,7 +114,7 @@ Datagram encode_file_header(const StartFields& start) {
 Datagram encode_frame(const DataFields& data, std::uint64_t sync_mt) {
     const std::uint16_t num = data.num.value_or(static_cast<std::uint16_t>(data.payload.size()));
     Datagram out;
-    put(out, data.header.flags & 1u, 1);
+    put(out, data.header.flags & FLAG_OUTBOUND, 1);
     put(out, 0, 1);
     put(out, num, 2);
     put(out, data.off, 4);

@@ -7,11 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "media/wire_format.hpp"
+
 // Builds recorder datagrams of the four packet types from field values, for the `quillmar send`
 // tool, the tests and the fuzz seeds, so that nobody spells packet bytes by hand. The bytes are
 // written one by one in little-endian order at their wire offsets, independently of the host and of
 // the in-place records of "media/packet_header.hpp", so reading an encoded packet through a record
-// checks that record's layout.
+// checks that record's layout; the codes, flags and marker come from "media/wire_format.hpp", which
+// the records share.
 //
 // Every fields struct has defaults that make a valid packet; the knobs of `HeaderFields` (marker,
 // version, type, length) and the per-type length fields (`call_id_len`, `num`) break one rule at a
@@ -26,10 +29,10 @@ inline constexpr Uuid DEFAULT_UUID = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 
                                       0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
 
 struct HeaderFields {
-    std::uint32_t marker = 0x00FF00FF;
+    std::uint32_t marker = PACKET_MARKER;
     // Unset: the code of the packet type being encoded.
     std::optional<std::uint8_t> type{};
-    std::uint8_t version = 1;
+    std::uint8_t version = PACKET_VERSION;
     std::uint16_t flags = 0;
     std::uint64_t id = 0x0123456789abcdefULL;
     Uuid uuid = DEFAULT_UUID;

@@ -4,7 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 
-// The 40-byte header that opens every recorder packet, and the constants of the wire format.
+#include "media/wire_format.hpp"
+
+// The 40-byte header that opens every recorder packet; the format's constants are in
+// "media/wire_format.hpp".
 //
 // Packet records are read in place: a `reinterpret_cast` of the bytes of a received datagram, with
 // no copy and no byte-order conversion. The records are therefore packed (alignment 1, so any
@@ -16,27 +19,6 @@ namespace qm::media {
 
 static_assert(std::endian::native == std::endian::little,
               "packet records are read in place from little-endian datagrams");
-
-// Bytes FF 00 FF 00 on the wire.
-inline constexpr std::uint32_t PACKET_MARKER = 0x00FF00FF;
-inline constexpr std::uint8_t PACKET_VERSION = 1;
-// Bounds of a datagram, whatever its type.
-inline constexpr std::uint64_t PACKET_MIN_LENGTH = 40;
-inline constexpr std::uint64_t PACKET_MAX_LENGTH = 1376;
-
-enum class PacketType : std::uint8_t {
-    START = 0x81,
-    TERMINATE = 0x82,
-    DATA = 0x83,
-    CONTROL = 0x84,
-};
-
-// Bits of `PacketHeader::flags`; bit 0 is the lowest bit of byte 6.
-inline constexpr std::uint16_t FLAG_OUTBOUND = 0x0001;    // all types: the side
-inline constexpr std::uint16_t FLAG_CONTROL_FT = 0x0080;  // control: carries `ft` (with byte 7 = 0)
-inline constexpr std::uint16_t FLAG_START_N = 0x4000;     // start: shown as "N"
-inline constexpr std::uint16_t FLAG_START_RULE = 0x8000;  // start: `rule` is meaningful ("R")
-inline constexpr std::uint16_t FLAG_DATA_S = 0x8000;      // data: shown as "S"
 
 struct __attribute__((packed)) PacketHeader {
     std::uint32_t marker;
@@ -55,6 +37,7 @@ struct __attribute__((packed)) PacketHeader {
 };
 
 static_assert(sizeof(PacketHeader) == 40);
+static_assert(sizeof(PacketHeader) == PACKET_MIN_LENGTH);
 static_assert(alignof(PacketHeader) == 1);
 static_assert(offsetof(PacketHeader, marker) == 0);
 static_assert(offsetof(PacketHeader, type) == 4);

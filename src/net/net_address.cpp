@@ -14,7 +14,7 @@ constexpr std::uint32_t LOOPBACK_ADDRESS = INADDR_LOOPBACK;
 constexpr char PORT_RANGE_SEPARATOR = '-';
 constexpr char LIST_SEPARATOR = ',';
 
-bool try_parse_port(const std::string& text, std::uint16_t& port) {
+[[nodiscard]] bool try_parse_port(const std::string& text, std::uint16_t& port) {
     unsigned short value = 0;
     if (!utils::str::try_parse_value<unsigned short, 10>(text, value)) {
         return false;
@@ -23,12 +23,13 @@ bool try_parse_port(const std::string& text, std::uint16_t& port) {
     return true;
 }
 
-bool try_parse_ipv4(const std::string& text, in_addr& address) {
+[[nodiscard]] bool try_parse_ipv4(const std::string& text, in_addr& address) {
     return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
 // Reads "first" or "first-last" into an inclusive range; a backward range is refused.
-bool try_parse_port_range(const std::string& text, std::uint16_t& first, std::uint16_t& last) {
+[[nodiscard]] bool try_parse_port_range(const std::string& text, std::uint16_t& first,
+                                        std::uint16_t& last) {
     std::vector<std::string> bounds;
     utils::str::split(text, PORT_RANGE_SEPARATOR, bounds, true);
     if (bounds.empty() || bounds.size() > 2 || !try_parse_port(bounds.front(), first) ||

@@ -39,7 +39,7 @@ struct HostAddr {
 // skipped and a blank text gives 127.0.0.1:0. The address must be a dotted IPv4 address and the
 // port a decimal number up to 65535. Returns non-zero on success, 0 on failure (a null `begin`
 // included); `out` is cleared unless `begin` is null.
-int parse_addr(const char* begin, const char* end, sockaddr_in& out);
+[[nodiscard]] int parse_addr(const char* begin, const char* end, sockaddr_in& out);
 
 // Parses a comma-separated list of "host:port" or "host:first-last" items and append one element
 // per port, ranges inclusive. White space around an item is ignored. An item without a port, with

@@ -48,7 +48,7 @@ public:
     // binds every interface, port 0 an ephemeral port). Returns true at once, without binding,
     // when a descriptor is already held; a failed bind keeps its descriptor, so the next call
     // returns true.
-    bool open(std::int32_t port, std::uint32_t address);
+    [[nodiscard]] bool open(std::int32_t port, std::uint32_t address);
 
     // Asks for a receive buffer of `requested` bytes and returns the size granted, or keeps the
     // system's default (`net.core.rmem_default`) for 0 and returns that. The system doubles
@@ -74,10 +74,10 @@ public:
     // Blocks until one datagram arrives and copies at most `capacity` bytes of it (the system
     // cuts a longer datagram). Returns its length, or 0 when a signal interrupted the call.
     // REQUIRES: `buffer` holds `capacity` bytes.
-    std::int64_t read(void* buffer, std::uint64_t capacity);
+    [[nodiscard]] std::int64_t read(void* buffer, std::uint64_t capacity);
 
     // The same into the receive loop's buffer; also stores the length in `buffer.length`.
-    std::int64_t read(ReadBuffer& buffer);
+    [[nodiscard]] std::int64_t read(ReadBuffer& buffer);
 
     // Reads, without blocking, as many waiting datagrams as `batch` has slots for, with one call.
     // Returns how many; 0 when none waits or a signal interrupted the call. Any other error ends
@@ -90,12 +90,12 @@ public:
 
     // Sends `length` bytes to `to`, calling sendto again with the rest until all have gone.
     // Returns false at the first error; bytes already sent are not taken back.
-    bool send(const sockaddr_in& to, const void* data, std::uint64_t length);
+    [[nodiscard]] bool send(const sockaddr_in& to, const void* data, std::uint64_t length);
 
     // Makes the system discard every datagram that arrives for the socket from now on, before it
     // is queued (a filter that takes nothing): the socket then only holds the port, while a
     // packet ring receives its traffic. False, with an ERROR, when the filter cannot be attached.
-    bool discard_all();
+    [[nodiscard]] bool discard_all();
 
     // The port the socket is bound to, in host order; 0 when unknown.
     std::uint16_t local_port() const;

@@ -63,13 +63,13 @@ public:
     // Sets up a ring of `size` bytes (rounded up to whole blocks) for the UDP datagrams to `port`
     // (host order) and starts taking them. Logs the ring's shape at SYSTEM. On failure logs a
     // WARNING, holds no descriptor and returns false.
-    bool open(std::uint16_t port, std::uint64_t size);
+    [[nodiscard]] bool open(std::uint16_t port, std::uint64_t size);
 
     // When the system has handed over the next block, gives each datagram in it to
     // `consume(const std::uint8_t* data, std::uint64_t length)`, in arrival order, hands the
     // block back and returns true; false when the block is still the system's.
     template <typename Consume>
-    bool read_block(Consume&& consume);
+    [[nodiscard]] bool read_block(Consume&& consume);
 
     // Blocks until a block is handed over or `doorbell` is readable or a signal arrives.
     Socket::Wake wait(int doorbell);
@@ -91,9 +91,9 @@ public:
 
 private:
     // Sets up the ring on the open descriptor; false (with errno set) at the first failing step.
-    bool map_blocks(std::uint32_t blocks);
+    [[nodiscard]] bool map_blocks(std::uint32_t blocks);
     // Takes the datagrams of `port` only.
-    bool attach_filter(std::uint16_t port);
+    [[nodiscard]] bool attach_filter(std::uint16_t port);
 
     tpacket_block_desc* block(std::size_t index) const {
         return reinterpret_cast<tpacket_block_desc*>(m_map + index * BLOCK_SIZE);

@@ -5,7 +5,7 @@ namespace qm::utils {
 // The outcome of an operation that reports by status instead of throwing: one value of `Status`,
 // of which `SUCCESS_VALUE` means success. A plain value; copy it freely between threads.
 template <typename Status, Status SUCCESS_VALUE>
-class GenericResult {
+class [[nodiscard]] GenericResult {
 public:
     static constexpr Status SUCCESS = SUCCESS_VALUE;
 

@@ -27,7 +27,7 @@ bool is_missing(int error) {
     return error == ENOENT || error == ENOTDIR;
 }
 
-bool create_optimistic(const std::string& path, mode_t mode) {
+[[nodiscard]] bool create_optimistic(const std::string& path, mode_t mode) {
     std::string existing = path;
     struct stat status {};
     while (::stat(existing.c_str(), &status) != 0) {

@@ -57,7 +57,7 @@ std::string get_absolute_path(std::string_view path);
 // directory, else the error of the failed query or creation. A creation that fails with EEXIST
 // counts as success (someone else created it meanwhile). Throws std::runtime_error for
 // PESSIMISTIC and std::invalid_argument for any other unknown policy.
-bool check_or_create_directory(std::string_view path, bool path_is_file, mode_t mode,
-                               create_policy policy = create_policy::OPTIMISTIC);
+[[nodiscard]] bool check_or_create_directory(std::string_view path, bool path_is_file, mode_t mode,
+                                             create_policy policy = create_policy::OPTIMISTIC);
 
 }  // namespace qm::utils::path

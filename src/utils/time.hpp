@@ -11,6 +11,6 @@ namespace qm::utils::time {
 // but deliberately leaves the number as it is: "5ns" is 5 microseconds, as it has always been read.
 // The product is not range-checked and wraps as unsigned 64-bit arithmetic does. Once digits were
 // read `out` holds the plain number, even when the suffix is then refused.
-bool try_parse_timer(const std::string& text, std::uint64_t& out);
+[[nodiscard]] bool try_parse_timer(const std::string& text, std::uint64_t& out);
 
 }  // namespace qm::utils::time

@@ -1,10 +1,25 @@
 #include "app/app_service.hpp"
 
 #include <gtest/gtest.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <string_view>
 
 #include "log/stdlog.hpp"
 #include "log/syslog.hpp"
@@ -425,6 +440,116 @@ TEST_F(CommandLineTest, StartFailsWithAnOverrideResult) {
     Argv args({"prog", "--fail"});
 
     EXPECT_EQ(service.start(args.argc(), args.argv()), 1);
+}
+
+// The frame's system calls made to fail for real. Each runs in a death test's child, a fresh run
+// of the test binary, where the doorbell (created once per process) does not exist yet and where
+// the failure cannot spill into other tests. The child logs into a capture, writes the captured
+// texts to standard error one a line and exits with what `start` returned.
+class ServiceStartFailureTest : public ::testing::Test {
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+    // A regular expression that matches exactly these lines.
+    static std::string exactly(const std::vector<std::string>& lines) {
+        std::string pattern = "^";
+        for (const std::string& line : lines) {
+            for (const char c : line) {
+                if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos) {
+                    pattern += '\\';
+                }
+                pattern += c;
+            }
+            pattern += '\n';
+        }
+        return pattern + "$";
+    }
+
+    // The lines up to the signal set-up of a start with no arguments.
+    static std::vector<std::string> lines_before_signals() {
+        return {"TEST: on_logger_open",
+                "SERVICE: exec path: " + utils::path::get_current_directory() + "/prog",
+                "TEST: on_pre_start"};
+    }
+
+    template <typename Break>
+    [[noreturn]] static void start_after(Break break_a_call) {
+        LogCapture capture{log::Level::INFO};
+        TestService service;
+        Argv args({"prog"});
+        break_a_call();
+        const int status = service.start(args.argc(), args.argv());
+        for (const std::string& text : capture.texts()) {
+            std::fprintf(stderr, "%s\n", text.c_str());
+        }
+        std::_Exit(status);
+    }
+};
+
+// The limit is lowered to the lowest free descriptor: every descriptor the process may have is
+// taken, so the doorbell's eventfd fails with EMFILE.
+void leave_no_descriptor() {
+    const int lowest_free = ::dup(STDERR_FILENO);
+    ::close(lowest_free);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(lowest_free);
+    if (lowest_free < 0 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        std::_Exit(99);
+    }
+}
+
+TEST_F(ServiceStartFailureTest, DoorbellThatCannotBeCreatedEndsTheStartWithStatusOne) {
+    std::vector<std::string> expected = lines_before_signals();
+    expected.push_back(
+        "SERVICE: failed to create the signal doorbell; error [24]: Too many open files");
+    expected.push_back("TEST: on_logger_close");
+
+    EXPECT_EXIT(start_after(leave_no_descriptor), ::testing::ExitedWithCode(1), exactly(expected));
+}
+
+// A seccomp filter makes the kernel refuse rt_sigaction for SIGUSR1 with EPERM; nothing else is
+// refused. Nothing in user space can make sigaction fail for a valid signal and valid pointers.
+void refuse_sigaction_for_sigusr1() {
+    static_assert(std::endian::native == std::endian::little,
+                  "the filter reads the low half of the first argument");
+#if defined(__x86_64__)
+    constexpr std::uint32_t ARCH = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+    constexpr std::uint32_t ARCH = AUDIT_ARCH_AARCH64;
+#else
+#error "no seccomp architecture for this machine"
+#endif
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ARCH, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_rt_sigaction, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SIGUSR1, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{};
+    program.len = static_cast<unsigned short>(std::size(filter));
+    program.filter = filter;
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+        std::_Exit(99);
+    }
+}
+
+// Handlers are installed in the order SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2: the
+// start stops at the first refusal.
+TEST_F(ServiceStartFailureTest, SignalThatCannotBeSubscribedEndsTheStartWithStatusOne) {
+    std::vector<std::string> expected = lines_before_signals();
+    expected.push_back(
+        "SERVICE: failed to subscribe to signal 10; error [1]: Operation not permitted");
+    expected.push_back("TEST: on_logger_close");
+
+    EXPECT_EXIT(start_after(refuse_sigaction_for_sigusr1), ::testing::ExitedWithCode(1),
+                exactly(expected));
 }
 
 // The frame's own logger hooks, and its help.

@@ -22,7 +22,7 @@ using qm::test::LogCapture;
 
 class SignalsTest : public ::testing::Test {
 protected:
-    void SetUp() override { ServiceBase::signals_subscribe(); }
+    void SetUp() override { ASSERT_TRUE(ServiceBase::signals_subscribe()); }
     void TearDown() override { restore_default_signals(); }
 
     static std::string received(int signal) {
@@ -43,7 +43,7 @@ TEST_F(SignalsTest, SubscriptionClearsTheFlags) {
     ServiceBase::m_signal_user1 = true;
     ServiceBase::m_signal_user2 = true;
 
-    ServiceBase::signals_subscribe();
+    ASSERT_TRUE(ServiceBase::signals_subscribe());
 
     EXPECT_FALSE(any_flag_set());
 }
@@ -91,7 +91,7 @@ TEST_F(SignalsTest, UserSignalsRequestUserActionsAndDoNotStop) {
 
 TEST_F(SignalsTest, InterruptQuitAndTerminateRequestAStop) {
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM}) {
-        ServiceBase::signals_subscribe();
+        ASSERT_TRUE(ServiceBase::signals_subscribe());
         capture.clear();
 
         ASSERT_EQ(::raise(signal), 0);
@@ -202,7 +202,7 @@ TEST_F(SignalsTest, EverySignalBetweenTwoSafePointsGetsItsLines) {
 TEST_F(SignalsTest, SubscriptionForgetsSignalsNotYetLogged) {
     ASSERT_EQ(::raise(SIGHUP), 0);
 
-    ServiceBase::signals_subscribe();
+    ASSERT_TRUE(ServiceBase::signals_subscribe());
     ServiceBase::log_pending_signals();
 
     EXPECT_TRUE(capture.texts().empty());
@@ -236,7 +236,7 @@ TEST_F(SignalsTest, DoorbellRingsOnASignalUntilItsLinesAreLogged) {
 TEST_F(SignalsTest, DoorbellIsCreatedOncePerProcess) {
     const int doorbell = ServiceBase::signal_doorbell();
 
-    ServiceBase::signals_subscribe();
+    ASSERT_TRUE(ServiceBase::signals_subscribe());
 
     EXPECT_EQ(ServiceBase::signal_doorbell(), doorbell);
 }

@@ -89,7 +89,7 @@ TEST_F(ConfigurationTest, AppliedFlagAndOptionAreLoggedAtSystem) {
 }
 
 TEST_F(ConfigurationTest, LogLinesComeFromConfigurationCpp) {
-    configuration.parse_option("key");
+    EXPECT_TRUE(configuration.parse_option("key"));
     ASSERT_EQ(capture.lines().size(), 1u);
     const std::string line = capture.lines()[0];
     EXPECT_EQ(line.rfind("SYSTEM  | configuration.cpp:", 0), 0u) << line;

@@ -31,7 +31,7 @@ constexpr milliseconds DEADLINE(5000);
 
 Pointer make_buffer(std::uint64_t sequence) {
     Pointer buffer(new PacketBuffer());
-    buffer->append(&sequence, sizeof(sequence));
+    EXPECT_TRUE(buffer->append(&sequence, sizeof(sequence)));
     return buffer;
 }
 
@@ -99,7 +99,7 @@ public:
         : QueueReader<Pointer, N, WaitNs>(statistic), m_probe(probe) {}
     PlainReader(Probe& probe, std::uint64_t capacity) requires(N == 0)
         : QueueReader<Pointer, N, WaitNs>(capacity), m_probe(probe) {}
-    ~PlainReader() override { this->stop(); }
+    ~PlainReader() override { EXPECT_EQ(this->stop(), 0); }
 
     void on_queue_read(Pointer value) override { m_probe.read(value); }
 
@@ -114,7 +114,7 @@ public:
         : QueueIdleReader<Pointer, 16, WaitNs, S>(statistic),
           m_probe(probe),
           m_idle_result(idle_result) {}
-    ~IdleReader() override { this->stop(); }
+    ~IdleReader() override { EXPECT_EQ(this->stop(), 0); }
 
     void on_queue_read(Pointer value) override { m_probe.read(value); }
     void on_queue_try() override { m_probe.tries.fetch_add(1, std::memory_order_relaxed); }

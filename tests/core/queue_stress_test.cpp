@@ -74,7 +74,7 @@ TEST(QueueStressTest, PacketBuffersArriveOnceInOrderAndAllReturnToThePool) {
                 std::this_thread::yield();
             }
         }
-        buffer->append(&sequence, sizeof(sequence));
+        EXPECT_TRUE(buffer->append(&sequence, sizeof(sequence)));
         while (!queue->push(buffer)) {
             std::this_thread::yield();
         }
@@ -93,7 +93,7 @@ TEST(QueueStressTest, PacketBuffersArriveOnceInOrderAndAllReturnToThePool) {
 // Counts and checks what its thread reads; 0 is the empty tick.
 class SequenceReader final : public QueueReader<std::uint64_t, 1024, ONE_SECOND> {
 public:
-    ~SequenceReader() override { stop(); }
+    ~SequenceReader() override { EXPECT_EQ(stop(), 0); }
 
     void on_queue_read(std::uint64_t value) override {
         if (value == 0) {
@@ -155,7 +155,7 @@ TEST(QueueStressTest, FreeListCirculatesItemsBetweenTwoThreads) {
             ++item->uses;
             ++returned;
             // Never full: there are only as many items as slots.
-            free_list.push(item);
+            EXPECT_TRUE(free_list.push(item));
         }
     });
 

@@ -126,8 +126,8 @@ TEST(QueueTest, DestroyingTheQueueReleasesWhatIsLeft) {
     rc_ptr<Shared> mine(object);
     {
         DynamicQueue<rc_ptr<Shared>, true> queue(4);
-        queue.push(mine);
-        queue.push(mine);
+        ASSERT_TRUE(queue.push(mine));
+        ASSERT_TRUE(queue.push(mine));
         EXPECT_EQ(object->reference_count(), 3);
     }
     EXPECT_EQ(object->reference_count(), 1);
@@ -148,7 +148,7 @@ TEST(QueueTest, FreeListPushesAndPopsWithoutWaiting) {
 
 TEST(QueueTest, WaitReturnsAtOnceWhenAnElementIsQueued) {
     Queue<int, 4, true> queue;
-    queue.push(1);
+    ASSERT_TRUE(queue.push(1));
     const auto started = Clock::now();
     EXPECT_TRUE(queue.wait(10000000000ULL, [] { return false; }));
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(1));

@@ -56,7 +56,7 @@ public:
             ADD_FAILURE() << "no sending socket";
         }
         const std::string address = "127.0.0.1:" + std::to_string(port);
-        net::parse_addr(address.c_str(), nullptr, m_to);
+        EXPECT_NE(net::parse_addr(address.c_str(), nullptr, m_to), 0) << address;
     }
 
     void send_legs(int legs, const std::function<void()>& pace) {

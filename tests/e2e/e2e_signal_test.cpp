@@ -187,7 +187,7 @@ public:
     SteadyFlow(std::uint16_t port, std::chrono::microseconds interval) : m_interval(interval) {
         EXPECT_TRUE(m_socket.open(0, INADDR_LOOPBACK));
         const std::string address = "127.0.0.1:" + std::to_string(port);
-        net::parse_addr(address.c_str(), nullptr, m_to);
+        EXPECT_NE(net::parse_addr(address.c_str(), nullptr, m_to), 0) << address;
         m_thread = std::thread([this] { run(); });
     }
 

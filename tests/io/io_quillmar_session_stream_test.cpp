@@ -162,17 +162,43 @@ TEST(SessionStreamTest, ChannelWhoseFirstFrameIsCutShortDeliversNothing) {
                             "frame size (18)"));
 }
 
-// Fewer bytes than a frame header at the end are no frame: nothing to deliver, nothing to say.
-TEST(SessionStreamTest, TrailingBytesShorterThanAFrameHeaderAreIgnored) {
-    test::LogCapture capture;
-    Datagram bytes = file_of({frame(0, 0, 520, {1})});
-    bytes.insert(bytes.end(), {0x01, 0x00, 0x05});
+// A frame header cut short is a torn frame like any other: its channel ends with the ERROR line,
+// which names the fields as far as the cut header holds them (the missing bytes read as zero).
+// The side byte is always there, so the other channel is unaffected.
+TEST(SessionStreamTest, TrailingBytesShorterThanAFrameHeaderEndTheirChannelWithTheError) {
+    struct Cut {
+        std::size_t kept;
+        const char* text;
+    };
+    const Datagram next = media::encode_frame(frame(1, 6, 560, {1, 2, 3}), SYNC_MT);
+    for (const Cut& cut :
+         {Cut{1,
+              "MEDIA_CHANNEL: frame [1/0]: possible data corruption: inconsistent frame size "
+              "(12)"},
+          Cut{3,
+              "MEDIA_CHANNEL: frame [1/0]: possible data corruption: inconsistent frame size "
+              "(18)"},
+          Cut{5,
+              "MEDIA_CHANNEL: frame [1/6]: possible data corruption: inconsistent frame size "
+              "(18)"},
+          Cut{FRAME_HEADER_SIZE - 1,
+              "MEDIA_CHANNEL: frame [1/6]: possible data corruption: inconsistent frame size "
+              "(18)"}}) {
+        SCOPED_TRACE(cut.kept);
+        test::LogCapture capture;
+        Datagram bytes = file_of({frame(0, 0, 520, {1})});
+        bytes.insert(bytes.end(), next.begin(),
+                     next.begin() + static_cast<std::ptrdiff_t>(cut.kept));
 
-    Opened opened(bytes);
+        Opened opened(bytes);
 
-    EXPECT_THAT(read_all(*opened.stream().streams()[0]), ElementsAre(Delivered{1, 0, 20, {1}}));
-    EXPECT_TRUE(read_all(*opened.stream().streams()[1]).empty());
-    EXPECT_TRUE(capture.texts().empty());
+        EXPECT_THAT(read_all(*opened.stream().streams()[0]), ElementsAre(Delivered{1, 0, 20, {1}}));
+        EXPECT_TRUE(read_all(*opened.stream().streams()[1]).empty());
+        EXPECT_THAT(capture.texts(), ElementsAre(cut.text));
+        EXPECT_THAT(
+            capture.lines(),
+            ElementsAre(::testing::StartsWith("ERROR   | io_quillmar_session_stream.cpp:")));
+    }
 }
 
 // Only bit 0 of the side byte picks the channel; the other bits are ignored, not refused.

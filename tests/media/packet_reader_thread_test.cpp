@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds DEADLINE{10'000};
 
 class PacketReaderThreadTest : public testing::Test {
 protected:
-    ~PacketReaderThreadTest() override { reader.stop(); }
+    ~PacketReaderThreadTest() override { EXPECT_EQ(reader.stop(), 0); }
 
     void send(const media::Datagram& datagram) {
         reader.read_from(datagram.data(), datagram.size());

@@ -209,7 +209,7 @@ std::vector<std::vector<std::uint8_t>> ten_datagrams() {
 
 class ReceiveLoopTest : public ::testing::TestWithParam<LoopMode> {
 protected:
-    void SetUp() override { app::ServiceBase::signals_subscribe(); }
+    void SetUp() override { ASSERT_TRUE(app::ServiceBase::signals_subscribe()); }
     void TearDown() override {
         for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE}) {
             ::signal(signal, SIG_DFL);
@@ -231,7 +231,7 @@ TEST_P(ReceiveLoopTest, StopAtARandomMomentNeverWaitsForADatagram) {
     std::uniform_int_distribution<int> moment(0, 2);
     int in_window = 0;
     for (int run = 0; run < RUNS; ++run) {
-        app::ServiceBase::signals_subscribe();
+        ASSERT_TRUE(app::ServiceBase::signals_subscribe());
         const bool window = moment(random) == 0;
         in_window += window ? 1 : 0;
         LoopRun loop(GetParam(), window);
@@ -305,7 +305,7 @@ TEST_P(ReceiveLoopTest, StopWhileWaitingLogsTheStopThenTheInterruption) {
 // Batches: every datagram waiting is taken, at most `batch` a call, and each call's datagrams are
 // flushed together once.
 TEST(ReceiveBatchLoopTest, WaitingDatagramsAreTakenInBatchesAndFlushedOncePerBatch) {
-    app::ServiceBase::signals_subscribe();
+    ASSERT_TRUE(app::ServiceBase::signals_subscribe());
     test::LogCapture capture;
     const std::vector<std::vector<std::uint8_t>> sent = ten_datagrams();
     // A long sleep after a partial batch: everything sent meanwhile waits for the next read.
@@ -326,7 +326,7 @@ TEST(ReceiveBatchLoopTest, WaitingDatagramsAreTakenInBatchesAndFlushedOncePerBat
 }
 
 TEST(ReceiveBatchLoopTest, FullBatchesAreReadBackToBack) {
-    app::ServiceBase::signals_subscribe();
+    ASSERT_TRUE(app::ServiceBase::signals_subscribe());
     test::LogCapture capture;
     const std::vector<std::vector<std::uint8_t>> sent = ten_datagrams();
     // Loopback delivers within sendto: all ten wait in the socket when the loop starts.
@@ -341,7 +341,7 @@ TEST(ReceiveBatchLoopTest, FullBatchesAreReadBackToBack) {
 
 // Every datagram of a block is consumed before the block's one flush.
 TEST(ReceiveRingLoopTest, EachBlockIsFlushedOnceAfterItsDatagrams) {
-    app::ServiceBase::signals_subscribe();
+    ASSERT_TRUE(app::ServiceBase::signals_subscribe());
     test::LogCapture capture;
     const std::vector<std::vector<std::uint8_t>> sent = ten_datagrams();
     LoopRun loop(LoopMode{1, 0, true});

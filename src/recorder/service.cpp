@@ -167,8 +167,9 @@ bool Service::record(net::Socket& socket, net::PacketRing& ring,
         app::notify_service_manager("STOPPING=1");
     }
     // The reader goes first, so that nothing reaches the writing manager while the media writer
-    // drains what the sessions handed it.
-    reader->stop();
+    // drains what the sessions handed it. A failed join is logged by the reader itself; the
+    // pipeline is taken down either way.
+    static_cast<void>(reader->stop());
     reader.reset();
     if (configuration->flush_open_sessions_on_stop) {
         const std::size_t flushed = writing->flush_open_sessions();

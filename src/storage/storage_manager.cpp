@@ -39,10 +39,10 @@ class DiskSpaceCalculator : public SpaceCalculator {
 public:
     using SpaceCalculator::SpaceCalculator;
 
-    static DiskSpaceCalculator calc(const std::string& path) {
+    static DiskSpaceCalculator calc(FileSystem& files, const std::string& path) {
         DiskSpaceCalculator calculator(path);
         try {
-            const fs::space_info space = fs::space(path);
+            const FileSystem::Space space = files.space(path);
             calculator.capacity = space.capacity;
             calculator.free = space.free;
             calculator.available = space.available;
@@ -64,18 +64,12 @@ public:
     std::uint64_t available = 0;
 };
 
-// The regular files under the path, added up; symbolic links to directories are not followed.
+// The regular files under the path, added up.
 class PathSpaceCalculator : public SpaceCalculator {
 public:
-    explicit PathSpaceCalculator(const std::string& path) : SpaceCalculator(path) {
+    PathSpaceCalculator(FileSystem& files, const std::string& path) : SpaceCalculator(path) {
         try {
-            std::uint64_t sum = 0;
-            for (const fs::directory_entry& entry : fs::recursive_directory_iterator(path)) {
-                if (fs::is_regular_file(entry.status())) {
-                    sum += fs::file_size(entry.path());
-                }
-            }
-            m_used = sum;
+            m_used = files.used_bytes(path);
         } catch (const std::exception& error) {
             QM_LOG_ERROR("PATH_SPACE_CALCULATOR: failed to get space for \""
                          << path << "\", error: " << error.what());
@@ -116,8 +110,8 @@ private:
 
 class PercentSpaceChecker : public SpaceChecker {
 public:
-    PercentSpaceChecker(double threshold, const std::string& storage)
-        : m_threshold(threshold), m_storage(storage) {}
+    PercentSpaceChecker(double threshold, const std::string& storage, FileSystem& files)
+        : m_threshold(threshold), m_storage(storage), m_files(files) {}
 
     SpaceStatus check(const DiskSpaceCalculator& disk) const override {
         if (!disk) {
@@ -131,7 +125,7 @@ public:
         if (!path) {
             return SpaceStatus::unknown;
         }
-        const DiskSpaceCalculator disk = DiskSpaceCalculator::calc(m_storage);
+        const DiskSpaceCalculator disk = DiskSpaceCalculator::calc(m_files, m_storage);
         if (!disk) {
             return SpaceStatus::unknown;
         }
@@ -142,10 +136,12 @@ public:
 private:
     double m_threshold;
     const std::string& m_storage;
+    FileSystem& m_files;
 };
 
 // Positive thresholds are bytes, the others percentages stored negated.
-std::unique_ptr<SpaceChecker> make_checker(long double threshold, const std::string& storage) {
+std::unique_ptr<SpaceChecker> make_checker(long double threshold, const std::string& storage,
+                                           FileSystem& files) {
     if (threshold > 0) {
         // Beyond 2^64 - 1 bytes nothing is ever exceeded; the conversion must not overflow.
         const long double limit = static_cast<long double>(NOT_MEASURED);
@@ -164,7 +160,7 @@ std::unique_ptr<SpaceChecker> make_checker(long double threshold, const std::str
             "PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly recommended to "
             "reduce the value");
     }
-    return std::make_unique<PercentSpaceChecker>(percent, storage);
+    return std::make_unique<PercentSpaceChecker>(percent, storage, files);
 }
 
 // Room reserved for a listing: days under the root, hours in a day, minutes in an hour.
@@ -173,45 +169,41 @@ constexpr std::size_t HOURS_EXPECTED = 24;
 constexpr std::size_t MINUTES_EXPECTED = 60;
 
 // Appends the full path of every entry of the directory `path`, one level, unsorted.
-void get_path_content(const std::string& path, std::vector<std::string>& list) {
-    boost::system::error_code error;
-    const fs::file_status status = fs::status(path, error);
-    if (!fs::exists(status)) {
-        QM_LOG_ERROR("STORAGE_MANAGER: path does not exist: " << path);
-        return;
-    }
-    if (!fs::is_directory(status)) {
-        QM_LOG_ERROR("STORAGE_MANAGER: path is not a directory: " << path);
-        return;
-    }
-    for (fs::directory_iterator entry(path, error); !error && entry != fs::directory_iterator();
-         entry.increment(error)) {
-        list.push_back(entry->path().string());
+void get_path_content(FileSystem& files, const std::string& path, std::vector<std::string>& list) {
+    switch (files.kind(path)) {
+        case FileSystem::Kind::missing:
+            QM_LOG_ERROR("STORAGE_MANAGER: path does not exist: " << path);
+            return;
+        case FileSystem::Kind::other:
+            QM_LOG_ERROR("STORAGE_MANAGER: path is not a directory: " << path);
+            return;
+        case FileSystem::Kind::directory:
+            files.list(path, list);
+            return;
     }
 }
 
 // The first directory of `path` by name: the oldest, since the tree's names sort in time order.
 // Plain files in the tree are never taken for a day, an hour or a minute.
-std::string get_path_content_top(const std::string& path, std::size_t expected) {
+std::string get_path_content_top(FileSystem& files, const std::string& path, std::size_t expected) {
     std::vector<std::string> list;
     list.reserve(expected);
-    get_path_content(path, list);
+    get_path_content(files, path, list);
     std::sort(list.begin(), list.end());
-    boost::system::error_code error;
     const auto oldest = std::find_if(list.begin(), list.end(), [&](const std::string& entry) {
-        return fs::is_directory(entry, error);
+        return files.kind(entry) == FileSystem::Kind::directory;
     });
     return oldest == list.end() ? std::string() : *oldest;
 }
 
 // Removes one file or one empty directory; a directory that still holds something stays, without
 // a word.
-bool remove_path(const std::string& path) {
-    boost::system::error_code error;
-    if (fs::remove(path, error)) {
+bool remove_path(FileSystem& files, const std::string& path) {
+    const std::error_code error = files.remove(path);
+    if (!error) {
         return true;
     }
-    if (error && error.value() != ENOTEMPTY) {
+    if (error.value() != ENOTEMPTY && error.value() != ENOENT) {
         QM_LOG_ERROR("STORAGE_MANAGER: failed to remove, error: " << error.message());
     }
     return false;
@@ -223,8 +215,9 @@ std::string parent_of(const std::string& path) {
 
 }  // namespace
 
-StorageManager::StorageManager(std::string storage, const CleanupSettings& settings)
-    : m_storage(std::move(storage)), m_settings(settings) {
+StorageManager::StorageManager(std::string storage, const CleanupSettings& settings,
+                               FileSystem& files)
+    : m_storage(std::move(storage)), m_settings(settings), m_files(files) {
     set_name("qm-cleanup");
 }
 
@@ -288,7 +281,7 @@ void StorageManager::do_cleanup() {
 }
 
 bool StorageManager::exceeded() const {
-    const SpaceStatus status = check_space(m_storage, m_settings);
+    const SpaceStatus status = check_space(m_storage, m_settings, m_files);
     if (status == SpaceStatus::unknown) {
         QM_LOG_ERROR("STORAGE_MANAGER: space check status [unknown]: " << static_cast<int>(status));
     }
@@ -336,8 +329,7 @@ bool StorageManager::remove_chosen(const std::string& path, std::set<std::string
         QM_LOG_ERROR("STORAGE_MANAGER: infinite removing loop detected for path: " << path);
         return false;
     }
-    boost::system::error_code error;
-    fs::remove_all(path, error);
+    const std::error_code error = m_files.remove_tree(path);
     if (error) {
         QM_LOG_ERROR("STORAGE_MANAGER: failed to remove, error: " << error.message());
         return true;
@@ -347,34 +339,35 @@ bool StorageManager::remove_chosen(const std::string& path, std::set<std::string
 }
 
 void StorageManager::remove_if_empty(const std::string& path, std::set<std::string>& removed) {
-    if (remove_path(path)) {
+    if (remove_path(m_files, path)) {
         QM_LOG_SYSTEM("STORAGE_MANAGER: removed: " << path);
         removed.insert(path);
     }
 }
 
 std::string StorageManager::get_day_path_for_cleanup() const {
-    return get_path_content_top(m_storage, DAYS_EXPECTED);
+    return get_path_content_top(m_files, m_storage, DAYS_EXPECTED);
 }
 
 std::string StorageManager::get_hour_path_for_cleanup() const {
     const std::string day = get_day_path_for_cleanup();
-    return day.empty() ? std::string() : get_path_content_top(day, HOURS_EXPECTED);
+    return day.empty() ? std::string() : get_path_content_top(m_files, day, HOURS_EXPECTED);
 }
 
 std::string StorageManager::get_minute_path_for_cleanup() const {
     const std::string hour = get_hour_path_for_cleanup();
-    return hour.empty() ? std::string() : get_path_content_top(hour, MINUTES_EXPECTED);
+    return hour.empty() ? std::string() : get_path_content_top(m_files, hour, MINUTES_EXPECTED);
 }
 
-SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings) {
+SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings,
+                        FileSystem& files) {
     const std::unique_ptr<SpaceChecker> checker =
-        make_checker(settings.storage_cleanup_threshold, storage);
+        make_checker(settings.storage_cleanup_threshold, storage, files);
     switch (settings.storage_cleanup_algo) {
         case cleanup_algo::DF:
-            return checker->check(DiskSpaceCalculator::calc(storage));
+            return checker->check(DiskSpaceCalculator::calc(files, storage));
         case cleanup_algo::DU:
-            return checker->check(PathSpaceCalculator(storage));
+            return checker->check(PathSpaceCalculator(files, storage));
     }
     QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup algo ("
                  << static_cast<int>(settings.storage_cleanup_algo) << ")");

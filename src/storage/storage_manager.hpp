@@ -7,6 +7,7 @@
 
 #include "core/thread.hpp"
 #include "storage/cleanup_settings.hpp"
+#include "storage/file_system.hpp"
 
 // Keeps the recording storage from filling up. Every cleanup period its thread measures the
 // storage (the volume, "df", or the files under it, "du") against the threshold and, while the
@@ -34,9 +35,10 @@ enum class SpaceStatus : int {
     unknown = 2,
 };
 
-// Measures the storage and compares it with the threshold, logging the comparison (and a
-// measuring error). Warns about a percentage above or at 100, which is then taken as 100.
-SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings);
+// Measures the storage through `files` and compares it with the threshold, logging the comparison
+// (and a measuring error). Warns about a percentage above or at 100, which is then taken as 100.
+SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings,
+                        FileSystem& files);
 
 // The comparisons, each logging its line: used bytes against a byte threshold, and a used
 // percentage against a percent threshold (both numbers with two decimals).
@@ -52,8 +54,10 @@ public:
     // The period when `storage_cleanup_timer` is 0.
     static constexpr std::uint64_t DEFAULT_TIMER_US = 60'000'000;
 
-    // Cleans the recording tree under `storage` as `settings` say.
-    StorageManager(std::string storage, const CleanupSettings& settings);
+    // Cleans the recording tree under `storage` as `settings` say, through `files`, which must
+    // outlive the manager.
+    StorageManager(std::string storage, const CleanupSettings& settings,
+                   FileSystem& files = real_file_system());
     ~StorageManager() override;
 
     // Starts the thread, unless the policy is "disabled": then nothing starts and the result is
@@ -92,6 +96,7 @@ private:
 
     const std::string m_storage;
     const CleanupSettings m_settings;
+    FileSystem& m_files;
     std::promise<void> m_stop;
 };
 

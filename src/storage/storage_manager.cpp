@@ -209,6 +209,28 @@ bool remove_path(FileSystem& files, const std::string& path) {
     return false;
 }
 
+// Measures the storage as `algo` says and checks the measure.
+SpaceStatus check_space(FileSystem& files, const std::string& storage, cleanup_algo algo,
+                        const SpaceChecker& checker) {
+    switch (algo) {
+        case cleanup_algo::DF:
+            return checker.check(DiskSpaceCalculator::calc(files, storage));
+        case cleanup_algo::DU:
+            return checker.check(PathSpaceCalculator(files, storage));
+    }
+    QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup algo (" << static_cast<int>(algo) << ")");
+    return SpaceStatus::unknown;
+}
+
+// True when the storage is at or above the threshold; false, after saying why, when it is below
+// or could not be measured.
+bool exceeded(SpaceStatus status) {
+    if (status == SpaceStatus::unknown) {
+        QM_LOG_ERROR("STORAGE_MANAGER: space check status [unknown]: " << static_cast<int>(status));
+    }
+    return status == SpaceStatus::exceeded;
+}
+
 std::string parent_of(const std::string& path) {
     return fs::path(path).parent_path().string();
 }
@@ -274,18 +296,15 @@ void StorageManager::cleanup() {
     QM_LOG_SYSTEM("STORAGE_MANAGER: cleanup stopped");
 }
 
+// The checker is built once per pass, so that its warnings about the threshold come once per
+// pass and not again before every removal.
 void StorageManager::do_cleanup() {
+    const std::unique_ptr<SpaceChecker> checker =
+        make_checker(m_settings.storage_cleanup_threshold, m_storage, m_files);
     std::set<std::string> removed;
-    while (exceeded() && remove_oldest(removed)) {
+    while (exceeded(check_space(m_files, m_storage, m_settings.storage_cleanup_algo, *checker)) &&
+           remove_oldest(removed)) {
     }
-}
-
-bool StorageManager::exceeded() const {
-    const SpaceStatus status = check_space(m_storage, m_settings, m_files);
-    if (status == SpaceStatus::unknown) {
-        QM_LOG_ERROR("STORAGE_MANAGER: space check status [unknown]: " << static_cast<int>(status));
-    }
-    return status == SpaceStatus::exceeded;
 }
 
 bool StorageManager::remove_oldest(std::set<std::string>& removed) {
@@ -357,21 +376,6 @@ std::string StorageManager::get_hour_path_for_cleanup() const {
 std::string StorageManager::get_minute_path_for_cleanup() const {
     const std::string hour = get_hour_path_for_cleanup();
     return hour.empty() ? std::string() : get_path_content_top(m_files, hour, MINUTES_EXPECTED);
-}
-
-SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings,
-                        FileSystem& files) {
-    const std::unique_ptr<SpaceChecker> checker =
-        make_checker(settings.storage_cleanup_threshold, storage, files);
-    switch (settings.storage_cleanup_algo) {
-        case cleanup_algo::DF:
-            return checker->check(DiskSpaceCalculator::calc(files, storage));
-        case cleanup_algo::DU:
-            return checker->check(PathSpaceCalculator(files, storage));
-    }
-    QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup algo ("
-                 << static_cast<int>(settings.storage_cleanup_algo) << ")");
-    return SpaceStatus::unknown;
 }
 
 SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold) {

@@ -35,11 +35,6 @@ enum class SpaceStatus : int {
     unknown = 2,
 };
 
-// Measures the storage through `files` and compares it with the threshold, logging the comparison
-// (and a measuring error). Warns about a percentage above or at 100, which is then taken as 100.
-SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings,
-                        FileSystem& files);
-
 // The comparisons, each logging its line: used bytes against a byte threshold, and a used
 // percentage against a percent threshold (both numbers with two decimals).
 SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold);
@@ -72,7 +67,8 @@ public:
     // The period in microseconds; warns and gives DEFAULT_TIMER_US when it is configured as 0.
     std::uint64_t timer() const;
 
-    // One pass between its "started" and "stopped" lines.
+    // One pass between its "started" and "stopped" lines. A percentage threshold at or above 100
+    // is warned about once per pass, before its first measure.
     void cleanup();
     void do_cleanup();
 
@@ -83,9 +79,6 @@ public:
     std::string get_minute_path_for_cleanup() const;
 
 private:
-    // True when the storage is at or above the threshold now; false, after saying why, when it
-    // is below or cannot be measured.
-    bool exceeded() const;
     // Removes the oldest directory of the policy's level and the parents it emptied; false when
     // the pass must end.
     bool remove_oldest(std::set<std::string>& removed);

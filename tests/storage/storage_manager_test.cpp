@@ -276,6 +276,22 @@ TEST_F(StorageManagerTest, ThresholdOf100PercentWarnsOnce) {
     EXPECT_THAT(pass(), ElementsAre(STARTED, AT_100, percent("55.56", "100.00", false), STOPPED));
 }
 
+// The threshold is read once per pass: its warnings come once, not before every measure.
+TEST_F(StorageManagerTest, PercentWarningsComeOncePerPassThatRemovesThreeMinutes) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = -150;
+    volume(1000, 0, 0);
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/00/01/b/media.qm", 10);
+    file("2024-01-01/00/02/c/media.qm", 10);
+    const std::string full = percent("100.00", "100.00", true);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, ABOVE_100, AT_100, full, removed("2024-01-01/00/00"), full,
+                            removed("2024-01-01/00/01"), full, removed("2024-01-01/00/02"),
+                            removed("2024-01-01/00"), removed("2024-01-01"), full, STOPPED));
+}
+
 // 0% is reached by every measure; with nothing to remove the pass ends.
 TEST_F(StorageManagerTest, ThresholdZeroIsZeroPercentWhichIsAlwaysExceeded) {
     settings.storage_cleanup_threshold = 0;

@@ -11,6 +11,7 @@
 #include <exception>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "log/logger.hpp"
@@ -183,15 +184,51 @@ void get_path_content(FileSystem& files, const std::string& path, std::vector<st
     }
 }
 
-// The first directory of `path` by name: the oldest, since the tree's names sort in time order.
-// Plain files in the tree are never taken for a day, an hour or a minute.
-std::string get_path_content_top(FileSystem& files, const std::string& path, std::size_t expected) {
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// Two digits from "00" to the largest value given.
+bool is_two_digits_up_to(const std::string& name, int largest) {
+    return name.size() == 2 && is_digit(name[0]) && is_digit(name[1]) &&
+           (name[0] - '0') * 10 + (name[1] - '0') <= largest;
+}
+
+// "YYYY-MM-DD" by its shape only: the writer's fallback day for a time it cannot render,
+// "0000-00-00", is a day as well.
+bool is_day(const std::string& name) {
+    static constexpr std::string_view SHAPE = "0000-00-00";
+    if (name.size() != SHAPE.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < SHAPE.size(); ++i) {
+        if (SHAPE[i] == '-' ? name[i] != '-' : !is_digit(name[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool is_hour(const std::string& name) {
+    return is_two_digits_up_to(name, 23);
+}
+
+bool is_minute(const std::string& name) {
+    return is_two_digits_up_to(name, 59);
+}
+
+// The first directory of `path` by name whose name is one of the level's (`is_level`): the oldest,
+// since the tree's names sort in time order. Anything else in the tree (plain files, a volume's
+// lost+found, an operator's own directories) is never taken for a day, an hour or a minute.
+std::string get_path_content_top(FileSystem& files, const std::string& path, std::size_t expected,
+                                 bool (*is_level)(const std::string&)) {
     std::vector<std::string> list;
     list.reserve(expected);
     get_path_content(files, path, list);
     std::sort(list.begin(), list.end());
     const auto oldest = std::find_if(list.begin(), list.end(), [&](const std::string& entry) {
-        return files.kind(entry) == FileSystem::Kind::directory;
+        return is_level(fs::path(entry).filename().string()) &&
+               files.kind(entry) == FileSystem::Kind::directory;
     });
     return oldest == list.end() ? std::string() : *oldest;
 }
@@ -365,17 +402,19 @@ void StorageManager::remove_if_empty(const std::string& path, std::set<std::stri
 }
 
 std::string StorageManager::get_day_path_for_cleanup() const {
-    return get_path_content_top(m_files, m_storage, DAYS_EXPECTED);
+    return get_path_content_top(m_files, m_storage, DAYS_EXPECTED, is_day);
 }
 
 std::string StorageManager::get_hour_path_for_cleanup() const {
     const std::string day = get_day_path_for_cleanup();
-    return day.empty() ? std::string() : get_path_content_top(m_files, day, HOURS_EXPECTED);
+    return day.empty() ? std::string()
+                       : get_path_content_top(m_files, day, HOURS_EXPECTED, is_hour);
 }
 
 std::string StorageManager::get_minute_path_for_cleanup() const {
     const std::string hour = get_hour_path_for_cleanup();
-    return hour.empty() ? std::string() : get_path_content_top(m_files, hour, MINUTES_EXPECTED);
+    return hour.empty() ? std::string()
+                        : get_path_content_top(m_files, hour, MINUTES_EXPECTED, is_minute);
 }
 
 SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold) {

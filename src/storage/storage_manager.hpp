@@ -14,7 +14,10 @@
 // measure is at or above it, removes the oldest directory of the recording tree at the level the
 // policy names (a minute, an hour or a day), then the emptied parents, one directory per step,
 // measuring again after each. The tree's names sort in time order, so the oldest is the first by
-// name. A pass never removes the same directory twice: a removal that changed nothing ends it.
+// name. Only directories named as the level's are taken: a day "YYYY-MM-DD", an hour "00" to
+// "23", a minute "00" to "59"; anything else (a volume's lost+found, an operator's metrics
+// directory) is never removed. A pass never removes the same directory twice: a removal that
+// changed nothing ends it.
 //
 // Threads: built, started and stopped by the service's main thread, which also runs the first
 // pass itself before any thread starts. The thread only reads its own copy of the settings. It
@@ -72,8 +75,9 @@ public:
     void cleanup();
     void do_cleanup();
 
-    // The full path of the oldest directory of that level, or "" when there is none. Only the
-    // oldest day is looked into for hours, and only its oldest hour for minutes.
+    // The full path of the oldest directory of that level (named as the level's), or "" when
+    // there is none. Only the oldest day is looked into for hours, and only its oldest hour for
+    // minutes.
     std::string get_day_path_for_cleanup() const;
     std::string get_hour_path_for_cleanup() const;
     std::string get_minute_path_for_cleanup() const;

@@ -195,6 +195,52 @@ TEST_F(StorageManagerTest, DayPolicyRemovesTheOldestDayWhole) {
                 ElementsAre(STARTED, used(30, 25), removed("2024-01-01"), used(10, 25), STOPPED));
 }
 
+// Only a day, an hour or a minute by its name is taken at its level, whatever sorts first.
+TEST_F(StorageManagerTest, DayPolicyLeavesDirectoriesThatAreNoDay) {
+    settings.storage_cleanup_policy = cleanup_policy::DAY;
+    settings.storage_cleanup_threshold = 1;
+    file("lost+found/x", 5);
+    file("metrics/m", 5);
+    file("10/00/00/a/media.qm", 5);
+    file("2024-1-01/00/00/a/media.qm", 5);
+    file("2024-01-01/00/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(30, 1), removed("2024-01-01"), used(20, 1), STOPPED));
+    for (const char* kept :
+         {"lost+found/x", "metrics/m", "10/00/00/a/media.qm", "2024-1-01/00/00/a/media.qm"}) {
+        EXPECT_TRUE(std::filesystem::exists(storage() / kept)) << kept;
+    }
+}
+
+TEST_F(StorageManagerTest, MinutePolicyLeavesDirectoriesThatAreNoHourOrMinute) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    file("lost+found/x", 5);
+    file("0/00/00/a/media.qm", 5);
+    file("2024-01-01/0/00/x", 5);
+    file("2024-01-01/24/00/x", 5);
+    file("2024-01-01/metrics/x", 5);
+    file("2024-01-01/00/0/x", 5);
+    file("2024-01-01/00/60/x", 5);
+    file("2024-01-01/00/lost+found/x", 5);
+    file("2024-01-01/00/59/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(50, 1), removed("2024-01-01/00/59"), used(40, 1),
+                                    STOPPED));
+}
+
+TEST_F(StorageManagerTest, HourPolicyLeavesDirectoriesThatAreNoHour) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/0/00/x", 5);
+    file("2024-01-01/lost+found/x", 5);
+    file("2024-01-01/23/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(20, 1), removed("2024-01-01/23"), used(10, 1), STOPPED));
+}
+
 TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesNothing) {
     settings.storage_cleanup_policy = cleanup_policy::HOUR;
     settings.storage_cleanup_threshold = 1;

@@ -164,11 +164,6 @@ std::unique_ptr<SpaceChecker> make_checker(long double threshold, const std::str
     return std::make_unique<PercentSpaceChecker>(percent, storage, files);
 }
 
-// Room reserved for a listing: days under the root, hours in a day, minutes in an hour.
-constexpr std::size_t DAYS_EXPECTED = 16;
-constexpr std::size_t HOURS_EXPECTED = 24;
-constexpr std::size_t MINUTES_EXPECTED = 60;
-
 // Appends the full path of every entry of the directory `path`, one level, unsorted.
 void get_path_content(FileSystem& files, const std::string& path, std::vector<std::string>& list) {
     switch (files.kind(path)) {
@@ -216,6 +211,16 @@ bool is_hour(const std::string& name) {
 bool is_minute(const std::string& name) {
     return is_two_digits_up_to(name, 59);
 }
+
+// The levels of the tree below the storage root, and the room a listing of the level reserves.
+struct Level {
+    std::size_t expected;
+    bool (*is_level)(const std::string&);
+};
+constexpr Level LEVELS[] = {{16, is_day}, {24, is_hour}, {60, is_minute}};
+constexpr std::size_t DAY_DEPTH = 1;
+constexpr std::size_t HOUR_DEPTH = 2;
+constexpr std::size_t MINUTE_DEPTH = 3;
 
 // The first directory of `path` by name whose name is one of the level's (`is_level`): the oldest,
 // since the tree's names sort in time order. Anything else in the tree (plain files, a volume's
@@ -345,34 +350,75 @@ void StorageManager::do_cleanup() {
 }
 
 bool StorageManager::remove_oldest(std::set<std::string>& removed) {
+    std::size_t depth = 0;
     switch (m_settings.storage_cleanup_policy) {
         case cleanup_policy::DISABLED:
             QM_LOG_WARNING("STORAGE_MANAGER: cleanup is disabled");
             return false;
-        case cleanup_policy::DAY: {
-            return remove_chosen(get_day_path_for_cleanup(), removed);
+        case cleanup_policy::DAY:
+            depth = DAY_DEPTH;
+            break;
+        case cleanup_policy::HOUR:
+            depth = HOUR_DEPTH;
+            break;
+        case cleanup_policy::MINUTE:
+            depth = MINUTE_DEPTH;
+            break;
+        default:
+            QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup policy: "
+                         << static_cast<int>(m_settings.storage_cleanup_policy));
+            return false;
+    }
+    const std::string chosen = choose(depth, removed);
+    if (!remove_chosen(chosen, removed)) {
+        return false;
+    }
+    // Then the parents it emptied, the nearest first; never the storage root.
+    std::string parent = chosen;
+    for (std::size_t level = depth; level > DAY_DEPTH; --level) {
+        parent = parent_of(parent);
+        remove_if_empty(parent, removed);
+    }
+    return true;
+}
+
+std::string StorageManager::choose(std::size_t depth, std::set<std::string>& removed) {
+    for (;;) {
+        std::size_t reached = 0;
+        const std::string path = walk_oldest(depth, reached);
+        if (reached == depth) {
+            return path;
         }
-        case cleanup_policy::HOUR: {
-            const std::string hour = get_hour_path_for_cleanup();
-            if (!remove_chosen(hour, removed)) {
-                return false;
-            }
-            remove_if_empty(parent_of(hour), removed);
-            return true;
-        }
-        case cleanup_policy::MINUTE: {
-            const std::string minute = get_minute_path_for_cleanup();
-            if (!remove_chosen(minute, removed)) {
-                return false;
-            }
-            remove_if_empty(parent_of(minute), removed);
-            remove_if_empty(parent_of(parent_of(minute)), removed);
-            return true;
+        if (reached == 0 || !m_settings.storage_cleanup_remove_empty ||
+            !remove_empty(path, removed)) {
+            return std::string();
         }
     }
-    QM_LOG_ERROR("STORAGE_MANAGER: unknown cleanup policy: "
-                 << static_cast<int>(m_settings.storage_cleanup_policy));
-    return false;
+}
+
+std::string StorageManager::walk_oldest(std::size_t depth, std::size_t& reached) const {
+    std::string path = m_storage;
+    for (reached = 0; reached < depth; ++reached) {
+        const Level& level = LEVELS[reached];
+        std::string next = get_path_content_top(m_files, path, level.expected, level.is_level);
+        if (next.empty()) {
+            break;
+        }
+        path = std::move(next);
+    }
+    return path;
+}
+
+bool StorageManager::remove_empty(const std::string& path, std::set<std::string>& removed) {
+    if (!removed.insert(path).second) {
+        QM_LOG_ERROR("STORAGE_MANAGER: infinite removing loop detected for path: " << path);
+        return false;
+    }
+    if (!remove_path(m_files, path)) {
+        return false;
+    }
+    QM_LOG_SYSTEM("STORAGE_MANAGER: removed empty directory: " << path);
+    return true;
 }
 
 // The chosen path goes into the set whether or not its removal worked: chosen again, it would
@@ -401,20 +447,22 @@ void StorageManager::remove_if_empty(const std::string& path, std::set<std::stri
     }
 }
 
+std::string StorageManager::oldest_at(std::size_t depth) const {
+    std::size_t reached = 0;
+    std::string path = walk_oldest(depth, reached);
+    return reached == depth ? path : std::string();
+}
+
 std::string StorageManager::get_day_path_for_cleanup() const {
-    return get_path_content_top(m_files, m_storage, DAYS_EXPECTED, is_day);
+    return oldest_at(DAY_DEPTH);
 }
 
 std::string StorageManager::get_hour_path_for_cleanup() const {
-    const std::string day = get_day_path_for_cleanup();
-    return day.empty() ? std::string()
-                       : get_path_content_top(m_files, day, HOURS_EXPECTED, is_hour);
+    return oldest_at(HOUR_DEPTH);
 }
 
 std::string StorageManager::get_minute_path_for_cleanup() const {
-    const std::string hour = get_hour_path_for_cleanup();
-    return hour.empty() ? std::string()
-                        : get_path_content_top(m_files, hour, MINUTES_EXPECTED, is_minute);
+    return oldest_at(MINUTE_DEPTH);
 }
 
 SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold) {

@@ -17,7 +17,9 @@
 // name. Only directories named as the level's are taken: a day "YYYY-MM-DD", an hour "00" to
 // "23", a minute "00" to "59"; anything else (a volume's lost+found, an operator's metrics
 // directory) is never removed. A pass never removes the same directory twice: a removal that
-// changed nothing ends it.
+// changed nothing ends it. An oldest day without hours (policy "hour", "minute") or an oldest
+// hour without minutes (policy "minute") ends the pass with nothing removed, pass after pass,
+// unless `storage_cleanup_remove_empty` lets the pass remove it, when empty, and go on.
 //
 // Threads: built, started and stopped by the service's main thread, which also runs the first
 // pass itself before any thread starts. The thread only reads its own copy of the settings. It
@@ -86,6 +88,19 @@ private:
     // Removes the oldest directory of the policy's level and the parents it emptied; false when
     // the pass must end.
     bool remove_oldest(std::set<std::string>& removed);
+    // The oldest directory `depth` levels below the storage root (1 a day, 2 an hour, 3 a
+    // minute), or "" when there is none. With `storage_cleanup_remove_empty`, an empty day or
+    // hour met on the way is removed and the walk starts again; otherwise the pass ends there.
+    std::string choose(std::size_t depth, std::set<std::string>& removed);
+    // Walks down from the storage root through the oldest directory of each level, at most
+    // `depth` levels. Returns the deepest directory reached, `reached` levels below the root
+    // (0: the root itself, which had no day).
+    std::string walk_oldest(std::size_t depth, std::size_t& reached) const;
+    // The directory `depth` levels down that `walk_oldest` reaches, or "".
+    std::string oldest_at(std::size_t depth) const;
+    // Removes `path`, a day or an hour without its level's directories, when it is empty, with its
+    // own line. False when it was not removed, which ends the pass.
+    bool remove_empty(const std::string& path, std::set<std::string>& removed);
     // Removes `path` with everything in it, unless this pass chose it before.
     bool remove_chosen(const std::string& path, std::set<std::string>& removed);
     // Removes `path` if it is an empty directory now.

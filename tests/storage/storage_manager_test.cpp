@@ -103,6 +103,9 @@ protected:
     std::string removed(const std::string& relative) const {
         return "STORAGE_MANAGER: removed: " + path(relative);
     }
+    std::string removed_empty(const std::string& relative) const {
+        return "STORAGE_MANAGER: removed empty directory: " + path(relative);
+    }
 
     test::TempDirectory directory;
     test::LogCapture capture;
@@ -239,6 +242,65 @@ TEST_F(StorageManagerTest, HourPolicyLeavesDirectoriesThatAreNoHour) {
 
     EXPECT_THAT(pass(),
                 ElementsAre(STARTED, used(20, 1), removed("2024-01-01/23"), used(10, 1), STOPPED));
+}
+
+// An oldest day without hours stops every pass before it removes anything: the disk fills.
+TEST_F(StorageManagerTest, HourPolicyStallsForGoodOnAnEmptyOldestDay) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01");
+    file("2024-01-02/05/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-02/05/00/a/media.qm"));
+}
+
+TEST_F(StorageManagerTest, HourPolicyRemovesAnEmptyOldestDayAndGoesOnWhenAsked) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01");
+    file("2024-01-02/05/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), removed_empty("2024-01-01"),
+                            removed("2024-01-02/05"), removed("2024-01-02"), used(0, 1), STOPPED));
+}
+
+TEST_F(StorageManagerTest, MinutePolicyStallsForGoodOnAnEmptyOldestHour) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01/00");
+    file("2024-01-01/01/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+}
+
+// The empty hour goes, then the day it emptied, and the next day's minute.
+TEST_F(StorageManagerTest, MinutePolicyRemovesEmptyHoursAndDaysAndGoesOnWhenAsked) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01/00");
+    file("2024-01-02/03/04/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), removed_empty("2024-01-01/00"),
+                            removed_empty("2024-01-01"), removed("2024-01-02/03/04"),
+                            removed("2024-01-02/03"), removed("2024-01-02"), used(0, 1), STOPPED));
+}
+
+// A day that holds something other than hours is not empty: it stays, and the pass ends.
+TEST_F(StorageManagerTest, RemovingEmptyDirectoriesLeavesADayWithOtherContent) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/lost+found/x", 5);
+    file("2024-01-02/05/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(15, 1), STOPPED));
 }
 
 TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesNothing) {

@@ -277,11 +277,23 @@ std::string parent_of(const std::string& path) {
     return fs::path(path).parent_path().string();
 }
 
+// The last `depth` names of `path` joined with '/': its place below the storage root, as the
+// writer names the minutes of its open legs.
+std::string relative_to_root(const std::string& path, std::size_t depth) {
+    fs::path full(path);
+    std::string relative = full.filename().string();
+    for (std::size_t level = 1; level < depth; ++level) {
+        full = full.parent_path();
+        relative = full.filename().string() + "/" + relative;
+    }
+    return relative;
+}
+
 }  // namespace
 
 StorageManager::StorageManager(std::string storage, const CleanupSettings& settings,
-                               FileSystem& files)
-    : m_storage(std::move(storage)), m_settings(settings), m_files(files) {
+                               const writer::OpenLegs* open_legs, FileSystem& files)
+    : m_storage(std::move(storage)), m_settings(settings), m_open_legs(open_legs), m_files(files) {
     set_name("qm-cleanup");
 }
 
@@ -370,14 +382,14 @@ bool StorageManager::remove_oldest(std::set<std::string>& removed) {
             return false;
     }
     const std::string chosen = choose(depth, removed);
-    if (!remove_chosen(chosen, removed)) {
+    if (chosen.empty() || spared(chosen, depth) || !remove_chosen(chosen, removed)) {
         return false;
     }
     // Then the parents it emptied, the nearest first; never the storage root.
     std::string parent = chosen;
-    for (std::size_t level = depth; level > DAY_DEPTH; --level) {
+    for (std::size_t level = depth - 1; level >= DAY_DEPTH; --level) {
         parent = parent_of(parent);
-        remove_if_empty(parent, removed);
+        remove_if_empty(parent, level, removed);
     }
     return true;
 }
@@ -390,7 +402,7 @@ std::string StorageManager::choose(std::size_t depth, std::set<std::string>& rem
             return path;
         }
         if (reached == 0 || !m_settings.storage_cleanup_remove_empty ||
-            !remove_empty(path, removed)) {
+            !remove_empty(path, reached, removed)) {
             return std::string();
         }
     }
@@ -409,7 +421,11 @@ std::string StorageManager::walk_oldest(std::size_t depth, std::size_t& reached)
     return path;
 }
 
-bool StorageManager::remove_empty(const std::string& path, std::set<std::string>& removed) {
+bool StorageManager::remove_empty(const std::string& path, std::size_t depth,
+                                  std::set<std::string>& removed) {
+    if (spared(path, depth)) {
+        return false;
+    }
     if (!removed.insert(path).second) {
         QM_LOG_ERROR("STORAGE_MANAGER: infinite removing loop detected for path: " << path);
         return false;
@@ -424,9 +440,6 @@ bool StorageManager::remove_empty(const std::string& path, std::set<std::string>
 // The chosen path goes into the set whether or not its removal worked: chosen again, it would
 // only fail again, so the pass ends there instead of going round for ever.
 bool StorageManager::remove_chosen(const std::string& path, std::set<std::string>& removed) {
-    if (path.empty()) {
-        return false;
-    }
     if (!removed.insert(path).second) {
         QM_LOG_ERROR("STORAGE_MANAGER: infinite removing loop detected for path: " << path);
         return false;
@@ -440,11 +453,27 @@ bool StorageManager::remove_chosen(const std::string& path, std::set<std::string
     return true;
 }
 
-void StorageManager::remove_if_empty(const std::string& path, std::set<std::string>& removed) {
-    if (remove_path(m_files, path)) {
+// An empty parent that holds an open leg is one whose directories the writer has yet to make.
+void StorageManager::remove_if_empty(const std::string& path, std::size_t depth,
+                                     std::set<std::string>& removed) {
+    if (open_legs_in(path, depth) == 0 && remove_path(m_files, path)) {
         QM_LOG_SYSTEM("STORAGE_MANAGER: removed: " << path);
         removed.insert(path);
     }
+}
+
+std::size_t StorageManager::open_legs_in(const std::string& path, std::size_t depth) const {
+    return m_open_legs == nullptr ? 0 : m_open_legs->count_under(relative_to_root(path, depth));
+}
+
+bool StorageManager::spared(const std::string& path, std::size_t depth) const {
+    const std::size_t legs = open_legs_in(path, depth);
+    if (legs == 0) {
+        return false;
+    }
+    QM_LOG_WARNING("STORAGE_MANAGER: spared " << path << ": it holds " << legs
+                                              << " legs still being recorded");
+    return true;
 }
 
 std::string StorageManager::oldest_at(std::size_t depth) const {

@@ -8,6 +8,7 @@
 #include "core/thread.hpp"
 #include "storage/cleanup_settings.hpp"
 #include "storage/file_system.hpp"
+#include "writer/open_legs.hpp"
 
 // Keeps the recording storage from filling up. Every cleanup period its thread measures the
 // storage (the volume, "df", or the files under it, "du") against the threshold and, while the
@@ -24,7 +25,8 @@
 // Threads: built, started and stopped by the service's main thread, which also runs the first
 // pass itself before any thread starts. The thread only reads its own copy of the settings. It
 // shares the tree with the media writer without a lock: a leg whose directory is removed under it
-// loses its later buffers (counted by the writer).
+// loses its later buffers (counted by the writer), unless the manager was given the open legs to
+// spare, which it asks under their own lock.
 
 namespace qm::storage {
 
@@ -54,9 +56,11 @@ public:
     // The period when `storage_cleanup_timer` is 0.
     static constexpr std::uint64_t DEFAULT_TIMER_US = 60'000'000;
 
-    // Cleans the recording tree under `storage` as `settings` say, through `files`, which must
-    // outlive the manager.
+    // Cleans the recording tree under `storage` as `settings` say, through `files`. Given
+    // `open_legs`, never removes a directory that holds one of them (the service gives it when
+    // `storage_cleanup_spare_open_legs` is set). Both must outlive the manager.
     StorageManager(std::string storage, const CleanupSettings& settings,
+                   const writer::OpenLegs* open_legs = nullptr,
                    FileSystem& files = real_file_system());
     ~StorageManager() override;
 
@@ -100,14 +104,22 @@ private:
     std::string oldest_at(std::size_t depth) const;
     // Removes `path`, a day or an hour without its level's directories, when it is empty, with its
     // own line. False when it was not removed, which ends the pass.
-    bool remove_empty(const std::string& path, std::set<std::string>& removed);
+    bool remove_empty(const std::string& path, std::size_t depth, std::set<std::string>& removed);
+    // The open legs in `path`, `depth` levels below the storage root; 0 when none are tracked.
+    std::size_t open_legs_in(const std::string& path, std::size_t depth) const;
+    // True, after a WARNING that says so, when `path` holds open legs: the pass ends there, since
+    // everything after it is newer.
+    bool spared(const std::string& path, std::size_t depth) const;
     // Removes `path` with everything in it, unless this pass chose it before.
     bool remove_chosen(const std::string& path, std::set<std::string>& removed);
-    // Removes `path` if it is an empty directory now.
-    void remove_if_empty(const std::string& path, std::set<std::string>& removed);
+    // Removes `path`, `depth` levels below the storage root, if it is an empty directory now and
+    // holds no open leg.
+    void remove_if_empty(const std::string& path, std::size_t depth,
+                         std::set<std::string>& removed);
 
     const std::string m_storage;
     const CleanupSettings m_settings;
+    const writer::OpenLegs* const m_open_legs;
     FileSystem& m_files;
     std::promise<void> m_stop;
 };

@@ -79,7 +79,7 @@ protected:
     std::filesystem::path storage() const { return directory.path() / "storage"; }
 
     std::vector<std::string> pass() {
-        StorageManager manager(storage().string(), settings, files);
+        StorageManager manager(storage().string(), settings, open_legs, files);
         capture.clear();
         manager.cleanup();
         return capture.texts();
@@ -111,6 +111,9 @@ protected:
     test::LogCapture capture;
     CleanupSettings settings;
     FakeFileSystem files;
+    // Given to the manager once a test sets it.
+    const writer::OpenLegs* open_legs = nullptr;
+    writer::OpenLegs legs;
 };
 
 TEST_F(StorageManagerTest, DisabledPolicyStartsNoThread) {
@@ -301,6 +304,79 @@ TEST_F(StorageManagerTest, RemovingEmptyDirectoriesLeavesADayWithOtherContent) {
     file("2024-01-02/05/00/a/media.qm", 10);
 
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(15, 1), STOPPED));
+}
+
+std::string spared(const std::string& path, std::size_t legs) {
+    return "STORAGE_MANAGER: spared " + path + ": it holds " + std::to_string(legs) +
+           " legs still being recorded";
+}
+
+// Older minutes go; the one the legs still write into stays, and so does everything newer.
+TEST_F(StorageManagerTest, MinutePolicySparesTheMinuteOfOpenLegsAndEndsThePass) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/00/01/b/media.qm", 10);
+    file("2024-01-01/00/01/c/media.qm", 10);
+    file("2024-01-01/00/02/d/media.qm", 10);
+    open_legs = &legs;
+    const writer::OpenLegs::Registration b = legs.open("2024-01-01/00/01");
+    const writer::OpenLegs::Registration c = legs.open("2024-01-01/00/01");
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(40, 1), removed("2024-01-01/00/00"), used(30, 1),
+                                    spared(path("2024-01-01/00/01"), 2), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/01/b/media.qm"));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/02/d/media.qm"));
+}
+
+TEST_F(StorageManagerTest, HourAndDayPoliciesSpareTheHourAndDayOfAnOpenLeg) {
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/05/a/media.qm", 10);
+    open_legs = &legs;
+    const writer::OpenLegs::Registration leg = legs.open("2024-01-01/00/05");
+
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), spared(path("2024-01-01/00"), 1), STOPPED));
+    settings.storage_cleanup_policy = cleanup_policy::DAY;
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), spared(path("2024-01-01"), 1), STOPPED));
+}
+
+// A closed leg spares nothing, and without the registry an open one spares nothing either.
+TEST_F(StorageManagerTest, AMinuteIsRemovedOnceItsLegsClosedOrWhenLegsAreNotSpared) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-02/00/00/b/media.qm", 10);
+    writer::OpenLegs::Registration a = legs.open("2024-01-01/00/00");
+    const writer::OpenLegs::Registration b = legs.open("2024-01-02/00/00");
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(20, 1), removed("2024-01-01/00/00"),
+                                    removed("2024-01-01/00"), removed("2024-01-01"), used(10, 1),
+                                    removed("2024-01-02/00/00"), removed("2024-01-02/00"),
+                                    removed("2024-01-02"), used(0, 1), STOPPED));
+    file("2024-01-01/00/00/a/media.qm", 10);
+    open_legs = &legs;
+    a.reset();
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), removed("2024-01-01/00/00"),
+                            removed("2024-01-01/00"), removed("2024-01-01"), used(0, 1), STOPPED));
+}
+
+// The writer has yet to make the directories of a leg that has written nothing: its empty hour
+// stays.
+TEST_F(StorageManagerTest, AnEmptyHourThatAnOpenLegWillWriteIntoIsSpared) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01/00");
+    file("2024-01-01/01/00/a/media.qm", 10);
+    open_legs = &legs;
+    const writer::OpenLegs::Registration leg = legs.open("2024-01-01/00/30");
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), spared(path("2024-01-01/00"), 1), STOPPED));
+    EXPECT_TRUE(std::filesystem::is_directory(storage() / "2024-01-01/00"));
 }
 
 TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesNothing) {

@@ -20,7 +20,8 @@
 // directory) is never removed. A pass never removes the same directory twice: a removal that
 // changed nothing ends it. An oldest day without hours (policy "hour", "minute") or an oldest
 // hour without minutes (policy "minute") ends the pass with nothing removed, pass after pass,
-// unless `storage_cleanup_remove_empty` lets the pass remove it, when empty, and go on.
+// unless `storage_cleanup_remove_empty` lets the pass remove it, when empty, and go on. Given the
+// open legs, a pass never removes a directory that one of them writes into: it ends there.
 //
 // Threads: built, started and stopped by the service's main thread, which also runs the first
 // pass itself before any thread starts. The thread only reads its own copy of the settings. It

@@ -230,8 +230,9 @@ TEST_F(CleanupE2eTest, OpenLegsMinuteIsSparedWhenAskedAndItsFileIsWhole) {
 TEST_F(CleanupE2eTest, OpenLegsMinuteIsRemovedWhenNotSpared) {
     ChildProcess& process = start_recorder(OVER_THE_THRESHOLD);
 
+    // The writer made the minute to write the first frame, and a pass removed it; the file itself
+    // may be gone before a poll could see it.
     record_two_frames();
-    ASSERT_TRUE(leg_file_reaches(48 + 332)) << process.standard_error();
     ASSERT_TRUE(process.wait_for_line(removed("2021-10-11"), TIMEOUT)) << process.standard_error();
     send(encode_data(frame(3)));
     send(encode_data(frame(4)));

@@ -70,10 +70,15 @@ bool Service::on_start() {
         QM_LOG_ERROR("SERVICE: storage path is not a directory or failed to create");
         return false;
     }
+    // With `storage_cleanup_spare_open_legs`, the writing manager tells the cleanup which minutes
+    // its legs still write into.
+    writer::OpenLegs legs;
+    writer::OpenLegs* const open_legs =
+        configuration->storage_cleanup_spare_open_legs ? &legs : nullptr;
     // One cleanup pass before any thread starts, then the report thread, then the cleanup
     // thread. A cleanup thread that cannot start leaves the recorder running without periodic
     // cleanup rather than refusing to record.
-    storage::StorageManager storage(configuration->storage, *configuration);
+    storage::StorageManager storage(configuration->storage, *configuration, open_legs);
     storage.cleanup();
     log_pending_signals();
     start_statistics(*configuration);
@@ -90,7 +95,7 @@ bool Service::on_start() {
     bool recorded = false;
     if (socket.open(configuration->port, INADDR_ANY)) {
         prepare_receiving(socket, ring);
-        recorded = record(socket, ring, *read_buffer);
+        recorded = record(socket, ring, *read_buffer, open_legs);
     }
     // Also when the socket could not be bound: no thread may log while the frame puts the
     // logger away.
@@ -137,7 +142,7 @@ void Service::receive(net::Socket& socket, net::PacketRing& ring,
 }
 
 bool Service::record(net::Socket& socket, net::PacketRing& ring,
-                     net::Socket::ReadBuffer& read_buffer) {
+                     net::Socket::ReadBuffer& read_buffer, writer::OpenLegs* open_legs) {
     // The report's records outlive the components that count into them.
     stats::StatisticService& statistics = stats::StatisticService::Instance;
     std::unique_ptr<writer::WritingManager> writing;
@@ -147,6 +152,9 @@ bool Service::record(net::Socket& socket, net::PacketRing& ring,
     } catch (const std::bad_alloc&) {
         QM_LOG_ERROR("SERVICE: failed to allocate the media buffers");
         return false;
+    }
+    if (open_legs != nullptr) {
+        writing->track_open_legs(*open_legs);
     }
     const int writing_started = writing->start();
     if (writing_started != 0) {

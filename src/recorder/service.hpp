@@ -5,6 +5,7 @@
 #include "net/net_socket.hpp"
 #include "net/packet_ring.hpp"
 #include "recorder/configuration.hpp"
+#include "writer/open_legs.hpp"
 
 namespace qm::recorder {
 
@@ -38,8 +39,10 @@ private:
 
     // Builds the writing manager and the packet reader behind the open `socket` (or `ring` when
     // open), receives until a stop, and takes them down in reverse: the media writer drains
-    // before this returns. False when a part could not be built or started.
-    bool record(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer);
+    // before this returns. Every recorded leg counts in `open_legs`, when given, while it is open.
+    // False when a part could not be built or started.
+    bool record(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer,
+                writer::OpenLegs* open_legs);
 
     // Hands every datagram to `reader` until a stop: a block at a time from an open `ring`, else
     // one recv per datagram, or with `receive_batch` above 1 a batch per call; the reader is woken

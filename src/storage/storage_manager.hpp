@@ -7,18 +7,27 @@
 
 #include "core/thread.hpp"
 #include "storage/cleanup_settings.hpp"
+#include "storage/file_system.hpp"
+#include "writer/open_legs.hpp"
 
 // Keeps the recording storage from filling up. Every cleanup period its thread measures the
 // storage (the volume, "df", or the files under it, "du") against the threshold and, while the
 // measure is at or above it, removes the oldest directory of the recording tree at the level the
 // policy names (a minute, an hour or a day), then the emptied parents, one directory per step,
 // measuring again after each. The tree's names sort in time order, so the oldest is the first by
-// name. A pass never removes the same directory twice: a removal that changed nothing ends it.
+// name. Only directories named as the level's are taken: a day "YYYY-MM-DD", an hour "00" to
+// "23", a minute "00" to "59"; anything else (a volume's lost+found, an operator's metrics
+// directory) is never removed. A pass never removes the same directory twice: a removal that
+// changed nothing ends it. An oldest day without hours (policy "hour", "minute") or an oldest
+// hour without minutes (policy "minute") ends the pass with nothing removed, pass after pass,
+// unless `storage_cleanup_remove_empty` lets the pass remove it, when empty, and go on. Given the
+// open legs, a pass never removes a directory that one of them writes into: it ends there.
 //
 // Threads: built, started and stopped by the service's main thread, which also runs the first
 // pass itself before any thread starts. The thread only reads its own copy of the settings. It
 // shares the tree with the media writer without a lock: a leg whose directory is removed under it
-// loses its later buffers (counted by the writer).
+// loses its later buffers (counted by the writer), unless the manager was given the open legs to
+// spare, which it asks under their own lock.
 
 namespace qm::storage {
 
@@ -34,10 +43,6 @@ enum class SpaceStatus : int {
     unknown = 2,
 };
 
-// Measures the storage and compares it with the threshold, logging the comparison (and a
-// measuring error). Warns about a percentage above or at 100, which is then taken as 100.
-SpaceStatus check_space(const std::string& storage, const CleanupSettings& settings);
-
 // The comparisons, each logging its line: used bytes against a byte threshold, and a used
 // percentage against a percent threshold (both numbers with two decimals).
 SpaceStatus compare_bytes(std::uint64_t used, std::uint64_t threshold);
@@ -52,8 +57,12 @@ public:
     // The period when `storage_cleanup_timer` is 0.
     static constexpr std::uint64_t DEFAULT_TIMER_US = 60'000'000;
 
-    // Cleans the recording tree under `storage` as `settings` say.
-    StorageManager(std::string storage, const CleanupSettings& settings);
+    // Cleans the recording tree under `storage` as `settings` say, through `files`. Given
+    // `open_legs`, never removes a directory that holds one of them (the service gives it when
+    // `storage_cleanup_spare_open_legs` is set). Both must outlive the manager.
+    StorageManager(std::string storage, const CleanupSettings& settings,
+                   const writer::OpenLegs* open_legs = nullptr,
+                   FileSystem& files = real_file_system());
     ~StorageManager() override;
 
     // Starts the thread, unless the policy is "disabled": then nothing starts and the result is
@@ -68,30 +77,51 @@ public:
     // The period in microseconds; warns and gives DEFAULT_TIMER_US when it is configured as 0.
     std::uint64_t timer() const;
 
-    // One pass between its "started" and "stopped" lines.
+    // One pass between its "started" and "stopped" lines. A percentage threshold at or above 100
+    // is warned about once per pass, before its first measure.
     void cleanup();
     void do_cleanup();
 
-    // The full path of the oldest directory of that level, or "" when there is none. Only the
-    // oldest day is looked into for hours, and only its oldest hour for minutes.
+    // The full path of the oldest directory of that level (named as the level's), or "" when
+    // there is none. Only the oldest day is looked into for hours, and only its oldest hour for
+    // minutes.
     std::string get_day_path_for_cleanup() const;
     std::string get_hour_path_for_cleanup() const;
     std::string get_minute_path_for_cleanup() const;
 
 private:
-    // True when the storage is at or above the threshold now; false, after saying why, when it
-    // is below or cannot be measured.
-    bool exceeded() const;
     // Removes the oldest directory of the policy's level and the parents it emptied; false when
     // the pass must end.
     bool remove_oldest(std::set<std::string>& removed);
+    // The oldest directory `depth` levels below the storage root (1 a day, 2 an hour, 3 a
+    // minute), or "" when there is none. With `storage_cleanup_remove_empty`, an empty day or
+    // hour met on the way is removed and the walk starts again; otherwise the pass ends there.
+    std::string choose(std::size_t depth, std::set<std::string>& removed);
+    // Walks down from the storage root through the oldest directory of each level, at most
+    // `depth` levels. Returns the deepest directory reached, `reached` levels below the root
+    // (0: the root itself, which had no day).
+    std::string walk_oldest(std::size_t depth, std::size_t& reached) const;
+    // The directory `depth` levels down that `walk_oldest` reaches, or "".
+    std::string oldest_at(std::size_t depth) const;
+    // Removes `path`, a day or an hour without its level's directories, when it is empty, with its
+    // own line. False when it was not removed, which ends the pass.
+    bool remove_empty(const std::string& path, std::size_t depth, std::set<std::string>& removed);
+    // The open legs in `path`, `depth` levels below the storage root; 0 when none are tracked.
+    std::size_t open_legs_in(const std::string& path, std::size_t depth) const;
+    // True, after a WARNING that says so, when `path` holds open legs: the pass ends there, since
+    // everything after it is newer.
+    bool spared(const std::string& path, std::size_t depth) const;
     // Removes `path` with everything in it, unless this pass chose it before.
     bool remove_chosen(const std::string& path, std::set<std::string>& removed);
-    // Removes `path` if it is an empty directory now.
-    void remove_if_empty(const std::string& path, std::set<std::string>& removed);
+    // Removes `path`, `depth` levels below the storage root, if it is an empty directory now and
+    // holds no open leg.
+    void remove_if_empty(const std::string& path, std::size_t depth,
+                         std::set<std::string>& removed);
 
     const std::string m_storage;
     const CleanupSettings m_settings;
+    const writer::OpenLegs* const m_open_legs;
+    FileSystem& m_files;
     std::promise<void> m_stop;
 };
 

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "io/io_session_path.hpp"
 #include "io/quillmar_format.hpp"
@@ -34,6 +35,12 @@ unsigned long or_default(std::uint64_t configured, unsigned long fallback) {
 void append(MediaBuffer& buffer, const void* bytes, std::uint64_t size) {
     std::memcpy(buffer.data + buffer.size, bytes, size);
     buffer.size += size;
+}
+
+// The minute directory of a session's relative path: its day, hour and minute.
+std::string minute_of(const std::string& relative) {
+    const std::size_t file = relative.rfind('/');
+    return relative.substr(0, relative.rfind('/', file - 1));
 }
 
 std::uint64_t free_space(const MediaBuffer& buffer) {
@@ -82,8 +89,13 @@ media::Session* WritingManager::create_session(const media::StartPacket& packet,
     try {
         io::Uuid uuid;
         std::memcpy(uuid.data(), packet.header.uuid, uuid.size());
-        session = new WritingSession(packet, now_us(),
-                                     m_settings.storage + "/" + io::session_path(packet.ts, uuid));
+        const std::string relative = io::session_path(packet.ts, uuid);
+        // The registry's lock is taken once here and once at completion: per leg, not per packet.
+        OpenLegs::Registration leg = m_open_legs == nullptr
+                                         ? OpenLegs::Registration()
+                                         : m_open_legs->open(minute_of(relative));
+        session = new WritingSession(packet, now_us(), m_settings.storage + "/" + relative);
+        session->open_leg = std::move(leg);
     } catch (const std::bad_alloc&) {
         result = 0;
         return nullptr;
@@ -177,6 +189,7 @@ void WritingManager::on_session_timedout(rc_ptr<media::Session> session) {
 
 bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session) {
     auto& recording = static_cast<WritingSession&>(*session);
+    recording.open_leg.reset();
     MediaBuffer* last = recording.buffer;
     recording.buffer = nullptr;
     // A session whose last acquire failed has nothing left to hand over.

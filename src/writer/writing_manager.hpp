@@ -51,6 +51,11 @@ public:
     // table is that thread's while it runs) and the media writer runs.
     std::size_t flush_open_sessions();
 
+    // From now on every recorded leg counts in `legs` from its creation to its completion, so
+    // that the storage cleanup spares its minute. REQUIRES: the packet reader does not run yet;
+    // `legs` outlives the manager.
+    void track_open_legs(OpenLegs& legs) { m_open_legs = &legs; }
+
     // Starts and stops the media writer's thread; the results are the thread's.
     [[nodiscard]] int start();
     int stop();
@@ -81,6 +86,7 @@ private:
     // Declared after the pool: it is destroyed first, while the pool it releases into still
     // exists.
     MediaWriter m_writer;
+    OpenLegs* m_open_legs = nullptr;
 };
 
 }  // namespace qm::writer

@@ -6,6 +6,7 @@
 
 #include "media/session.hpp"
 #include "media/start_packet.hpp"
+#include "writer/open_legs.hpp"
 
 // One recorded call leg: the session of the session table plus what its media file needs. The
 // writing manager creates it for a start packet whose leg is recorded.
@@ -45,6 +46,9 @@ public:
     bool directory_ready = false;
     // REPORTED_* bits of the errors logged so far; a success clears its bit again.
     std::uint32_t reported_errors = 0;
+    // The leg's minute among the open legs, while the storage cleanup is to spare it; the session
+    // thread sets it at creation and resets it at completion.
+    OpenLegs::Registration open_leg;
 };
 
 }  // namespace qm::writer

@@ -11,6 +11,7 @@
 
 #include "media/packet_encoder.hpp"
 #include "recorder_e2e.hpp"
+#include "recording_bytes.hpp"
 
 namespace qm::test {
 
@@ -22,6 +23,22 @@ using namespace std::chrono_literals;
 
 // The default start packet's leg lands under 2021-10-11/12/17, newer than every day below.
 const std::string LEG_FILE = "2021-10-11/12/17/00112233-4455-6677-8899-aabbccddeeff/media.qm";
+const std::string LEG_MINUTE = "2021-10-11/12/17";
+
+// Every byte is over the threshold, and a buffer of 400 bytes holds the file header and one frame
+// of 160 samples (48 + 332 bytes), so that the second frame makes the writer write the first.
+const std::string OVER_THE_THRESHOLD =
+    "storage_cleanup_algo = du\nstorage_cleanup_policy = minute\n"
+    "storage_cleanup_threshold = 1\nstorage_cleanup_timer = 100ms\nmedia_buffer_size = 400\n";
+
+DataFields frame(std::uint32_t seq) {
+    DataFields data;
+    data.seq = seq;
+    data.off = (seq - 1) * 160;
+    data.header.mt = 1000 + 20 * seq;
+    data.payload.assign(160, static_cast<std::uint16_t>(seq));
+    return data;
+}
 
 class CleanupE2eTest : public RecorderE2eTest {
 protected:
@@ -32,6 +49,24 @@ protected:
 
     std::string removed(const std::string& relative) const {
         return "STORAGE_MANAGER: removed: " + (storage() / relative).string();
+    }
+
+    // Polls until the leg's file holds `size` bytes.
+    bool leg_file_reaches(std::uintmax_t size) const {
+        return poll_until(
+            [&] {
+                std::error_code error;
+                return std::filesystem::file_size(storage() / LEG_FILE, error) == size;
+            },
+            TIMEOUT);
+    }
+
+    // The default leg's start and its first two frames: the writer has made the leg's
+    // directories and written the header and the first frame.
+    void record_two_frames() const {
+        send(encode_start());
+        send(encode_data(frame(1)));
+        send(encode_data(frame(2)));
     }
 
     std::vector<std::string> storage_texts(const ChildProcess& process) const {
@@ -155,6 +190,65 @@ TEST_F(CleanupE2eTest, DisabledPolicyStartsNoThreadAndRemovesNothing) {
                   "STORAGE_MANAGER: space: used (1000) >= threshold (10): exceeded",
                   "STORAGE_MANAGER: cleanup is disabled", "STORAGE_MANAGER: cleanup stopped"}));
     EXPECT_TRUE(std::filesystem::exists(storage() / "2020-01-01/00/00/a/media.qm"));
+}
+
+// A leg being recorded while the storage is over the threshold: its minute is spared pass after
+// pass, while another leg still writes into it after the first ended, and the first leg's file is
+// whole.
+TEST_F(CleanupE2eTest, OpenLegsMinuteIsSparedWhenAskedAndItsFileIsWhole) {
+    ChildProcess& process =
+        start_recorder(OVER_THE_THRESHOLD + "storage_cleanup_spare_open_legs = true\n");
+    StartFields second;
+    second.header.id = 2;
+    second.header.uuid[15] = 0x01;
+    const std::string spared_while =
+        "STORAGE_MANAGER: spared " + (storage() / LEG_MINUTE).string() + ": it holds ";
+
+    record_two_frames();
+    send(encode_start(second));
+    ASSERT_TRUE(leg_file_reaches(48 + 332)) << process.standard_error();
+    ASSERT_TRUE(process.wait_for_line(spared_while + "2 legs still being recorded", TIMEOUT))
+        << process.standard_error();
+    send(encode_data(frame(3)));
+    send(encode_data(frame(4)));
+    send(encode_terminate());
+    ASSERT_TRUE(leg_file_reaches(48 + 4 * 332)) << process.standard_error();
+    ASSERT_TRUE(process.wait_for_line(spared_while + "1 legs still being recorded", TIMEOUT))
+        << process.standard_error();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_EQ(read_file(storage() / LEG_FILE),
+              text_of(recording_bytes(StartFields{}, {frame(1), frame(2), frame(3), frame(4)})));
+    for (const std::string& text : storage_texts(process)) {
+        EXPECT_EQ(text.find("STORAGE_MANAGER: removed"), std::string::npos) << text;
+    }
+}
+
+// Without the key the minute being recorded goes, and the rest of the leg with it: the writer
+// does not make a directory again once it made it.
+TEST_F(CleanupE2eTest, OpenLegsMinuteIsRemovedWhenNotSpared) {
+    ChildProcess& process = start_recorder(OVER_THE_THRESHOLD);
+
+    // The writer made the minute to write the first frame, and a pass removed it; the file itself
+    // may be gone before a poll could see it.
+    record_two_frames();
+    ASSERT_TRUE(process.wait_for_line(removed("2021-10-11"), TIMEOUT)) << process.standard_error();
+    send(encode_data(frame(3)));
+    send(encode_data(frame(4)));
+    send(encode_terminate());
+    ASSERT_TRUE(process.wait_for_line(
+        "MEDIA_WRITER: failed to open file " + (storage() / LEG_FILE).string(), TIMEOUT))
+        << process.standard_error();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_FALSE(std::filesystem::exists(storage() / LEG_MINUTE));
+    const std::vector<std::string> texts = storage_texts(process);
+    const auto minute = std::find(texts.begin(), texts.end(), removed(LEG_MINUTE));
+    ASSERT_NE(minute, texts.end()) << process.standard_error();
+    EXPECT_EQ(*(minute + 1), removed("2021-10-11/12"));
+    EXPECT_EQ(*(minute + 2), removed("2021-10-11"));
 }
 
 }  // namespace

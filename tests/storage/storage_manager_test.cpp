@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,46 @@ using ::testing::ElementsAre;
 
 const std::string STARTED = "STORAGE_MANAGER: cleanup started";
 const std::string STOPPED = "STORAGE_MANAGER: cleanup stopped";
+const std::string UNKNOWN = "STORAGE_MANAGER: space check status [unknown]: 2";
+
+// The real file system, except for the volume's figures and the failures a test asks for.
+class FakeFileSystem : public FileSystem {
+public:
+    enum class Failure { none, standard, other };
+
+    Space space(const std::string& path) override {
+        switch (space_failure) {
+            case Failure::standard:
+                throw std::runtime_error("injected failure");
+            case Failure::other:
+                throw 42;
+            case Failure::none:
+                break;
+        }
+        return volume ? *volume : real.space(path);
+    }
+    std::uint64_t used_bytes(const std::string& path) override { return real.used_bytes(path); }
+    Kind kind(const std::string& path) override { return real.kind(path); }
+    void list(const std::string& path, std::vector<std::string>& entries) override {
+        real.list(path, entries);
+    }
+    std::error_code remove_tree(const std::string& path) override {
+        if (unremovable.count(path) != 0) {
+            return std::make_error_code(std::errc::permission_denied);
+        }
+        return real.remove_tree(path);
+    }
+    std::error_code remove(const std::string& path) override { return real.remove(path); }
+
+    // What `space` reports instead of the volume's own figures.
+    std::optional<Space> volume;
+    Failure space_failure = Failure::none;
+    // Paths whose removal fails as if permission were denied.
+    std::set<std::string> unremovable;
+
+private:
+    FileSystem& real = real_file_system();
+};
 
 class StorageManagerTest : public ::testing::Test {
 protected:
@@ -36,7 +79,7 @@ protected:
     std::filesystem::path storage() const { return directory.path() / "storage"; }
 
     std::vector<std::string> pass() {
-        StorageManager manager(storage().string(), settings);
+        StorageManager manager(storage().string(), settings, open_legs, files);
         capture.clear();
         manager.cleanup();
         return capture.texts();
@@ -48,13 +91,29 @@ protected:
                (over ? " >= " : " < ") + "threshold (" + std::to_string(threshold) +
                "): " + (over ? "exceeded" : "good");
     }
+    static std::string percent(const std::string& used, const std::string& threshold, bool over) {
+        return "STORAGE_MANAGER: space: used (" + used + "%)" + (over ? " >= " : " < ") +
+               "threshold (" + threshold + "%): " + (over ? "exceeded" : "good");
+    }
+    // The volume reports these figures, and the pass measures it.
+    void volume(std::uint64_t capacity, std::uint64_t free, std::uint64_t available) {
+        settings.storage_cleanup_algo = cleanup_algo::DF;
+        files.volume = FileSystem::Space{capacity, free, available};
+    }
     std::string removed(const std::string& relative) const {
         return "STORAGE_MANAGER: removed: " + path(relative);
+    }
+    std::string removed_empty(const std::string& relative) const {
+        return "STORAGE_MANAGER: removed empty directory: " + path(relative);
     }
 
     test::TempDirectory directory;
     test::LogCapture capture;
     CleanupSettings settings;
+    FakeFileSystem files;
+    // Given to the manager once a test sets it.
+    const writer::OpenLegs* open_legs = nullptr;
+    writer::OpenLegs legs;
 };
 
 TEST_F(StorageManagerTest, DisabledPolicyStartsNoThread) {
@@ -142,6 +201,184 @@ TEST_F(StorageManagerTest, DayPolicyRemovesTheOldestDayWhole) {
                 ElementsAre(STARTED, used(30, 25), removed("2024-01-01"), used(10, 25), STOPPED));
 }
 
+// Only a day, an hour or a minute by its name is taken at its level, whatever sorts first.
+TEST_F(StorageManagerTest, DayPolicyLeavesDirectoriesThatAreNoDay) {
+    settings.storage_cleanup_policy = cleanup_policy::DAY;
+    settings.storage_cleanup_threshold = 1;
+    file("lost+found/x", 5);
+    file("metrics/m", 5);
+    file("10/00/00/a/media.qm", 5);
+    file("2024-1-01/00/00/a/media.qm", 5);
+    file("2024-01-01/00/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(30, 1), removed("2024-01-01"), used(20, 1), STOPPED));
+    for (const char* kept :
+         {"lost+found/x", "metrics/m", "10/00/00/a/media.qm", "2024-1-01/00/00/a/media.qm"}) {
+        EXPECT_TRUE(std::filesystem::exists(storage() / kept)) << kept;
+    }
+}
+
+TEST_F(StorageManagerTest, MinutePolicyLeavesDirectoriesThatAreNoHourOrMinute) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    file("lost+found/x", 5);
+    file("0/00/00/a/media.qm", 5);
+    file("2024-01-01/0/00/x", 5);
+    file("2024-01-01/24/00/x", 5);
+    file("2024-01-01/metrics/x", 5);
+    file("2024-01-01/00/0/x", 5);
+    file("2024-01-01/00/60/x", 5);
+    file("2024-01-01/00/lost+found/x", 5);
+    file("2024-01-01/00/59/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(50, 1), removed("2024-01-01/00/59"), used(40, 1),
+                                    STOPPED));
+}
+
+TEST_F(StorageManagerTest, HourPolicyLeavesDirectoriesThatAreNoHour) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/0/00/x", 5);
+    file("2024-01-01/lost+found/x", 5);
+    file("2024-01-01/23/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(20, 1), removed("2024-01-01/23"), used(10, 1), STOPPED));
+}
+
+// An oldest day without hours stops every pass before it removes anything: the disk fills.
+TEST_F(StorageManagerTest, HourPolicyStallsForGoodOnAnEmptyOldestDay) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01");
+    file("2024-01-02/05/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-02/05/00/a/media.qm"));
+}
+
+TEST_F(StorageManagerTest, HourPolicyRemovesAnEmptyOldestDayAndGoesOnWhenAsked) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01");
+    file("2024-01-02/05/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), removed_empty("2024-01-01"),
+                            removed("2024-01-02/05"), removed("2024-01-02"), used(0, 1), STOPPED));
+}
+
+TEST_F(StorageManagerTest, MinutePolicyStallsForGoodOnAnEmptyOldestHour) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01/00");
+    file("2024-01-01/01/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
+}
+
+// The empty hour goes, then the day it emptied, and the next day's minute.
+TEST_F(StorageManagerTest, MinutePolicyRemovesEmptyHoursAndDaysAndGoesOnWhenAsked) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01/00");
+    file("2024-01-02/03/04/a/media.qm", 10);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), removed_empty("2024-01-01/00"),
+                            removed_empty("2024-01-01"), removed("2024-01-02/03/04"),
+                            removed("2024-01-02/03"), removed("2024-01-02"), used(0, 1), STOPPED));
+}
+
+// A day that holds something other than hours is not empty: it stays, and the pass ends.
+TEST_F(StorageManagerTest, RemovingEmptyDirectoriesLeavesADayWithOtherContent) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/lost+found/x", 5);
+    file("2024-01-02/05/00/a/media.qm", 10);
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(15, 1), STOPPED));
+}
+
+std::string spared(const std::string& path, std::size_t legs) {
+    return "STORAGE_MANAGER: spared " + path + ": it holds " + std::to_string(legs) +
+           " legs still being recorded";
+}
+
+// Older minutes go; the one the legs still write into stays, and so does everything newer.
+TEST_F(StorageManagerTest, MinutePolicySparesTheMinuteOfOpenLegsAndEndsThePass) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/00/01/b/media.qm", 10);
+    file("2024-01-01/00/01/c/media.qm", 10);
+    file("2024-01-01/00/02/d/media.qm", 10);
+    open_legs = &legs;
+    const writer::OpenLegs::Registration b = legs.open("2024-01-01/00/01");
+    const writer::OpenLegs::Registration c = legs.open("2024-01-01/00/01");
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(40, 1), removed("2024-01-01/00/00"), used(30, 1),
+                                    spared(path("2024-01-01/00/01"), 2), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/01/b/media.qm"));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/02/d/media.qm"));
+}
+
+TEST_F(StorageManagerTest, HourAndDayPoliciesSpareTheHourAndDayOfAnOpenLeg) {
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/05/a/media.qm", 10);
+    open_legs = &legs;
+    const writer::OpenLegs::Registration leg = legs.open("2024-01-01/00/05");
+
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), spared(path("2024-01-01/00"), 1), STOPPED));
+    settings.storage_cleanup_policy = cleanup_policy::DAY;
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), spared(path("2024-01-01"), 1), STOPPED));
+}
+
+// A closed leg spares nothing, and without the registry an open one spares nothing either.
+TEST_F(StorageManagerTest, AMinuteIsRemovedOnceItsLegsClosedOrWhenLegsAreNotSpared) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-02/00/00/b/media.qm", 10);
+    writer::OpenLegs::Registration a = legs.open("2024-01-01/00/00");
+    const writer::OpenLegs::Registration b = legs.open("2024-01-02/00/00");
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(20, 1), removed("2024-01-01/00/00"),
+                                    removed("2024-01-01/00"), removed("2024-01-01"), used(10, 1),
+                                    removed("2024-01-02/00/00"), removed("2024-01-02/00"),
+                                    removed("2024-01-02"), used(0, 1), STOPPED));
+    file("2024-01-01/00/00/a/media.qm", 10);
+    open_legs = &legs;
+    a.reset();
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), removed("2024-01-01/00/00"),
+                            removed("2024-01-01/00"), removed("2024-01-01"), used(0, 1), STOPPED));
+}
+
+// The writer has yet to make the directories of a leg that has written nothing: its empty hour
+// stays.
+TEST_F(StorageManagerTest, AnEmptyHourThatAnOpenLegWillWriteIntoIsSpared) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_remove_empty = true;
+    settings.storage_cleanup_threshold = 1;
+    std::filesystem::create_directories(storage() / "2024-01-01/00");
+    file("2024-01-01/01/00/a/media.qm", 10);
+    open_legs = &legs;
+    const writer::OpenLegs::Registration leg = legs.open("2024-01-01/00/30");
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1), spared(path("2024-01-01/00"), 1), STOPPED));
+    EXPECT_TRUE(std::filesystem::is_directory(storage() / "2024-01-01/00"));
+}
+
 TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesNothing) {
     settings.storage_cleanup_policy = cleanup_policy::HOUR;
     settings.storage_cleanup_threshold = 1;
@@ -149,6 +386,24 @@ TEST_F(StorageManagerTest, HourPolicyWhenTheOldestDayHoldsAPlainFileOnlyRemovesN
 
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(10, 1), STOPPED));
     EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/notes.txt"));
+}
+
+// The failed removal changes nothing, the same day comes up again and the loop guard ends the pass.
+TEST_F(StorageManagerTest, DirectoryThatCannotBeRemovedEndsThePassAtTheLoopGuard) {
+    settings.storage_cleanup_policy = cleanup_policy::DAY;
+    settings.storage_cleanup_threshold = 1;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    files.unremovable.insert(path("2024-01-01"));
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, used(10, 1),
+                            "STORAGE_MANAGER: failed to remove, error: " +
+                                std::make_error_code(std::errc::permission_denied).message(),
+                            used(10, 1),
+                            "STORAGE_MANAGER: infinite removing loop detected for path: " +
+                                path("2024-01-01"),
+                            STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/00/a/media.qm"));
 }
 
 TEST_F(StorageManagerTest, DisabledPolicyThatFindsTheStorageFullSaysSo) {
@@ -184,40 +439,127 @@ TEST_F(StorageManagerTest, MissingStorageCannotBeMeasured) {
     EXPECT_EQ(by_volume[2], "STORAGE_MANAGER: space check status [unknown]: 2");
 }
 
+const std::string ABOVE_100 =
+    "PERCENT_SPACE_CHECKER: a value (150) must not exceed 100%, setting the one to 100%";
+const std::string AT_100 =
+    "PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly recommended to reduce "
+    "the value";
+
 TEST_F(StorageManagerTest, ThresholdAbove100PercentIsTakenAs100WithTwoWarnings) {
     settings.storage_cleanup_threshold = -150;
-    settings.storage_cleanup_algo = cleanup_algo::DF;
+    volume(1000, 500, 400);
 
-    pass();
-
-    EXPECT_THAT(capture.texts(log::Level::WARNING),
-                ElementsAre("PERCENT_SPACE_CHECKER: a value (150) must not exceed 100%, setting "
-                            "the one to 100%",
-                            "PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly "
-                            "recommended to reduce the value"));
-    EXPECT_THAT(capture.texts(),
-                ::testing::Contains(::testing::EndsWith("%) < threshold (100.00%): good")));
+    EXPECT_THAT(pass(), ElementsAre(STARTED, ABOVE_100, AT_100, percent("55.56", "100.00", false),
+                                    STOPPED));
 }
 
 TEST_F(StorageManagerTest, ThresholdOf100PercentWarnsOnce) {
     settings.storage_cleanup_threshold = -100;
+    volume(1000, 500, 400);
 
-    pass();
+    EXPECT_THAT(pass(), ElementsAre(STARTED, AT_100, percent("55.56", "100.00", false), STOPPED));
+}
 
-    EXPECT_THAT(capture.texts(log::Level::WARNING),
-                ElementsAre("PERCENT_SPACE_CHECKER: a value of 100% may lead to data loss, highly "
-                            "recommended to reduce the value"));
+// The threshold is read once per pass: its warnings come once, not before every measure.
+TEST_F(StorageManagerTest, PercentWarningsComeOncePerPassThatRemovesThreeMinutes) {
+    settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+    settings.storage_cleanup_threshold = -150;
+    volume(1000, 0, 0);
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/00/01/b/media.qm", 10);
+    file("2024-01-01/00/02/c/media.qm", 10);
+    const std::string full = percent("100.00", "100.00", true);
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, ABOVE_100, AT_100, full, removed("2024-01-01/00/00"), full,
+                            removed("2024-01-01/00/01"), full, removed("2024-01-01/00/02"),
+                            removed("2024-01-01/00"), removed("2024-01-01"), full, STOPPED));
 }
 
 // 0% is reached by every measure; with nothing to remove the pass ends.
 TEST_F(StorageManagerTest, ThresholdZeroIsZeroPercentWhichIsAlwaysExceeded) {
     settings.storage_cleanup_threshold = 0;
-    settings.storage_cleanup_algo = cleanup_algo::DF;
+    volume(1000, 1000, 1000);
 
-    const std::vector<std::string> texts = pass();
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("0.00", "0.00", true), STOPPED));
+}
 
-    ASSERT_EQ(texts.size(), 3u);
-    EXPECT_THAT(texts[1], ::testing::EndsWith("%) >= threshold (0.00%): exceeded"));
+// Used is capacity minus free; the base is used plus available.
+TEST_F(StorageManagerTest, DfBelowThePercentThresholdIsGood) {
+    volume(1000, 300, 250);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("73.68", "90.00", false), STOPPED));
+}
+
+TEST_F(StorageManagerTest, DfAtOrAboveThePercentThresholdIsExceeded) {
+    volume(1000, 50, 50);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("95.00", "90.00", true), STOPPED));
+    volume(1000, 100, 100);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("90.00", "90.00", true), STOPPED));
+}
+
+TEST_F(StorageManagerTest, DfFullDiskIsAHundredPercent) {
+    volume(1000, 0, 0);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("100.00", "90.00", true), STOPPED));
+    settings.storage_cleanup_threshold = -100;
+    EXPECT_THAT(pass(), ElementsAre(STARTED, AT_100, percent("100.00", "100.00", true), STOPPED));
+}
+
+// Blocks reserved for root are neither used nor available: what is left is root's alone.
+TEST_F(StorageManagerTest, DfWithOnlyReservedBlocksLeftIsAHundredPercent) {
+    volume(1000, 100, 0);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("100.00", "90.00", true), STOPPED));
+}
+
+TEST_F(StorageManagerTest, DfWithNothingUsedNorAvailableIsAHundredPercent) {
+    volume(1000, 1000, 0);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, percent("100.00", "90.00", true), STOPPED));
+}
+
+TEST_F(StorageManagerTest, DfAgainstABytesThresholdComparesCapacityMinusFree) {
+    settings.storage_cleanup_threshold = 700;
+    volume(1000, 300, 0);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(700, 700), STOPPED));
+    volume(1000, 301, 0);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(699, 700), STOPPED));
+}
+
+// A volume of no capacity is no measure: the checker says unknown without an error of its own.
+TEST_F(StorageManagerTest, DfOfNoCapacityIsUnknown) {
+    volume(0, 0, 0);
+    EXPECT_THAT(pass(), ElementsAre(STARTED, UNKNOWN, STOPPED));
+}
+
+TEST_F(StorageManagerTest, DfThatFailsIsLoggedAndUnknown) {
+    volume(1000, 0, 0);
+    files.space_failure = FakeFileSystem::Failure::standard;
+    EXPECT_THAT(pass(), ElementsAre(STARTED,
+                                    "DISK_SPACE_CALCULATOR: failed to get space for \"" +
+                                        storage().string() + "\", error: injected failure",
+                                    UNKNOWN, STOPPED));
+    files.space_failure = FakeFileSystem::Failure::other;
+    EXPECT_THAT(pass(), ElementsAre(STARTED,
+                                    "DISK_SPACE_CALCULATOR: failed to get space for \"" +
+                                        storage().string() + "\", error: unknown",
+                                    UNKNOWN, STOPPED));
+}
+
+// "du" with a percentage: the files' bytes against the volume's used plus available.
+TEST_F(StorageManagerTest, DuAgainstAPercentThresholdTakesTheVolumeAsBase) {
+    file("2024-01-01/00/00/leg/media.qm", 100);
+    files.volume = FileSystem::Space{1000, 600, 600};
+    settings.storage_cleanup_threshold = -10;
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED, percent("10.00", "10.00", true), removed("2024-01-01/00"),
+                            removed("2024-01-01"), percent("0.00", "10.00", false), STOPPED));
+}
+
+TEST_F(StorageManagerTest, DuAgainstAPercentThresholdIsUnknownWhenTheVolumeFails) {
+    files.space_failure = FakeFileSystem::Failure::standard;
+    settings.storage_cleanup_threshold = -10;
+    EXPECT_THAT(pass(), ElementsAre(STARTED,
+                                    "DISK_SPACE_CALCULATOR: failed to get space for \"" +
+                                        storage().string() + "\", error: injected failure",
+                                    UNKNOWN, STOPPED));
 }
 
 TEST_F(StorageManagerTest, ThresholdOfTenGigabytesIsABytesThreshold) {

@@ -303,6 +303,46 @@ TEST_F(WritingManagerTest, FlushedOpenSessionsEndAtTheirLastAcceptedFrame) {
     EXPECT_EQ(statistic.session.load(), 3u);
 }
 
+// A recorded leg counts in its minute from its start to its end; a declined one never counts.
+TEST_F(WritingManagerTest, TrackedLegsCountFromTheirStartToTheirCompletion) {
+    const std::string minute = "2021-10-11/12/17";
+    OpenLegs legs;
+    build(8);
+    manager->track_open_legs(legs);
+    StartFields second;
+    second.header.id = 2;
+    second.header.uuid[15] = 0x01;
+    StartFields third;
+    third.header.id = 3;
+    third.header.uuid[15] = 0x02;
+    third.ts += 60'000'000;  // a minute later
+    StartFields declined;
+    declined.header.id = 4;
+    declined.ft = {0x00, 0x00};
+
+    feed_start();
+    feed_start(second);
+    feed_start(third);
+    feed_start(declined);
+    EXPECT_EQ(legs.count_under(minute), 2u);
+    EXPECT_EQ(legs.count_under("2021-10-11/12/18"), 1u);
+    EXPECT_EQ(legs.count_under("2021-10-11"), 3u);
+
+    feed_terminate();
+    EXPECT_EQ(legs.count_under(minute), 1u);
+    ASSERT_EQ(manager->flush_open_sessions(), 2u);
+    EXPECT_EQ(legs.count_under("2021-10-11"), 0u);
+
+    // A leg still open when the manager goes stops counting with it.
+    StartFields fourth = third;
+    fourth.header.id = 5;
+    fourth.header.uuid[15] = 0x03;
+    feed_start(fourth);
+    EXPECT_EQ(legs.count_under("2021-10-11/12/18"), 1u);
+    manager.reset();
+    EXPECT_EQ(legs.count_under("2021-10-11"), 0u);
+}
+
 TEST_F(WritingManagerTest, FlushingTwiceHandsOverNothingTheSecondTime) {
     build(4, 88);
     feed_start();

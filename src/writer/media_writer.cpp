@@ -132,12 +132,7 @@ void MediaWriter::write_file(WritingSession& session, const MediaBuffer& buffer)
     const int fd =
         ::open(session.file_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, FILE_MODE);
     if (fd < 0) {
-        ++statistic().file_open_errors;
-        if ((session.reported_errors & WritingSession::REPORTED_OPEN) == 0) {
-            QM_LOG_ERROR("MEDIA_WRITER: failed to open file " << session.file_path);
-            session.reported_errors |= WritingSession::REPORTED_OPEN;
-        }
-        lose_header(session);
+        report_open_error(session);
         return;
     }
     session.reported_errors &= ~WritingSession::REPORTED_OPEN;
@@ -145,17 +140,7 @@ void MediaWriter::write_file(WritingSession& session, const MediaBuffer& buffer)
     const bool header_first =
         m_settings.media_write_repair && session.header == WritingSession::HeaderState::LOST;
     std::uint64_t added = 0;
-    WriteOutcome outcome;
-    if (header_first) {
-        const WriteOutcome header = write_all(fd, &session.file_header, sizeof session.file_header);
-        added += header.taken;
-        // Frames behind a missing header could not be read: the buffer waits for the next one.
-        outcome.error = header.error;
-    }
-    if (outcome.error == 0) {
-        outcome = write_all(fd, buffer.data, buffer.size);
-        added += outcome.taken;
-    }
+    WriteOutcome outcome = append(fd, session, buffer, header_first, added);
     if (::close(fd) != 0 && outcome.error == 0) {
         outcome = {0, errno};
     }
@@ -167,6 +152,31 @@ void MediaWriter::write_file(WritingSession& session, const MediaBuffer& buffer)
     if (length >= 0) {
         cut_back(session, length, added);
     }
+}
+
+void MediaWriter::report_open_error(WritingSession& session) {
+    ++statistic().file_open_errors;
+    if ((session.reported_errors & WritingSession::REPORTED_OPEN) == 0) {
+        QM_LOG_ERROR("MEDIA_WRITER: failed to open file " << session.file_path);
+        session.reported_errors |= WritingSession::REPORTED_OPEN;
+    }
+    lose_header(session);
+}
+
+MediaWriter::WriteOutcome MediaWriter::append(int fd, const WritingSession& session,
+                                              const MediaBuffer& buffer, bool header_first,
+                                              std::uint64_t& added) {
+    if (header_first) {
+        const WriteOutcome header = write_all(fd, &session.file_header, sizeof session.file_header);
+        added += header.taken;
+        if (header.error != 0) {
+            // Frames behind a missing header could not be read: the buffer is not offered.
+            return {0, header.error};
+        }
+    }
+    const WriteOutcome outcome = write_all(fd, buffer.data, buffer.size);
+    added += outcome.taken;
+    return outcome;
 }
 
 void MediaWriter::count_written(WritingSession& session, const MediaBuffer& buffer,

@@ -75,8 +75,13 @@ private:
     bool prepare_directory(WritingSession& session);
     // The session's first buffer, which carried the file header, did not reach the disk.
     static void lose_header(WritingSession& session);
-    // Opens, appends (the file header first when a repair owes it), closes and counts.
+    // Opens, appends, closes and counts.
     void write_file(WritingSession& session, const MediaBuffer& buffer);
+    void report_open_error(WritingSession& session);
+    // Appends the buffer to the open file, the file header first when `header_first`; adds every
+    // byte the system took to `added`. The outcome is the buffer's.
+    static WriteOutcome append(int fd, const WritingSession& session, const MediaBuffer& buffer,
+                               bool header_first, std::uint64_t& added);
     void count_written(WritingSession& session, const MediaBuffer& buffer, bool header_first);
     void count_unwritten(WritingSession& session, const MediaBuffer& buffer,
                          const WriteOutcome& outcome);

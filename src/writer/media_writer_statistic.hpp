@@ -13,7 +13,7 @@
 namespace qm::writer {
 
 struct MediaWriterStatistic : QueueReaderStatistic {
-    // Bytes of buffers the system took, by write calls whose file then closed cleanly.
+    // Bytes of buffers the system took; none of a buffer whose file then failed to close.
     StatisticCounter written_bytes;
     // Reported only; nothing in the writer counts lost bytes of its own.
     StatisticCounter written_lost_bytes;

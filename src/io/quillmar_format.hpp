@@ -45,6 +45,12 @@ struct __attribute__((packed)) SessionStreamFrame {
     std::uint32_t time;
 };
 
+// The whole file header, as the writer puts it in front of the frames.
+struct __attribute__((packed)) FileHeader {
+    QuillmarStreamHeader stream;
+    SessionHeader session;
+};
+
 inline constexpr std::size_t FILE_HEADER_SIZE =
     sizeof(QuillmarStreamHeader) + sizeof(SessionHeader);
 inline constexpr std::size_t FRAME_HEADER_SIZE = sizeof(SessionStreamFrame);
@@ -58,6 +64,8 @@ static_assert(offsetof(SessionHeader, sync_ts) == 8);
 static_assert(offsetof(SessionHeader, sync_mt) == 16);
 static_assert(offsetof(SessionHeader, uuid) == 24);
 static_assert(FILE_HEADER_SIZE == 48);
+static_assert(sizeof(FileHeader) == FILE_HEADER_SIZE);
+static_assert(offsetof(FileHeader, session) == 8);
 static_assert(sizeof(SessionStreamFrame) == 12);
 static_assert(FRAME_HEADER_SIZE == 12);
 static_assert(offsetof(SessionStreamFrame, side) == 0);

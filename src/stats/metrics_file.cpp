@@ -88,6 +88,7 @@ std::string MetricsFile::render(const ReportSnapshot& snapshot, const ProcessMet
     render_rows(out, snapshot.manager);
     render_rows(out, snapshot.writer);
     render_rows(out, snapshot.packet_reader);
+    render_rows(out, snapshot.metrics_only);
     render_metric(out, "kernel_drops_total",
                   "datagrams the system dropped because the receive buffer was full", false,
                   process.kernel_drops);

@@ -30,8 +30,8 @@ public:
     // Renders the metrics and replaces the file with them.
     void write(const ReportSnapshot& snapshot, const ProcessMetrics& process);
 
-    // The text: "# HELP", "# TYPE" and the sample of every row in report order, then the kernel
-    // drops and the resident memory.
+    // The text: "# HELP", "# TYPE" and the sample of every row in report order, then the rows
+    // of the metrics file only, the kernel drops and the resident memory.
     static std::string render(const ReportSnapshot& snapshot, const ProcessMetrics& process);
 
     // The resident memory of this process, from /proc/self/statm; 0 when it cannot be read.

@@ -27,6 +27,9 @@ struct ReportSnapshot {
     std::vector<ReportRow> manager;
     std::vector<ReportRow> writer;
     std::vector<ReportRow> packet_reader;
+    // Rows the metrics file shows after the report's and the framed text leaves out; their label
+    // is only the help text.
+    std::vector<ReportRow> metrics_only;
 };
 
 }  // namespace qm::stats

@@ -200,7 +200,7 @@ void StatisticService::print(std::ostream& out, const ReportSnapshot& values) co
 }
 
 ReportSnapshot StatisticService::snapshot() const {
-    return {manager_rows(), writer_rows(), packet_reader_rows()};
+    return {manager_rows(), writer_rows(), packet_reader_rows(), metrics_only_rows()};
 }
 
 std::vector<ReportRow> StatisticService::manager_rows() const {
@@ -259,6 +259,17 @@ std::vector<ReportRow> StatisticService::writer_rows() const {
          "file_open_errors_total"},
         {"file write errors number...................: ", writer.file_write_errors.load(), false,
          "file_write_errors_total"},
+    };
+}
+
+std::vector<ReportRow> StatisticService::metrics_only_rows() const {
+    return {
+        {"media bytes the system did not take (disk full, quota, I/O error)",
+         writer.unwritten_bytes.load(), true, "unwritten_bytes_total"},
+        {"media bytes cut off a file again after a write failed part-way",
+         writer.repair_cut_bytes.load(), true, "repair_cut_bytes_total"},
+        {"file headers written again because the buffer that carried one was lost",
+         writer.repair_headers.load(), false, "repair_headers_total"},
     };
 }
 

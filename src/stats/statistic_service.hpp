@@ -106,6 +106,7 @@ private:
     std::vector<ReportRow> manager_rows() const;
     std::vector<ReportRow> writer_rows() const;
     std::vector<ReportRow> packet_reader_rows() const;
+    std::vector<ReportRow> metrics_only_rows() const;
 
     // The WARNINGs of `watch_kernel_drops` and `watch_ring_drops`, whether or not reports are
     // logged.

@@ -1,11 +1,12 @@
 #include "writer/media_writer.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <exception>
-#include <fstream>
-#include <ios>
+#include <cerrno>
+#include <cstring>
 
 #include "log/logger.hpp"
 #include "utils/path.hpp"
@@ -14,6 +15,34 @@ namespace qm::writer {
 namespace {
 
 constexpr mode_t DIRECTORY_MODE = 0755;
+// As an output file stream creates files: the process's umask takes its bits off.
+constexpr mode_t FILE_MODE = 0666;
+
+// Appends `size` bytes at the end of the file, as many write calls as the system needs.
+MediaWriter::WriteOutcome write_all(int fd, const void* data, std::uint64_t size) {
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    MediaWriter::WriteOutcome outcome;
+    while (outcome.taken < size) {
+        const ssize_t count = ::write(fd, bytes + outcome.taken, size - outcome.taken);
+        if (count > 0) {
+            outcome.taken += static_cast<std::uint64_t>(count);
+        } else if (count == 0 || errno != EINTR) {
+            // A file that takes nothing without saying why is as good as broken.
+            outcome.error = count == 0 ? EIO : errno;
+            break;
+        }
+    }
+    return outcome;
+}
+
+// The length of the open file, or -1 when it is not a regular file and so cannot be cut back.
+off_t regular_file_length(int fd) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return -1;
+    }
+    return status.st_size;
+}
 
 }  // namespace
 
@@ -67,9 +96,11 @@ void MediaWriter::handle_buffer(MediaBuffer* buffer) {
     // Every buffer that reaches the writer was filled by the writing manager for one of its
     // sessions.
     auto& session = static_cast<WritingSession&>(*buffer->session);
-    if (prepare_directory(session)) {
-        write_file(session, *buffer);
+    if (!prepare_directory(session)) {
+        lose_header(session);
+        return;
     }
+    write_file(session, *buffer);
 }
 
 bool MediaWriter::prepare_directory(WritingSession& session) {
@@ -89,45 +120,107 @@ bool MediaWriter::prepare_directory(WritingSession& session) {
     return true;
 }
 
-// The stream's exception mask stays empty: a short write only sets its state, which is not
-// inspected, and is counted as written. Only what the library throws of its own accord (an
-// allocation failure, say) is a write error.
-void MediaWriter::write_file(WritingSession& session, const MediaBuffer& buffer) {
-    std::ofstream file(session.file_path, std::ios::out | std::ios::app | std::ios::binary);
-    if (!file.is_open()) {
-        ++statistic().file_open_errors;
-        if ((session.reported_errors & WritingSession::REPORTED_OPEN) == 0) {
-            QM_LOG_ERROR("MEDIA_WRITER: failed to open file " << session.file_path);
-            session.reported_errors |= WritingSession::REPORTED_OPEN;
-        }
-        return;
-    }
-    session.reported_errors &= ~WritingSession::REPORTED_OPEN;
-    if (buffer.size == 0) {
-        return;
-    }
-    try {
-        file.write(reinterpret_cast<const char*>(buffer.data),
-                   static_cast<std::streamsize>(buffer.size));
-        statistic().written_bytes += buffer.size;
-        session.reported_errors &=
-            ~(WritingSession::REPORTED_WRITE | WritingSession::REPORTED_WRITE_UNKNOWN);
-    } catch (const std::exception& error) {
-        report_write_error(session, buffer, WritingSession::REPORTED_WRITE, error.what());
-    } catch (...) {
-        report_write_error(session, buffer, WritingSession::REPORTED_WRITE_UNKNOWN, "unknown");
+void MediaWriter::lose_header(WritingSession& session) {
+    if (session.header == WritingSession::HeaderState::IN_FIRST_BUFFER) {
+        session.header = WritingSession::HeaderState::LOST;
     }
 }
 
-void MediaWriter::report_write_error(WritingSession& session, const MediaBuffer& buffer,
-                                     std::uint32_t bit, const char* message) {
-    ++statistic().file_write_errors;
-    if ((session.reported_errors & bit) == 0) {
-        // The quote before the path has no partner; operators' filters expect the line so.
-        QM_LOG_ERROR("MEDIA_WRITER: failed to write (" << buffer.size << ") bytes to \""
-                                                       << session.file_path
-                                                       << ", error: " << message);
-        session.reported_errors |= bit;
+// Only what the system says it took counts as written, and only if the close that follows
+// succeeds: a failed close (a quota or an I/O error found late) may have thrown it away.
+void MediaWriter::write_file(WritingSession& session, const MediaBuffer& buffer) {
+    const int fd =
+        ::open(session.file_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, FILE_MODE);
+    if (fd < 0) {
+        report_open_error(session);
+        return;
+    }
+    session.reported_errors &= ~WritingSession::REPORTED_OPEN;
+    const off_t length = m_settings.media_write_repair ? regular_file_length(fd) : -1;
+    const bool header_first =
+        m_settings.media_write_repair && session.header == WritingSession::HeaderState::LOST;
+    std::uint64_t added = 0;
+    WriteOutcome outcome = append(fd, session, buffer, header_first, added);
+    if (::close(fd) != 0 && outcome.error == 0) {
+        outcome = {0, errno};
+    }
+    if (outcome.error == 0) {
+        count_written(session, buffer, header_first);
+        return;
+    }
+    count_unwritten(session, buffer, outcome);
+    if (length >= 0) {
+        cut_back(session, length, added);
+    }
+}
+
+void MediaWriter::report_open_error(WritingSession& session) {
+    ++statistic().file_open_errors;
+    if ((session.reported_errors & WritingSession::REPORTED_OPEN) == 0) {
+        QM_LOG_ERROR("MEDIA_WRITER: failed to open file " << session.file_path);
+        session.reported_errors |= WritingSession::REPORTED_OPEN;
+    }
+    lose_header(session);
+}
+
+MediaWriter::WriteOutcome MediaWriter::append(int fd, const WritingSession& session,
+                                              const MediaBuffer& buffer, bool header_first,
+                                              std::uint64_t& added) {
+    if (header_first) {
+        const WriteOutcome header = write_all(fd, &session.file_header, sizeof session.file_header);
+        added += header.taken;
+        if (header.error != 0) {
+            // Frames behind a missing header could not be read: the buffer is not offered.
+            return {0, header.error};
+        }
+    }
+    const WriteOutcome outcome = write_all(fd, buffer.data, buffer.size);
+    added += outcome.taken;
+    return outcome;
+}
+
+void MediaWriter::count_written(WritingSession& session, const MediaBuffer& buffer,
+                                bool header_first) {
+    statistic().written_bytes += buffer.size;
+    session.reported_write_error = 0;
+    if (header_first) {
+        ++statistic().repair_headers;
+        session.header = WritingSession::HeaderState::ON_DISK;
+    } else if (session.header == WritingSession::HeaderState::IN_FIRST_BUFFER) {
+        session.header = WritingSession::HeaderState::ON_DISK;
+    }
+}
+
+void MediaWriter::count_unwritten(WritingSession& session, const MediaBuffer& buffer,
+                                  const WriteOutcome& outcome) {
+    const std::uint64_t refused = buffer.size - outcome.taken;
+    // The report's written bytes keep counting every buffer offered to an open file, as they
+    // always have (and `file_write_errors` only what throws, which nothing here does); what the
+    // system refused of it is counted beside them, so bytes on disk = written - unwritten.
+    statistic().written_bytes += buffer.size;
+    statistic().unwritten_bytes += refused;
+    lose_header(session);
+    if (outcome.error != session.reported_write_error) {
+        QM_LOG_WARNING("MEDIA_WRITER: the system did not take " << refused << " bytes of "
+                                                                << session.file_path << ": "
+                                                                << std::strerror(outcome.error));
+        session.reported_write_error = outcome.error;
+    }
+}
+
+// A file that held nothing before goes altogether: without its header it could not be read, and
+// the next buffer creates it again, header first.
+void MediaWriter::cut_back(WritingSession& session, off_t length, std::uint64_t added) {
+    const bool cut = length == 0 ? ::unlink(session.file_path.c_str()) == 0 || errno == ENOENT
+                                 : added == 0 || ::truncate(session.file_path.c_str(), length) == 0;
+    if (!cut) {
+        QM_LOG_WARNING("MEDIA_WRITER: failed to cut " << session.file_path << " back to " << length
+                                                      << " bytes: " << std::strerror(errno));
+        return;
+    }
+    statistic().repair_cut_bytes += added;
+    if (length == 0) {
+        session.header = WritingSession::HeaderState::LOST;
     }
 }
 

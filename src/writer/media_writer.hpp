@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "core/queue_reader.hpp"
@@ -16,6 +18,13 @@
 // once per buffer, so the recorder never holds a recording open and storage cleanup can remove it
 // at any time.
 //
+// Only the bytes the system takes count as written: a write that fails (disk full, quota, I/O
+// error), wholly or part-way, or a close that fails, counts the bytes not taken as unwritten and
+// logs a WARNING once per session and errno. With `media_write_repair` a failed buffer is cut off
+// the file again, so the file stays a sequence of whole frames (a file that held nothing before
+// is removed), and a session whose header never reached the disk gets it in front of its next
+// buffer: the first buffer of a session is the one that carries the header.
+//
 // Every failure is counted; each kind is logged once per session until a success of that kind
 // re-arms it (except a buffer without a session, logged every time). No failure stops the thread
 // and every buffer goes back to the pool, written or not.
@@ -30,6 +39,12 @@ namespace qm::writer {
 class MediaWriter : public QueueReader<MediaBuffer*, 0, 1'000'000'000, MediaWriterStatistic> {
 public:
     using Base = QueueReader<MediaBuffer*, 0, 1'000'000'000, MediaWriterStatistic>;
+
+    // How much of a run of bytes the system took, and the errno that stopped it (0: all of it).
+    struct WriteOutcome {
+        std::uint64_t taken = 0;
+        int error = 0;
+    };
 
     // The queue holds every buffer of the pool, so a push can only fail if the accounting is
     // broken.
@@ -58,9 +73,21 @@ private:
     // Makes sure the file's directory exists, once per session; false when the buffer must be
     // dropped.
     bool prepare_directory(WritingSession& session);
+    // The session's first buffer, which carried the file header, did not reach the disk.
+    static void lose_header(WritingSession& session);
+    // Opens, appends, closes and counts.
     void write_file(WritingSession& session, const MediaBuffer& buffer);
-    void report_write_error(WritingSession& session, const MediaBuffer& buffer, std::uint32_t bit,
-                            const char* message);
+    void report_open_error(WritingSession& session);
+    // Appends the buffer to the open file, the file header first when `header_first`; adds every
+    // byte the system took to `added`. The outcome is the buffer's.
+    static WriteOutcome append(int fd, const WritingSession& session, const MediaBuffer& buffer,
+                               bool header_first, std::uint64_t& added);
+    void count_written(WritingSession& session, const MediaBuffer& buffer, bool header_first);
+    void count_unwritten(WritingSession& session, const MediaBuffer& buffer,
+                         const WriteOutcome& outcome);
+    // Cuts the `added` bytes off the end of the file again, back to `length` (the file goes when
+    // that is 0).
+    void cut_back(WritingSession& session, off_t length, std::uint64_t added);
 
     const RecordingSettings m_settings;
     MediaBufferPool& m_pool;

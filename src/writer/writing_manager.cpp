@@ -111,15 +111,10 @@ media::Session* WritingManager::create_session(const media::StartPacket& packet,
     return session;
 }
 
-void WritingManager::on_session_created(rc_ptr<media::Session> session,
-                                        media::StartPacket& packet) {
-    MediaBuffer& buffer = *static_cast<WritingSession&>(*session).buffer;
-    const io::QuillmarStreamHeader stream{io::QUILLMAR_MAGIC, io::MEDIA_FORMAT};
-    io::SessionHeader header{packet.ts, packet.sync_ts, packet.sync_mt, {}};
-    std::memcpy(header.uuid, packet.header.uuid, sizeof header.uuid);
+void WritingManager::on_session_created(rc_ptr<media::Session> session, media::StartPacket&) {
+    const auto& recording = static_cast<WritingSession&>(*session);
     // A buffer fresh from the pool always has room for the file header.
-    append(buffer, &stream, sizeof stream);
-    append(buffer, &header, sizeof header);
+    append(*recording.buffer, &recording.file_header, sizeof recording.file_header);
 }
 
 void WritingManager::on_session_media(rc_ptr<media::Session> session, media::DataPacket& packet) {

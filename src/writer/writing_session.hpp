@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <utility>
 
+#include "io/quillmar_format.hpp"
 #include "media/session.hpp"
 #include "media/start_packet.hpp"
 #include "writer/open_legs.hpp"
@@ -12,10 +14,11 @@
 // writing manager creates it for a start packet whose leg is recorded.
 //
 // Threads: the session thread (the packet reader's, which runs the writing manager) writes
-// `sync_mt` and `buffer`; `file_path` is set at creation and never changes; `directory_ready`
-// and `reported_errors` belong to the media writer thread alone. Buffers pushed to the media
-// writer hold a counted reference, so a session outlives the table while its bytes are on the way
-// to disk; the push orders the writer's reads after the session thread's writes.
+// `sync_mt` and `buffer`; `file_path` and `file_header` are set at creation and never change;
+// `directory_ready`, `reported_errors`, `reported_write_error` and `header` belong to the media
+// writer thread alone. Buffers pushed to the media writer hold a counted reference, so a session
+// outlives the table while its bytes are on the way to disk; the push orders the writer's reads
+// after the session thread's writes.
 
 namespace qm::writer {
 
@@ -26,14 +29,32 @@ public:
     // The bits of `reported_errors`: one kind of error already logged for this session.
     static constexpr std::uint32_t REPORTED_DIRECTORY = 1;
     static constexpr std::uint32_t REPORTED_OPEN = 2;
-    static constexpr std::uint32_t REPORTED_WRITE = 4;
-    static constexpr std::uint32_t REPORTED_WRITE_UNKNOWN = 8;
+
+    // Where the file header is, as far as the media writer knows.
+    enum class HeaderState : std::uint8_t {
+        // The writing manager put it at the start of the session's first buffer, which the writer
+        // has not handled yet.
+        IN_FIRST_BUFFER,
+        // Every byte of it reached the file.
+        ON_DISK,
+        // The buffer that carried it was lost or cut away: the file has no header.
+        LOST,
+    };
 
     WritingSession(const media::StartPacket& packet, std::uint64_t created_us,
                    std::string media_file_path)
         : Session(packet, created_us),
           sync_mt(packet.sync_mt),
-          file_path(std::move(media_file_path)) {}
+          file_path(std::move(media_file_path)),
+          file_header(header_of(packet)) {}
+
+    // The 48 bytes in front of the leg's frames.
+    static io::FileHeader header_of(const media::StartPacket& packet) {
+        io::FileHeader header{{io::QUILLMAR_MAGIC, io::MEDIA_FORMAT},
+                              {packet.ts, packet.sync_ts, packet.sync_mt, {}}};
+        std::memcpy(header.session.uuid, packet.header.uuid, sizeof header.session.uuid);
+        return header;
+    }
 
     // Frame times in the file are media times relative to this.
     std::uint64_t sync_mt = 0;
@@ -42,6 +63,9 @@ public:
     MediaBuffer* buffer = nullptr;
     // Storage root, "/" and the session's relative path.
     const std::string file_path;
+    // What the writing manager puts at the start of the first buffer, and what the media writer
+    // writes again when that buffer never reached the disk.
+    const io::FileHeader file_header;
     // Set once the directory that holds the file exists.
     bool directory_ready = false;
     // REPORTED_* bits of the errors logged so far; a success clears its bit again.
@@ -49,6 +73,9 @@ public:
     // The leg's minute among the open legs, while the storage cleanup is to spare it; the session
     // thread sets it at creation and resets it at completion.
     OpenLegs::Registration open_leg;
+    // The errno of the failed write or close logged last; 0 once a buffer was written whole.
+    int reported_write_error = 0;
+    HeaderState header = HeaderState::IN_FIRST_BUFFER;
 };
 
 }  // namespace qm::writer

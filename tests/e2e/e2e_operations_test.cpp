@@ -224,7 +224,7 @@ TEST_F(OperationsE2eTest, MetricsFileShowsTheCountersOfTheReportOfItsPeriod) {
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
     ASSERT_EQ(report.size(), 38u) << process.standard_error();
-    ASSERT_EQ(samples.size(), report.size() + 2);
+    ASSERT_EQ(samples.size(), report.size() + 5);
     for (std::size_t i = 0; i < report.size(); ++i) {
         std::istringstream fields(samples[i]);
         std::string name, type;
@@ -237,8 +237,11 @@ TEST_F(OperationsE2eTest, MetricsFileShowsTheCountersOfTheReportOfItsPeriod) {
     }
     EXPECT_EQ(samples[37].substr(0, samples[37].find(' ')),
               "quillmarwriter_packet_ctrl_type_total");
-    EXPECT_EQ(samples[38].rfind("quillmarwriter_kernel_drops_total counter 0", 0), 0u);
-    EXPECT_EQ(samples[39].rfind("quillmarwriter_resident_memory_bytes gauge ", 0), 0u);
+    EXPECT_EQ(samples[38], "quillmarwriter_unwritten_bytes_total counter 0");
+    EXPECT_EQ(samples[39], "quillmarwriter_repair_cut_bytes_total counter 0");
+    EXPECT_EQ(samples[40], "quillmarwriter_repair_headers_total counter 0");
+    EXPECT_EQ(samples[41].rfind("quillmarwriter_kernel_drops_total counter 0", 0), 0u);
+    EXPECT_EQ(samples[42].rfind("quillmarwriter_resident_memory_bytes gauge ", 0), 0u);
     EXPECT_NE(std::find(samples.begin(), samples.end(),
                         "quillmarwriter_packet_data_type_total counter 20"),
               samples.end());

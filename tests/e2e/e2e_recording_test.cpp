@@ -2,17 +2,24 @@
 // files. Every expected file is spelled here from the fields of the packets sent, never by the
 // recorder's own writer code.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <optional>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -434,6 +441,205 @@ TEST_F(RecordingE2eTest, UnwritableStorageIsReportedPerLegAndTheRecorderStaysUp)
             "MEDIA_WRITER: directory check or creation failed: " + file_of(second).string()}));
     EXPECT_FALSE(std::filesystem::exists(file_of(first)));
     EXPECT_EQ(file_bytes(file_of(later)), later.expected());
+}
+
+// The recorder's storage is a 1 MiB tmpfs of the test's own, so that it fills up: legs A and B
+// (564448 bytes each) do not both fit. Leg C's first buffer then finds the disk full; the test
+// removes A's file, as storage cleanup would, before C's later buffers come.
+class FullDiskE2eTest : public RecordingE2eTest {
+protected:
+    static constexpr std::size_t FRAME_BYTES = 12 + 2 * SAMPLES;
+    // Frames of a buffer of the default size (64088 media bytes): the first holds the 48-byte
+    // header too.
+    static constexpr std::size_t FIRST_BUFFER_FRAMES = 192;
+    static constexpr std::size_t BUFFER_FRAMES = 193;
+
+    void SetUp() override {
+        std::filesystem::create_directories(storage());
+        ASSERT_EQ(::mount("tmpfs", storage().c_str(), "tmpfs", 0, "size=1M"), 0)
+            << "mounting a tmpfs needs root: " << std::strerror(errno);
+        m_mounted = true;
+    }
+
+    void TearDown() override {
+        if (m_mounted) {
+            EXPECT_EQ(::umount2(storage().c_str(), MNT_DETACH), 0) << std::strerror(errno);
+        }
+    }
+
+    ChildProcess& start_on_small_disk(const std::string& settings) {
+        return start_recorder("metrics_file = " + metrics().string() + "\n" + settings);
+    }
+
+    // Sends A and B whole, then C's start and the frames that fill its first buffer; waits until
+    // the recorder has found the disk full for C, removes A's file, and sends the rest of C.
+    void fill_the_disk_and_free_it(ChildProcess& process) {
+        send_leg(a);
+        send_leg(b);
+        send_paced(encode_start(c.start));
+        for (std::size_t i = 0; i <= FIRST_BUFFER_FRAMES; ++i) {
+            send_paced(encode_data(c.frames[i]));
+        }
+        ASSERT_TRUE(poll_until([&] { return warnings_about(process, c) == 1; }, TIMEOUT))
+            << process.standard_error();
+        std::filesystem::remove(file_of(a));
+        for (std::size_t i = FIRST_BUFFER_FRAMES + 1; i < c.frames.size(); ++i) {
+            send_paced(encode_data(c.frames[i]));
+        }
+        send_paced(encode_terminate(c.terminate()));
+        ASSERT_TRUE(wait_terminated(process, 3)) << process.standard_error();
+    }
+
+    std::size_t warnings_about(const ChildProcess& process, const Leg& leg) const {
+        const std::regex line("MEDIA_WRITER: the system did not take [0-9]+ bytes of " +
+                              literal(file_of(leg).string()) + ": No space left on device");
+        std::size_t count = 0;
+        for (const std::string& text : texts(log_lines(process), "WARNING", "media_writer.cpp")) {
+            count += std::regex_match(text, line) ? 1 : 0;
+        }
+        return count;
+    }
+
+    std::string not_taken(std::uint64_t bytes, const Leg& leg) const {
+        return "MEDIA_WRITER: the system did not take " + std::to_string(bytes) + " bytes of " +
+               file_of(leg).string() + ": No space left on device";
+    }
+
+    // Every byte sent reaches the writer: the three legs' files as they would be whole.
+    std::uint64_t sent() const {
+        return a.expected().size() + b.expected().size() + c.expected().size();
+    }
+
+    // Waits until the metrics file counts every byte sent as offered to the files (written, as
+    // the report has always counted them), and returns its samples by name.
+    std::map<std::string, std::uint64_t> settled_metrics() const {
+        std::map<std::string, std::uint64_t> values;
+        const bool settled = poll_until(
+            [&] {
+                values = samples();
+                return values["quillmarwriter_written_bytes_total"] == sent();
+            },
+            TIMEOUT);
+        EXPECT_TRUE(settled) << "written " << values["quillmarwriter_written_bytes_total"] << " of "
+                             << sent() << " sent";
+        return values;
+    }
+
+    // The end of every buffer of `leg` in its whole file.
+    static std::vector<std::size_t> buffer_ends(const Leg& leg) {
+        std::vector<std::size_t> ends;
+        for (std::size_t frames = FIRST_BUFFER_FRAMES; frames < leg.frames.size();
+             frames += BUFFER_FRAMES) {
+            ends.push_back(leg.expected(frames).size());
+        }
+        ends.push_back(leg.expected().size());
+        return ends;
+    }
+
+    // What C's buffers after the first hold: its frames from the second buffer on.
+    Datagram later_frames_of_c() const {
+        const Datagram whole = c.expected();
+        return Datagram(
+            whole.begin() + static_cast<std::ptrdiff_t>(c.expected(FIRST_BUFFER_FRAMES).size()),
+            whole.end());
+    }
+
+    int inspect(const std::filesystem::path& file) {
+        ChildProcess& tool = start_tool({"inspect", file.string()});
+        const ExitStatus status = finish(tool);
+        return status.exited ? status.code : -1;
+    }
+
+    std::filesystem::path metrics() const { return directory.path() / "quillmarwriter.prom"; }
+
+    const Leg a = make_leg(10, 850);
+    const Leg b = make_leg(11, 850);
+    const Leg c = make_leg(12, 300);
+
+private:
+    std::map<std::string, std::uint64_t> samples() const {
+        std::map<std::string, std::uint64_t> values;
+        std::istringstream lines(read_file(metrics()));
+        std::string line;
+        while (std::getline(lines, line)) {
+            const std::size_t blank = line.find(' ');
+            if (!line.empty() && line[0] != '#' && blank != std::string::npos) {
+                values[line.substr(0, blank)] = std::stoull(line.substr(blank + 1));
+            }
+        }
+        return values;
+    }
+
+    bool m_mounted = false;
+};
+
+// Without repair the files keep what the system took: B ends in a torn frame, C has no header.
+// Every byte sent is either written or counted as not taken, and each leg says so once.
+TEST_F(FullDiskE2eTest, BytesTheSystemDidNotTakeAreCountedAndWarnedOncePerLeg) {
+    ChildProcess& process = start_on_small_disk("media_write_repair = false\n");
+
+    ASSERT_NO_FATAL_FAILURE(fill_the_disk_and_free_it(process));
+    const std::map<std::string, std::uint64_t> values = settled_metrics();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    const Datagram stored_b = file_bytes(file_of(b));
+    const Datagram stored_c = file_bytes(file_of(c));
+    ASSERT_LT(stored_b.size(), b.expected().size());
+    EXPECT_TRUE(std::equal(stored_b.begin(), stored_b.end(), b.expected().begin()));
+    // C's first buffer found the disk full and nothing of it was taken; the rest went in.
+    EXPECT_EQ(stored_c, later_frames_of_c());
+    // B's later buffers took nothing either: its first failed buffer is the one it ends in.
+    const std::vector<std::size_t> ends = buffer_ends(b);
+    const std::size_t torn_end = *std::upper_bound(ends.begin(), ends.end(), stored_b.size());
+    EXPECT_EQ(texts(log_lines(process), "WARNING", "media_writer.cpp"),
+              (std::vector<std::string>{not_taken(torn_end - stored_b.size(), b),
+                                        not_taken(c.expected(FIRST_BUFFER_FRAMES).size(), c)}));
+    const std::uint64_t not_taken_bytes =
+        (b.expected().size() - stored_b.size()) + (c.expected().size() - stored_c.size());
+    EXPECT_EQ(values.at("quillmarwriter_unwritten_bytes_total"), not_taken_bytes);
+    // Sent = on the disk + not taken.
+    EXPECT_EQ(values.at("quillmarwriter_written_bytes_total") -
+                  values.at("quillmarwriter_unwritten_bytes_total"),
+              a.expected().size() + stored_b.size() + stored_c.size());
+    EXPECT_EQ(values.at("quillmarwriter_repair_cut_bytes_total"), 0u);
+    EXPECT_EQ(values.at("quillmarwriter_repair_headers_total"), 0u);
+    EXPECT_EQ(inspect(file_of(b)), 1) << "a torn last frame";
+    EXPECT_EQ(inspect(file_of(c)), 2) << "no header";
+}
+
+// With repair every file left is sound and holds exactly the frames of the buffers written
+// whole: B ends at a buffer's end, C starts with its header and then its second buffer.
+TEST_F(FullDiskE2eTest, RepairLeavesOnlyWholeFramesAndPutsALostHeaderBack) {
+    ChildProcess& process = start_on_small_disk("media_write_repair = true\n");
+
+    ASSERT_NO_FATAL_FAILURE(fill_the_disk_and_free_it(process));
+    const std::map<std::string, std::uint64_t> values = settled_metrics();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    const Datagram stored_b = file_bytes(file_of(b));
+    const Datagram stored_c = file_bytes(file_of(c));
+    const std::vector<std::size_t> ends = buffer_ends(b);
+    EXPECT_THAT(ends, ::testing::Contains(stored_b.size()));
+    ASSERT_LT(stored_b.size(), b.expected().size());
+    EXPECT_EQ(stored_b, b.expected((stored_b.size() - 48) / FRAME_BYTES));
+    Datagram whole_c = encode_file_header(c.start);
+    const Datagram later = later_frames_of_c();
+    whole_c.insert(whole_c.end(), later.begin(), later.end());
+    EXPECT_EQ(stored_c, whole_c);
+    EXPECT_EQ(warnings_about(process, b), 1u) << process.standard_error();
+    EXPECT_EQ(warnings_about(process, c), 1u) << process.standard_error();
+    EXPECT_EQ(texts(log_lines(process), "WARNING", "media_writer.cpp").size(), 2u);
+    EXPECT_EQ(values.at("quillmarwriter_repair_headers_total"), 1u);
+    // What the system took, less what was cut off again, plus the header written again, is on
+    // the disk.
+    EXPECT_EQ(values.at("quillmarwriter_written_bytes_total") -
+                  values.at("quillmarwriter_unwritten_bytes_total") -
+                  values.at("quillmarwriter_repair_cut_bytes_total") + 48,
+              a.expected().size() + stored_b.size() + stored_c.size());
+    EXPECT_EQ(inspect(file_of(b)), 0);
+    EXPECT_EQ(inspect(file_of(c)), 0);
 }
 
 }  // namespace

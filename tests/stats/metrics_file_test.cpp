@@ -28,6 +28,8 @@ ReportSnapshot small_snapshot(std::uint64_t sessions, std::uint64_t lost) {
         {"written bytes number.......................: ", 4096, true, "written_bytes_total"}};
     snapshot.packet_reader = {
         {"packet 'data'  type number.................: ", 77, false, "packet_data_type_total"}};
+    snapshot.metrics_only = {
+        {"media bytes the system did not take", 300, true, "unwritten_bytes_total"}};
     return snapshot;
 }
 
@@ -50,6 +52,9 @@ TEST(MetricsFileTest, RenderIsTheTextExpositionFormat) {
               "# HELP quillmarwriter_packet_data_type_total packet 'data'  type number\n"
               "# TYPE quillmarwriter_packet_data_type_total counter\n"
               "quillmarwriter_packet_data_type_total 77\n"
+              "# HELP quillmarwriter_unwritten_bytes_total media bytes the system did not take\n"
+              "# TYPE quillmarwriter_unwritten_bytes_total counter\n"
+              "quillmarwriter_unwritten_bytes_total 300\n"
               "# HELP quillmarwriter_kernel_drops_total datagrams the system dropped because the "
               "receive buffer was full\n"
               "# TYPE quillmarwriter_kernel_drops_total counter\n"

@@ -117,6 +117,9 @@ void set_every_counter(StatisticService& service) {
     service.writer.directory_check_or_create_errors = 27;
     service.writer.file_open_errors = 28;
     service.writer.file_write_errors = 29;
+    service.writer.unwritten_bytes = 46;
+    service.writer.repair_cut_bytes = 47;
+    service.writer.repair_headers = 48;
     media::PacketReaderStatistic& reader = service.packet_reader;
     reader.elements = 31;
     reader.passed_elements = 32;
@@ -291,7 +294,11 @@ TEST(StatisticPeriodTest, MetricsOfAPeriodShowTheNumbersOfItsReport) {
         }
     }
     EXPECT_EQ(rows, 38u);
-    EXPECT_EQ(values.size(), rows + 2);
+    EXPECT_EQ(values.size(), rows + 5);
+    // Counters of the metrics file alone; the framed report below does not show them.
+    EXPECT_EQ(values.at("quillmarwriter_unwritten_bytes_total"), 46u);
+    EXPECT_EQ(values.at("quillmarwriter_repair_cut_bytes_total"), 47u);
+    EXPECT_EQ(values.at("quillmarwriter_repair_headers_total"), 48u);
     EXPECT_EQ(values.at("quillmarwriter_sessions"), 12u);
     EXPECT_EQ(values.at("quillmarwriter_session_lost_packets_total"), 9u);
     EXPECT_EQ(values.at("quillmarwriter_written_bytes_total"), 5'368'709'120ULL);

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <cstdint>
@@ -14,6 +16,7 @@
 #include "log_capture.hpp"
 #include "packet_bytes.hpp"
 #include "poll.hpp"
+#include "recording_bytes.hpp"
 #include "temp_directory.hpp"
 #include "writer/media_buffer_pool.hpp"
 #include "writer/writing_session.hpp"
@@ -23,6 +26,30 @@ namespace {
 
 using ::testing::ElementsAre;
 using namespace std::chrono_literals;
+
+// Files of this process cannot grow beyond `bytes` while it lives: a write across the limit
+// takes what fits and the next one fails with EFBIG, as a full disk would with ENOSPC. The signal
+// the system sends on such a write is ignored meanwhile.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &m_saved);
+        const rlimit limit{bytes, m_saved.rlim_max};
+        m_previous_handler = ::signal(SIGXFSZ, SIG_IGN);
+        EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &m_saved);
+        ::signal(SIGXFSZ, m_previous_handler);
+    }
+
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit m_saved{};
+    sighandler_t m_previous_handler = SIG_DFL;
+};
 
 // A writer over a small pool, fed by the test thread as the session thread would feed it. Most
 // tests hand buffers to `on_queue_read` directly, on the test thread; the thread tests start it.
@@ -56,6 +83,21 @@ protected:
     }
 
     std::filesystem::path storage() const { return directory.path() / "storage"; }
+
+    // The file of `session()` made a link to /dev/full, which takes no byte: a disk that is full.
+    void make_file_full(const std::string& relative = "day/hour/minute/leg/media.qm") const {
+        std::filesystem::create_directories((storage() / relative).parent_path());
+        std::filesystem::create_symlink("/dev/full", storage() / relative);
+    }
+
+    // The file header of the start packet `session()` is made from, as the encoder spells it.
+    static std::string header() { return test::text_of(media::encode_file_header({})); }
+
+    std::string not_taken(std::uint64_t bytes, const rc_ptr<WritingSession>& leg,
+                          const std::string& reason) const {
+        return "MEDIA_WRITER: the system did not take " + std::to_string(bytes) + " bytes of " +
+               leg->file_path + ": " + reason;
+    }
 
     test::TempDirectory directory;
     test::LogCapture capture{log::Level::INFO};
@@ -243,6 +285,165 @@ TEST_F(MediaWriterTest, StopWithABufferStillOutsideThePoolReportsALeak) {
 TEST_F(MediaWriterTest, StopOfAWriterThatDoesNotRunDoesNothing) {
     EXPECT_EQ(writer.stop(), 0);
     EXPECT_EQ(capture.texts().size(), 1u) << "only the pool's line";
+}
+
+TEST_F(MediaWriterTest, FullDiskCountsTheBytesNotTakenAndWarnsOncePerCondition) {
+    const rc_ptr<WritingSession> leg = session();
+    make_file_full();
+
+    writer.on_queue_read(filled(leg, "lost"));
+    writer.on_queue_read(filled(leg, "lost too"));
+
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre(not_taken(4, leg, "No space left on device")));
+    EXPECT_TRUE(capture.texts(log::Level::ERROR).empty());
+    EXPECT_EQ(statistic.written_bytes.load(), 0u + 12u);
+    EXPECT_EQ(statistic.unwritten_bytes.load(), 12u);
+    EXPECT_EQ(statistic.file_write_errors.load(), 0u);
+    EXPECT_EQ(pool.free_count(), 4u);
+
+    // A buffer written whole re-arms the warning.
+    std::filesystem::remove(storage() / "day/hour/minute/leg/media.qm");
+    writer.on_queue_read(filled(leg, "kept"));
+    EXPECT_EQ(content(), "kept");
+    std::filesystem::remove(storage() / "day/hour/minute/leg/media.qm");
+    make_file_full();
+    writer.on_queue_read(filled(leg, "lost again"));
+
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre(not_taken(4, leg, "No space left on device"),
+                            not_taken(10, leg, "No space left on device")));
+    EXPECT_EQ(statistic.written_bytes.load(), 4u + 22u);
+    EXPECT_EQ(statistic.unwritten_bytes.load(), 22u);
+    EXPECT_EQ(statistic.file_write_errors.load(), 0u);
+    EXPECT_EQ(statistic.repair_cut_bytes.load(), 0u);
+}
+
+TEST_F(MediaWriterTest, WriteCutShortCountsExactlyWhatTheSystemTookAndLeavesItInPlace) {
+    const rc_ptr<WritingSession> leg = session();
+    writer.on_queue_read(filled(leg, "first "));
+    {
+        const FileSizeLimit limit(10);
+        writer.on_queue_read(filled(leg, "0123456789"));
+        writer.on_queue_read(filled(leg, "refused"));
+    }
+
+    EXPECT_EQ(content(), "first 0123");
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre(not_taken(6, leg, "File too large")));
+    EXPECT_EQ(statistic.written_bytes.load(), 10u + 13u);
+    EXPECT_EQ(statistic.unwritten_bytes.load(), 13u);
+    EXPECT_EQ(statistic.file_write_errors.load(), 0u);
+}
+
+TEST_F(MediaWriterTest, WithRepairAWriteCutShortIsCutOffTheFileAgain) {
+    settings.media_write_repair = true;
+    MediaWriter writer{settings, pool, statistic};
+    const rc_ptr<WritingSession> leg = session();
+    writer.on_queue_read(filled(leg, header() + "first "));
+    {
+        const FileSizeLimit limit(60);
+        writer.on_queue_read(filled(leg, "0123456789"));
+    }
+    EXPECT_EQ(content(), header() + "first ");
+
+    writer.on_queue_read(filled(leg, "next"));
+
+    EXPECT_EQ(content(), header() + "first next");
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre(not_taken(4, leg, "File too large")));
+    EXPECT_EQ(statistic.written_bytes.load(), 54u + 6u + 4u + 4u);
+    EXPECT_EQ(statistic.unwritten_bytes.load(), 4u);
+    EXPECT_EQ(statistic.repair_cut_bytes.load(), 6u);
+    EXPECT_EQ(statistic.repair_headers.load(), 0u);
+}
+
+// The first buffer carries the file header: cut off, it leaves nothing worth a file, and the
+// header goes in front of the next buffer.
+TEST_F(MediaWriterTest, WithRepairAFileThatHeldNothingGoesAndGetsItsHeaderBackFirst) {
+    settings.media_write_repair = true;
+    MediaWriter writer{settings, pool, statistic};
+    const rc_ptr<WritingSession> leg = session();
+    {
+        const FileSizeLimit limit(20);
+        writer.on_queue_read(filled(leg, header() + "first"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(storage() / "day/hour/minute/leg/media.qm"));
+
+    writer.on_queue_read(filled(leg, "second"));
+
+    EXPECT_EQ(content(), header() + "second");
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre(not_taken(33, leg, "File too large")));
+    EXPECT_EQ(statistic.written_bytes.load(), 20u + 6u + 33u);
+    EXPECT_EQ(statistic.unwritten_bytes.load(), 33u);
+    EXPECT_EQ(statistic.repair_cut_bytes.load(), 20u);
+    EXPECT_EQ(statistic.repair_headers.load(), 1u);
+}
+
+// A regular file where the storage directory should be: the first buffer, header and all, never
+// reaches the disk. Once the way is clear, the header is written before the next frames; while
+// the header itself is refused, the next buffer waits for it rather than go in without it.
+TEST_F(MediaWriterTest, WithRepairALegWhoseFirstBufferWasLostGetsItsHeaderBeforeItsNextFrames) {
+    settings.media_write_repair = true;
+    MediaWriter writer{settings, pool, statistic};
+    const rc_ptr<WritingSession> leg = session();
+    directory.write_file("storage", "in the way");
+    writer.on_queue_read(filled(leg, header() + "one"));
+    std::filesystem::remove(storage());
+    make_file_full();
+    writer.on_queue_read(filled(leg, "two"));
+    std::filesystem::remove(storage() / "day/hour/minute/leg/media.qm");
+
+    writer.on_queue_read(filled(leg, "three"));
+    writer.on_queue_read(filled(leg, "four"));
+
+    EXPECT_EQ(content(), header() + "threefour");
+    EXPECT_EQ(statistic.directory_check_or_create_errors.load(), 1u);
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre(not_taken(3, leg, "No space left on device")));
+    EXPECT_EQ(statistic.written_bytes.load(), 9u + 3u);
+    EXPECT_EQ(statistic.unwritten_bytes.load(), 3u);
+    EXPECT_EQ(statistic.repair_headers.load(), 1u);
+}
+
+TEST_F(MediaWriterTest, WithRepairALegWhoseFirstOpenFailedGetsItsHeaderBeforeItsNextFrames) {
+    settings.media_write_repair = true;
+    MediaWriter writer{settings, pool, statistic};
+    const rc_ptr<WritingSession> leg = session();
+    std::filesystem::create_directories(storage() / "day/hour/minute/leg/media.qm");
+    writer.on_queue_read(filled(leg, header() + "one"));
+    std::filesystem::remove(storage() / "day/hour/minute/leg/media.qm");
+
+    writer.on_queue_read(filled(leg, "two"));
+
+    EXPECT_EQ(content(), header() + "two");
+    EXPECT_EQ(statistic.file_open_errors.load(), 1u);
+    EXPECT_EQ(statistic.repair_headers.load(), 1u);
+}
+
+// Without the key a lost first buffer stays lost: the file starts with frames.
+TEST_F(MediaWriterTest, WithoutRepairALegWhoseFirstBufferWasLostHasNoHeader) {
+    const rc_ptr<WritingSession> leg = session();
+    directory.write_file("storage", "in the way");
+    writer.on_queue_read(filled(leg, header() + "one"));
+    std::filesystem::remove(storage());
+
+    writer.on_queue_read(filled(leg, "two"));
+
+    EXPECT_EQ(content(), "two");
+    EXPECT_EQ(statistic.repair_headers.load(), 0u);
+}
+
+TEST_F(MediaWriterTest, NewFilesAreMadeWithTheModeTheUmaskLeaves) {
+    const rc_ptr<WritingSession> leg = session();
+    const mode_t saved = ::umask(027);
+    writer.on_queue_read(filled(leg, "bytes"));
+    ::umask(saved);
+
+    EXPECT_EQ(std::filesystem::status(storage() / "day/hour/minute/leg/media.qm").permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write |
+                  std::filesystem::perms::group_read);
 }
 
 }  // namespace

@@ -24,7 +24,9 @@
 // Owns the media buffer pool and the media writer. Threads: built, started, stopped and
 // destroyed by the service's main thread while the packet reader does not run; the listener
 // operations run on the packet reader's thread (the session thread). A buffer belongs to the
-// media writer from its successful push on.
+// media writer from its successful push on. A buffer that the media writer never gets (its last
+// push failed) goes back to the pool from the session thread, and the payload bytes of its frames
+// count as dropped.
 //
 // Sessions still open when the manager is destroyed get no final push, unless
 // `flush_open_sessions` ran: their files end at the last buffer pushed.
@@ -74,6 +76,8 @@ private:
     // payload bytes that needs `need` bytes must be dropped.
     bool replace_full_buffer(const rc_ptr<media::Session>& session, WritingSession& recording,
                              std::uint64_t need, std::uint64_t bytes);
+    // Returns a buffer the media writer never got to the pool, dropping its frames.
+    void give_back(MediaBuffer* buffer);
     void drop(std::uint64_t bytes);
 
     const RecordingSettings m_settings;

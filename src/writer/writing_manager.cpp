@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "io/io_session_path.hpp"
 #include "io/quillmar_format.hpp"
@@ -213,6 +214,13 @@ bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session)
         give_back(last);
     }
     return true;
+}
+
+void WritingManager::on_session_not_inserted(media::Session& session) {
+    auto& recording = static_cast<WritingSession&>(session);
+    if (recording.buffer != nullptr) {
+        give_back(std::exchange(recording.buffer, nullptr));
+    }
 }
 
 void WritingManager::give_back(MediaBuffer* buffer) {

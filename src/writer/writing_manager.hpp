@@ -25,8 +25,8 @@
 // destroyed by the service's main thread while the packet reader does not run; the listener
 // operations run on the packet reader's thread (the session thread). A buffer belongs to the
 // media writer from its successful push on. A buffer that the media writer never gets (its last
-// push failed) goes back to the pool from the session thread, and the payload bytes of its frames
-// count as dropped.
+// push failed, or its session could not be entered in the table) goes back to the pool from the
+// session thread, and the payload bytes of its frames count as dropped.
 //
 // Sessions still open when the manager is destroyed get no final push, unless
 // `flush_open_sessions` ran: their files end at the last buffer pushed.
@@ -68,6 +68,8 @@ protected:
     void on_session_terminated(rc_ptr<media::Session> session,
                                media::TerminatePacket& packet) override;
     void on_session_timedout(rc_ptr<media::Session> session) override;
+    // Gives the buffer of a session the table could not take back to the pool.
+    void on_session_not_inserted(media::Session& session) override;
 
 private:
     // Hands the session's last buffer to the media writer; false when it had none.

@@ -29,7 +29,6 @@ thread_local bool t_failed = false;
 
 }  // namespace
 
-// The library's operator delete frees with std::free, so it stays as it is.
 void* operator new(std::size_t size) {
     if (t_allocations_before_failure == 0) {
         t_allocations_before_failure = -1;
@@ -44,6 +43,23 @@ void* operator new(std::size_t size) {
     }
     throw std::bad_alloc();
 }
+
+// Replaced with the operator new above, so that a sanitizer's allocator sees std::malloc paired
+// with std::free. GCC takes the std::free of memory from an operator new it inlined for a mismatch.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 namespace qm::writer {
 namespace {

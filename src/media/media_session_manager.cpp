@@ -203,6 +203,7 @@ Session* SessionManager::create_session(const StartPacket& packet, int& result) 
 void SessionManager::insert_session(Session* session, StartPacket& packet) {
     rc_ptr<Session> created(session);
     if (!link_session(created)) {
+        on_session_not_inserted(*created);
         ++statistic().session_allocation_errors;
         QM_LOG_ERROR("SESSION_MANAGER: Session " << utils::str::print_uuid(packet.header.uuid)
                                                  << " allocation failed");
@@ -324,5 +325,6 @@ void SessionManager::on_session_control(rc_ptr<Session> /*session*/, ControlPack
 void SessionManager::on_session_terminated(rc_ptr<Session> /*session*/,
                                            TerminatePacket& /*packet*/) {}
 void SessionManager::on_session_timedout(rc_ptr<Session> /*session*/) {}
+void SessionManager::on_session_not_inserted(Session& /*session*/) {}
 
 }  // namespace qm::media

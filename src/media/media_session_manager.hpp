@@ -100,6 +100,10 @@ protected:
     virtual void on_session_control(rc_ptr<Session> session, ControlPacket& packet);
     virtual void on_session_terminated(rc_ptr<Session> session, TerminatePacket& packet);
     virtual void on_session_timedout(rc_ptr<Session> session);
+    // A session `create_session` returned that could not be entered in the table (out of
+    // memory), just before it is dropped: the place to take back what was given to it. No other
+    // `on_session_*` operation is called for it.
+    virtual void on_session_not_inserted(Session& session);
 
     // "Now" on the manager's steady clock; derived classes stamp their sessions with it.
     std::uint64_t now_us() const { return m_clock(); }

@@ -125,6 +125,14 @@ Socket::Wake wait_readable(int fd, int doorbell, int& error);
 // buffer was full; nothing when the count cannot be read. Any thread.
 std::optional<std::uint32_t> kernel_drops(int fd);
 
+// `total` plus what a 32-bit system count that wraps (such as `kernel_drops`) gained from the
+// reading `previous` to the reading `current`, modulo 2^32: a 64-bit total that never decreases.
+// REQUIRES: the count gained less than 2^32 between the two readings.
+constexpr std::uint64_t accumulate_wrapping(std::uint64_t total, std::uint32_t previous,
+                                            std::uint32_t current) {
+    return total + static_cast<std::uint32_t>(current - previous);
+}
+
 // The system host name; empty when it cannot be read.
 std::string get_host_name();
 

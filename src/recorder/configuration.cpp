@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <string_view>
 #include <utility>
@@ -71,7 +72,9 @@ bool try_parse_cleanup_threshold(const std::string& text, long double& out) {
     char* end = nullptr;
     errno = 0;
     const long double value = std::strtold(text.c_str(), &end);
-    if (errno != 0 || end == text.c_str()) {
+    // strtold also reads "nan", "inf" and "infinity": no comparison with a used size ever acts on
+    // them.
+    if (errno != 0 || end == text.c_str() || !std::isfinite(value)) {
         return false;
     }
     out = value;
@@ -86,7 +89,11 @@ bool try_parse_cleanup_threshold(const std::string& text, long double& out) {
     }
     for (const SizeSuffix& suffix : SIZE_SUFFIXES) {
         if (::strcasecmp(rest.c_str(), suffix.text) == 0) {
-            out = value * suffix.multiplier;
+            const long double bytes = value * suffix.multiplier;
+            if (!std::isfinite(bytes)) {
+                return false;
+            }
+            out = bytes;
             return true;
         }
     }

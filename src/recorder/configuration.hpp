@@ -28,8 +28,9 @@ bool try_parse_cleanup_policy(const std::string& text, cleanup_policy& out);
 
 // A size in bytes or a percentage: a number (std::strtold), then optionally white space and one
 // suffix: "%" stores the number negated (90% gives -90); "K"/"KB", "M"/"MB", "G"/"GB", "T"/"TB" in
-// any case multiply by powers of 1024. Once the number was read `out` holds it, even when the
-// suffix is then refused.
+// any case multiply by powers of 1024. A number or a product that is not finite ("nan", "inf",
+// "infinity", out of range) is refused. Once a finite number was read `out` holds it, even when the
+// suffix or the product is then refused.
 bool try_parse_cleanup_threshold(const std::string& text, long double& out);
 
 // A count of bytes for the socket: a whole or fractional number with the size suffixes of

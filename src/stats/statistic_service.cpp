@@ -132,6 +132,7 @@ void StatisticService::check_kernel_drops() {
                        << static_cast<std::uint32_t>(*drops - m_drops_seen)
                        << " datagrams since the last report: the receive buffer ("
                        << m_receive_buffer.load(std::memory_order_relaxed) << " bytes) overflowed");
+        m_drops_total = net::accumulate_wrapping(m_drops_total, m_drops_seen, *drops);
         m_drops_seen = *drops;
     }
     if (ring != nullptr) {
@@ -161,7 +162,7 @@ void StatisticService::report_period() {
         if (!m_metrics) {
             m_metrics = std::make_unique<MetricsFile>(metrics_file);
         }
-        m_metrics->write(values, {m_drops_seen, MetricsFile::resident_bytes()});
+        m_metrics->write(values, {m_drops_total, MetricsFile::resident_bytes()});
     }
     app::notify_service_manager(status_line());
 }
@@ -169,7 +170,7 @@ void StatisticService::report_period() {
 std::string StatisticService::status_line() const {
     std::ostringstream status;
     status << "STATUS=" << manager.session.load() << " sessions, "
-           << packet_reader.passed_elements.load() << " datagrams, " << m_drops_seen
+           << packet_reader.passed_elements.load() << " datagrams, " << m_drops_total
            << " dropped by the system, " << manager.session_media_dropped_bytes.load()
            << " media bytes dropped";
     return status.str();

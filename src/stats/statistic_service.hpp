@@ -127,8 +127,11 @@ private:
     std::atomic<std::uint64_t> m_receive_buffer{0};
     // Published by the main thread when it receives through a ring; null while it does not.
     std::atomic<net::PacketRing*> m_ring{nullptr};
-    // The report thread's own: the count at the last check, and the metrics file once used.
+    // The report thread's own: the system's 32-bit count at the last check, the 64-bit total it
+    // adds up to across its wraps (what the metrics file and the status line show), and the
+    // metrics file once used.
     std::uint32_t m_drops_seen = 0;
+    std::uint64_t m_drops_total = 0;
     std::unique_ptr<MetricsFile> m_metrics;
 };
 

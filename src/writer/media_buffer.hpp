@@ -19,6 +19,8 @@
 // - The media writer thread takes it from that queue, reads `session` (path, flags) and the
 //   `size` bytes, then gives it back to the pool (release), which sets `size` to 0 on that thread.
 //   `session` stays as it is until the session thread fills the buffer again.
+// - A buffer whose push the media writer's queue refuses never changes thread: the session thread
+//   gives it back to the pool itself (give_back), which sets `size` to 0.
 
 namespace qm::writer {
 

@@ -61,6 +61,7 @@ MediaBufferPool::MediaBufferPool(unsigned long count, unsigned long media_size,
     // buffer more than was asked for; capped, the pool has `count` buffers wherever the block lies.
     const std::uint64_t usable = std::min<std::uint64_t>(m_block_size - gap, m_slot_size * count);
     m_free = std::make_unique<FreeList>(usable / m_slot_size);
+    m_stash = std::make_unique<MediaBuffer*[]>(m_free->capacity());
 
     m_first_slot = m_block.get() + gap;
     std::uint8_t* slot = m_first_slot;
@@ -108,6 +109,12 @@ MediaBufferPool::~MediaBufferPool() {
 }
 
 MediaBuffer* MediaBufferPool::acquire() {
+    if (const std::uint64_t stashed = m_stashed.load(std::memory_order_relaxed); stashed != 0) {
+        MediaBuffer* given_back = m_stash[stashed - 1];
+        m_stashed.store(stashed - 1, std::memory_order_relaxed);
+        update_elements();
+        return given_back;
+    }
     MediaBuffer* buffer = nullptr;
     // try_pop leaves a null pointer in the ring slot that it emptied.
     if (m_free->try_pop(buffer) && buffer != nullptr) {
@@ -125,18 +132,37 @@ bool MediaBufferPool::release(MediaBuffer* buffer) {
     // The push publishes the buffer, `size` included, to the session thread's next acquire.
     if (!m_free->push(buffer)) {
         ++statistic().buffer_pool_release_errors;
-        QM_LOG_ERROR(
-            "MEDIA_BUFFER_POOL: unexpected buffer release error, this must not happen - ask a "
-            "developer to check the logic");
-        update_elements();
+        log_release_error();
         return false;
     }
     update_elements();
     return true;
 }
 
+bool MediaBufferPool::give_back(MediaBuffer* buffer) {
+    assert(buffer != nullptr);
+    buffer->size = 0;
+    const std::uint64_t stashed = m_stashed.load(std::memory_order_relaxed);
+    // The stash has room for every buffer, so only a buffer given back twice can fill it up.
+    if (stashed == capacity()) {
+        log_release_error();
+        return false;
+    }
+    m_stash[stashed] = buffer;
+    m_stashed.store(stashed + 1, std::memory_order_relaxed);
+    update_elements();
+    return true;
+}
+
+void MediaBufferPool::log_release_error() {
+    QM_LOG_ERROR(
+        "MEDIA_BUFFER_POOL: unexpected buffer release error, this must not happen - ask a "
+        "developer to check the logic");
+    update_elements();
+}
+
 void MediaBufferPool::update_elements() {
-    statistic().buffer_pool_elements = m_free->size();
+    statistic().buffer_pool_elements = free_count();
 }
 
 }  // namespace qm::writer

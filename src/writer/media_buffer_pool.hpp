@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -14,16 +15,20 @@
 // whose capacity is the number of buffers, so the ring can always take back every buffer there is.
 //
 // Invariant: every buffer is in exactly one place: the free list, the session thread (being
-// filled), or the media writer (queued, being written). Acquire takes from the ring's head,
-// release puts back at its tail, so buffers come out in the order in which they went back.
+// filled), or the media writer (queued, being written). The free list is the ring and beside it a
+// stash of the session thread's own, for buffers that thread acquired but could not hand to the
+// media writer: it cannot put them into the ring, whose one producer is the media writer.
+// Acquire takes from the stash first, then from the ring's head; release puts back at the ring's
+// tail, so buffers from the ring come out in the order in which they went back.
 //
 // Threads: built and destroyed while no other thread uses it (by the writing manager). In between
-// exactly two threads use it: the session thread only acquires (the ring's consumer), the media
-// writer thread only releases (the ring's producer). The ring's release/acquire pair hands each
-// buffer, with everything written to it, from one to the other; the pool adds no lock and no
-// atomic of its own. `capacity`, `free_count`, `slot_size` and `block_size` may be called from any
-// thread; `free_count` is then a snapshot. The statistic counters are read by the statistics thread
-// at any time.
+// exactly two threads use it: the session thread acquires (the ring's consumer) and gives back
+// (the stash is its alone), the media writer thread only releases (the ring's producer). The
+// ring's release/acquire pair hands each buffer, with everything written to it, from one to the
+// other; the pool adds no lock, and one atomic only: the stash's count, which `free_count` reads.
+// `capacity`, `free_count`, `slot_size` and `block_size` may be called from any thread;
+// `free_count` is then a snapshot. The statistic counters are read by the statistics thread at any
+// time.
 
 namespace qm::writer {
 
@@ -63,10 +68,20 @@ public:
     // REQUIRES: called only by the media writer thread; `buffer` is not null.
     bool release(MediaBuffer* buffer);
 
-    // The number of buffers, which is the free list's capacity.
+    // Takes back a buffer that the session thread acquired and could not hand to the media
+    // writer: sets `size` to 0 and keeps it for that thread's next `acquire`, before any buffer of
+    // the ring. False, with the line of a release into a full free list, when the pool holds
+    // every buffer already: the pool then does not hold this one. Not counted: the release errors
+    // counter has one writer, the media writer thread. Leaves `session` as it is.
+    // REQUIRES: called only by the session thread; `buffer` is not null.
+    bool give_back(MediaBuffer* buffer);
+
+    // The number of buffers, which is the ring's capacity.
     std::uint64_t capacity() const { return m_free->capacity(); }
-    // Buffers in the free list now.
-    std::uint64_t free_count() const { return m_free->size(); }
+    // Buffers in the free list (ring and stash) now.
+    std::uint64_t free_count() const {
+        return m_free->size() + m_stashed.load(std::memory_order_relaxed);
+    }
     // Bytes per slot: the 40-byte header and the media part.
     std::uint64_t slot_size() const { return m_slot_size; }
     // Bytes of the one allocation: every slot and 128 spare bytes for the alignment of its start.
@@ -78,11 +93,19 @@ private:
     MediaBufferPool(unsigned long count, unsigned long media_size,
                     MediaBufferPoolStatistic* statistic);
     void update_elements();
+    void log_release_error();
 
     std::uint64_t m_slot_size = 0;
     std::uint64_t m_block_size = 0;
     std::unique_ptr<std::uint8_t[]> m_block;
     std::unique_ptr<FreeList> m_free;
+    // The buffers the session thread gave back, last in first out, with room for every buffer.
+    // The session thread's alone.
+    std::unique_ptr<MediaBuffer*[]> m_stash;
+    // How many of `m_stash` hold a buffer. Written by the session thread only; read by
+    // `free_count` on any thread. Relaxed: other threads only count with it and never read the
+    // stash, so it publishes nothing.
+    std::atomic<std::uint64_t> m_stashed{0};
     // The first slot; `capacity()` slots follow it back to back. For the destructor.
     std::uint8_t* m_first_slot = nullptr;
 };

@@ -47,6 +47,29 @@ std::uint64_t free_space(const MediaBuffer& buffer) {
     return buffer.capacity - buffer.size;
 }
 
+// The payload bytes of the frames in `buffer`, which its loss drops. Only a session's first
+// buffer starts with the file header, and its magic never starts a frame, whose first byte is the
+// side (0 or 1).
+std::uint64_t payload_bytes(const MediaBuffer& buffer) {
+    std::uint64_t offset = 0;
+    std::uint32_t magic = 0;
+    if (buffer.size >= io::FILE_HEADER_SIZE) {
+        std::memcpy(&magic, buffer.data, sizeof magic);
+    }
+    if (magic == io::QUILLMAR_MAGIC) {
+        offset = io::FILE_HEADER_SIZE;
+    }
+    std::uint64_t bytes = 0;
+    while (offset + io::FRAME_HEADER_SIZE <= buffer.size) {
+        io::SessionStreamFrame frame;
+        std::memcpy(&frame, buffer.data + offset, sizeof frame);
+        const std::uint64_t payload = 2u * frame.num;
+        bytes += payload;
+        offset += io::FRAME_HEADER_SIZE + payload;
+    }
+    return bytes;
+}
+
 }  // namespace
 
 WritingManager::WritingManager(const RecordingSettings& settings,
@@ -76,8 +99,8 @@ WritingManagerStatistic& WritingManager::statistic() {
     return static_cast<WritingManagerStatistic&>(SessionManager::statistic());
 }
 
-// The session is allocated before its buffer is taken: a buffer, once acquired, can only go back
-// to the pool through the media writer, so a failed allocation must not strand one.
+// The session is allocated before its buffer is taken, so that a failed allocation leaves no
+// buffer to give back.
 media::Session* WritingManager::create_session(const media::StartPacket& packet, int& result) {
     if ((packet.ft[0] & RECORDING_FLAGS) == 0) {
         QM_LOG_WARNING("WRITING_MANAGER: " << raw_uuid(packet.header)
@@ -195,12 +218,23 @@ bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session)
     if (!m_writer.push(last)) {
         QM_LOG_ERROR("WRITING_MANAGER: " << uuid_text(recording)
                                          << ": MAGIC! failed to enqueue buffer for a term writing");
-        // Not handed back: only the writer thread may release to the pool. The writer's leak
-        // check at stop reports the missing buffer.
-        last->size = 0;
-        last->session = nullptr;
+        give_back(last);
     }
     return true;
+}
+
+void WritingManager::on_session_not_inserted(media::Session& session) {
+    auto& recording = static_cast<WritingSession&>(session);
+    if (recording.buffer != nullptr) {
+        give_back(std::exchange(recording.buffer, nullptr));
+    }
+}
+
+void WritingManager::give_back(MediaBuffer* buffer) {
+    drop(payload_bytes(*buffer));
+    // The session goes with the table's references; the buffer must not keep it alive.
+    buffer->session = nullptr;
+    static_cast<void>(m_pool.give_back(buffer));
 }
 
 std::size_t WritingManager::flush_open_sessions() {

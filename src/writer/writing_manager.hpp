@@ -24,7 +24,9 @@
 // Owns the media buffer pool and the media writer. Threads: built, started, stopped and
 // destroyed by the service's main thread while the packet reader does not run; the listener
 // operations run on the packet reader's thread (the session thread). A buffer belongs to the
-// media writer from its successful push on.
+// media writer from its successful push on. A buffer that the media writer never gets (its last
+// push failed, or its session could not be entered in the table) goes back to the pool from the
+// session thread, and the payload bytes of its frames count as dropped.
 //
 // Sessions still open when the manager is destroyed get no final push, unless
 // `flush_open_sessions` ran: their files end at the last buffer pushed.
@@ -71,6 +73,8 @@ protected:
     void on_session_terminated(rc_ptr<media::Session> session,
                                media::TerminatePacket& packet) override;
     void on_session_timedout(rc_ptr<media::Session> session) override;
+    // Gives the buffer of a session the table could not take back to the pool.
+    void on_session_not_inserted(media::Session& session) override;
 
 private:
     // Hands the session's last buffer to the media writer; false when it had none.
@@ -79,6 +83,8 @@ private:
     // payload bytes that needs `need` bytes must be dropped.
     bool replace_full_buffer(const rc_ptr<media::Session>& session, WritingSession& recording,
                              std::uint64_t need, std::uint64_t bytes);
+    // Returns a buffer the media writer never got to the pool, dropping its frames.
+    void give_back(MediaBuffer* buffer);
     void drop(std::uint64_t bytes);
 
     const RecordingSettings m_settings;

@@ -59,7 +59,8 @@ public:
     // Frame times in the file are media times relative to this.
     std::uint64_t sync_mt = 0;
     // The buffer being filled; null after completion or after a failed acquire. A session never
-    // frees it: it goes to the media writer, which gives it back to the pool.
+    // frees it: it goes to the media writer, which gives it back to the pool, or, when it cannot
+    // go there, the writing manager gives it back.
     MediaBuffer* buffer = nullptr;
     // Storage root, "/" and the session's relative path.
     const std::string file_path;

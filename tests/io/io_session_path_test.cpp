@@ -25,6 +25,7 @@ TEST(SessionPathTest, StartOfTheEpochIsItsOwnDayHourAndMinute) {
 }
 
 TEST(SessionPathTest, TimeIsTakenInWholeSecondsInUtc) {
+    test::LogCapture capture;
     // 2021-10-11 12:17:18.004211 UTC.
     EXPECT_EQ(session_path(1633954638004211ULL, UUID),
               "2021-10-11/12/17/" + UUID_TEXT + "/media.qm");
@@ -33,16 +34,52 @@ TEST(SessionPathTest, TimeIsTakenInWholeSecondsInUtc) {
               "2021-10-11/12/17/" + UUID_TEXT + "/media.qm");
     EXPECT_EQ(session_path(1633954680000000ULL, UUID),
               "2021-10-11/12/18/" + UUID_TEXT + "/media.qm");
+    EXPECT_TRUE(capture.lines().empty());
 }
 
-// With a 64-bit time_t every 64-bit count of microseconds renders (the year has six digits at
-// the far end), so the all-zero fallback is never needed on this platform.
-TEST(SessionPathTest, LargestTimeStampStillRenders) {
+std::string clamped_text(std::uint64_t ts, const std::string& time_path) {
+    return "QUILLMAR_IO: timestamp (" + std::to_string(ts) + ") of session \"" + UUID_TEXT +
+           "\" is outside the years 1970 to 9999: filed under \"" + time_path + "/" + UUID_TEXT +
+           "/media.qm\"";
+}
+
+// The first and the last microsecond of the years 1970 to 9999 are filed as they are.
+TEST(SessionPathTest, BothEndsOfTheYears1970To9999AreTheirOwnMinutes) {
     test::LogCapture capture;
 
-    EXPECT_EQ(session_path(std::numeric_limits<std::uint64_t>::max(), UUID),
-              "586524-01-19/08/01/" + UUID_TEXT + "/media.qm");
-    EXPECT_TRUE(capture.texts().empty());
+    EXPECT_EQ(session_path(0, UUID), "1970-01-01/00/00/" + UUID_TEXT + "/media.qm");
+    EXPECT_EQ(session_path(253402300799999999ULL, UUID),
+              "9999-12-31/23/59/" + UUID_TEXT + "/media.qm");
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+// A sender's clock before 1970 sends a negative time stamp: as a signed count, the top bit is set.
+TEST(SessionPathTest, TimeBefore1970IsFiledUnderTheFirstMinuteOf1970) {
+    test::LogCapture capture;
+    const std::uint64_t one_microsecond_before = std::numeric_limits<std::uint64_t>::max();
+    const std::uint64_t earliest = 1ULL << 63;
+
+    EXPECT_EQ(session_path(one_microsecond_before, UUID),
+              "1970-01-01/00/00/" + UUID_TEXT + "/media.qm");
+    EXPECT_EQ(session_path(earliest, UUID), "1970-01-01/00/00/" + UUID_TEXT + "/media.qm");
+    EXPECT_THAT(capture.texts(),
+                ElementsAre(clamped_text(one_microsecond_before, "1970-01-01/00/00"),
+                            clamped_text(earliest, "1970-01-01/00/00")));
+    EXPECT_THAT(capture.lines(), ElementsAre(StartsWith("WARNING | io_session_path.cpp:"),
+                                             StartsWith("WARNING | io_session_path.cpp:")));
+}
+
+// Year 10000 would be a five-digit day the cleanup does not take for one, and it would sort before
+// 9999's days.
+TEST(SessionPathTest, TimeAfter9999IsFiledUnderTheLastMinuteOf9999) {
+    test::LogCapture capture;
+    const std::uint64_t year_10000 = 253402300800000000ULL;
+    const std::uint64_t latest = (1ULL << 63) - 1;
+
+    EXPECT_EQ(session_path(year_10000, UUID), "9999-12-31/23/59/" + UUID_TEXT + "/media.qm");
+    EXPECT_EQ(session_path(latest, UUID), "9999-12-31/23/59/" + UUID_TEXT + "/media.qm");
+    EXPECT_THAT(capture.texts(), ElementsAre(clamped_text(year_10000, "9999-12-31/23/59"),
+                                             clamped_text(latest, "9999-12-31/23/59")));
 }
 
 // A second past the last year the calendar holds: gmtime_r fails, and the session is filed under

@@ -388,6 +388,29 @@ TEST(SocketTest, KernelDropsOfNoSocketAreNone) {
     ::close(file);
 }
 
+TEST(AccumulateWrappingTest, AddsWhatTheCountGainedSinceTheLastReading) {
+    EXPECT_EQ(accumulate_wrapping(0, 0, 0), 0u);
+    EXPECT_EQ(accumulate_wrapping(0, 0, 5), 5u);
+    EXPECT_EQ(accumulate_wrapping(5, 5, 5), 5u);
+    EXPECT_EQ(accumulate_wrapping(5, 5, 12), 12u);
+    EXPECT_EQ(accumulate_wrapping(0, 0, 0xFFFFFFFF), 0xFFFFFFFFu);
+}
+
+// The system's count wraps at 2^32; the total goes on past it and never decreases.
+TEST(AccumulateWrappingTest, ReadingThatWrappedAddsTheDistanceModulo2To32) {
+    EXPECT_EQ(accumulate_wrapping(0xFFFFFFF0, 0xFFFFFFF0, 0x10), 0x100000010u);
+    EXPECT_EQ(accumulate_wrapping(7, 0xFFFFFFF0, 0x10), 7u + 0x20u);
+    EXPECT_EQ(accumulate_wrapping(0x500000000, 0xFFFFFFFF, 0), 0x500000001u);
+    // Two wraps in a row, each by less than 2^32.
+    std::uint64_t total = 0;
+    std::uint32_t previous = 0;
+    for (const std::uint32_t reading : {0x80000000u, 0xFFFFFFFFu, 0x7FFFFFFFu, 0x10u}) {
+        total = accumulate_wrapping(total, previous, reading);
+        previous = reading;
+    }
+    EXPECT_EQ(total, 0x200000010u);
+}
+
 TEST(SocketTest, BindToAPortInUseFailsButKeepsTheDescriptor) {
     const std::uint16_t port = free_udp_port();
     Socket first;

@@ -179,9 +179,9 @@ TEST_F(WriterConfigurationTest, BooleansAreCaseSensitive) {
 }
 
 TEST_F(WriterConfigurationTest, RepairAndCleanupSafeguardsAreBooleans) {
-    EXPECT_TRUE(configuration->parse_args(
-        "media_write_repair=true,storage_cleanup_spare_open_legs=true,"
-        "storage_cleanup_remove_empty=true"));
+    EXPECT_TRUE(
+        configuration->parse_args("media_write_repair=true,storage_cleanup_spare_open_legs=true,"
+                                  "storage_cleanup_remove_empty=true"));
     EXPECT_TRUE(configuration->media_write_repair);
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
@@ -247,6 +247,36 @@ TEST_F(WriterConfigurationTest, ThresholdForms) {
     expect_refused("storage_cleanup_threshold", "10 GiB");
     expect_refused("storage_cleanup_threshold", "GB");
     expect_refused("storage_cleanup_threshold", "90%%");
+}
+
+// No used size ever compares as above such a threshold: the cleanup would never act.
+TEST_F(WriterConfigurationTest, ThresholdThatIsNotFiniteIsRefused) {
+    for (const char* text : {"nan", "NAN", "-nan", "nan%", "inf", "-inf", "infinity", "INF GB",
+                             "1e5000", "-1e5000", "1e4930T"}) {
+        expect_refused("storage_cleanup_threshold", text);
+    }
+}
+
+// A timer that wraps or is negative would make the cleanup's wait return at once, pass after pass.
+TEST_F(WriterConfigurationTest, TimerThatIsNegativeOrTooLongIsRefused) {
+    for (const char* key : {"storage_cleanup_timer", "receive_batch_delay"}) {
+        for (const char* text : {"-1", "-1s", "-0", "18446744073709551615", "18446744073709552ms",
+                                 "213503983d", "36501d"}) {
+            expect_refused(key, text);
+        }
+    }
+    EXPECT_TRUE(configuration->parse_args("storage_cleanup_timer=36500d"));
+    EXPECT_EQ(configuration->storage_cleanup_timer, 3153600000000000u);
+}
+
+TEST_F(WriterConfigurationTest, SocketBytesThatAreNotFiniteAreRefused) {
+    for (const char* key : {"receive_buffer_size", "receive_ring_size"}) {
+        for (const char* text : {"nan", "NaN K", "inf", "infinity", "1e5000"}) {
+            expect_refused(key, text);
+        }
+    }
+    EXPECT_EQ(configuration->receive_buffer_size, 0u);
+    EXPECT_EQ(configuration->receive_ring_size, 0u);
 }
 
 TEST_F(WriterConfigurationTest, ReceiveBatchIsOneTo1024AndItsDelayATimer) {
@@ -369,7 +399,11 @@ TEST(CleanupParsersTest, ThresholdKeepsThePlainNumberOnARefusedSuffix) {
     EXPECT_FALSE(try_parse_cleanup_threshold("", threshold));
     EXPECT_FALSE(try_parse_cleanup_threshold("%", threshold));
     EXPECT_FALSE(try_parse_cleanup_threshold("1e999999", threshold));
+    EXPECT_FALSE(try_parse_cleanup_threshold("nan", threshold));
+    EXPECT_FALSE(try_parse_cleanup_threshold("inf", threshold));
     EXPECT_EQ(threshold, 1.0L);
+    EXPECT_FALSE(try_parse_cleanup_threshold("1e4930T", threshold));
+    EXPECT_EQ(threshold, 1e4930L);
 }
 
 TEST(SocketBytesParserTest, TakesBytesAndTheSizeSuffixes) {

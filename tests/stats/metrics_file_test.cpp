@@ -8,9 +8,12 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "child_process.hpp"
+#include "core/statistic_counter.hpp"
 #include "log_capture.hpp"
 #include "temp_directory.hpp"
 
@@ -33,9 +36,25 @@ ReportSnapshot small_snapshot(std::uint64_t sessions, std::uint64_t lost) {
     return snapshot;
 }
 
+// Exported counters only grow, so none may wrap: every value the file shows is 64 bits wide.
+static_assert(std::is_same_v<decltype(ReportRow::value), std::uint64_t>);
+static_assert(std::is_same_v<decltype(ProcessMetrics::kernel_drops), std::uint64_t>);
+static_assert(std::is_same_v<decltype(std::declval<StatisticCounter>().load()), std::uint64_t>);
+
 std::string contents(const std::filesystem::path& path) {
     std::ifstream in(path);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST(MetricsFileTest, KernelDropsBeyond32BitsAreShownWhole) {
+    EXPECT_EQ(MetricsFile::render({}, {0x100000020, 0}),
+              "# HELP quillmarwriter_kernel_drops_total datagrams the system dropped because the "
+              "receive buffer was full\n"
+              "# TYPE quillmarwriter_kernel_drops_total counter\n"
+              "quillmarwriter_kernel_drops_total 4294967328\n"
+              "# HELP quillmarwriter_resident_memory_bytes resident memory of the recorder\n"
+              "# TYPE quillmarwriter_resident_memory_bytes gauge\n"
+              "quillmarwriter_resident_memory_bytes 0\n");
 }
 
 TEST(MetricsFileTest, RenderIsTheTextExpositionFormat) {

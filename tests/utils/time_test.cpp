@@ -50,9 +50,27 @@ TEST(TryParseTimerTest, ConversionOverflowFails) {
     expect_timer({"18446744073709551616s", false, UNTOUCHED});
 }
 
-TEST(TryParseTimerTest, ProductWrapsWithoutRangeCheck) {
+// strtoul would take "-1" as 2^64 - 1.
+TEST(TryParseTimerTest, NegativeTimerFailsAndLeavesOutAlone) {
+    expect_timer({"-1", false, UNTOUCHED});
+    expect_timer({"-1s", false, UNTOUCHED});
+    expect_timer({" -5m", false, UNTOUCHED});
+    expect_timer({"-0", false, UNTOUCHED});
+}
+
+TEST(TryParseTimerTest, ProductThatOverflowsFailsAndKeepsThePlainNumber) {
     // 2^64 / 1000 rounded up, times 1000, is 2^64 + 384.
-    expect_timer({"18446744073709552ms", true, 384});
+    expect_timer({"18446744073709552ms", false, 18446744073709552});
+    expect_timer({"213503983d", false, 213503983});
+}
+
+TEST(TryParseTimerTest, LongestTimerIs36500Days) {
+    expect_timer({"36500d", true, MAX_TIMER_US});
+    expect_timer({"876000h", true, MAX_TIMER_US});
+    expect_timer({"3153600000000000", true, 3153600000000000});
+    expect_timer({"36501d", false, 36501});
+    expect_timer({"3153600000000001", false, 3153600000000001});
+    expect_timer({"18446744073709551615", false, 18446744073709551615u});
 }
 
 }  // namespace

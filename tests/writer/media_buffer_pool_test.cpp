@@ -280,6 +280,51 @@ TEST_F(MediaBufferPoolTest, ElementsCounterFollowsEveryAcquireAndRelease) {
     EXPECT_EQ(pool.free_count(), 3u);
 }
 
+// The session thread's way back: the buffer is emptied, counted free and handed out again before
+// any buffer of the ring.
+TEST_F(MediaBufferPoolTest, GivenBackBufferIsFreeAndComesOutFirst) {
+    MediaBufferPool pool(3, 88, statistic);
+    MediaBuffer* a = pool.acquire();
+    MediaBuffer* b = pool.acquire();
+    ASSERT_NE(b, nullptr);
+    a->size = 30;
+
+    ASSERT_TRUE(pool.give_back(a));
+
+    EXPECT_EQ(a->size, 0u);
+    EXPECT_EQ(pool.free_count(), 2u);
+    EXPECT_THAT(counters(statistic), ElementsAre(2u, 0u, 0u));
+    ASSERT_TRUE(pool.release(b));
+    EXPECT_EQ(pool.free_count(), 3u);
+    EXPECT_THAT(counters(statistic), ElementsAre(3u, 0u, 0u));
+    EXPECT_EQ(pool.acquire(), a);
+    EXPECT_THAT(counters(statistic), ElementsAre(2u, 0u, 0u));
+    MediaBuffer* third = pool.acquire();
+    EXPECT_NE(third, a);
+    EXPECT_NE(third, b);
+    EXPECT_EQ(pool.acquire(), b);
+    EXPECT_EQ(pool.acquire(), nullptr);
+    EXPECT_THAT(counters(statistic), ElementsAre(0u, 1u, 0u));
+    EXPECT_THAT(capture.texts(log::Level::ERROR), IsEmpty());
+}
+
+// A buffer given back twice: the second time the pool holds all its buffers. The release errors
+// counter is the media writer thread's, so this is logged only.
+TEST_F(MediaBufferPoolTest, GivingBackIntoAFullPoolReturnsFalseAndLogs) {
+    MediaBufferPool pool(1, 88, statistic);
+    MediaBuffer* buffer = pool.acquire();
+    ASSERT_TRUE(pool.give_back(buffer));
+    capture.clear();
+
+    EXPECT_FALSE(pool.give_back(buffer));
+
+    EXPECT_EQ(pool.free_count(), 1u);
+    EXPECT_THAT(counters(statistic), ElementsAre(1u, 0u, 0u));
+    EXPECT_THAT(capture.texts(), ElementsAre(RELEASE_ERROR_TEXT));
+    EXPECT_EQ(pool.acquire(), buffer);
+    EXPECT_EQ(pool.acquire(), nullptr);
+}
+
 // The headers' counted references go with the pool: those of buffers in the free list, of a
 // buffer still out of it, and a stale one in a buffer filled anew. A session that somebody else
 // still holds only loses the pool's references.

@@ -127,5 +127,75 @@ TEST(MediaBufferPoolThreadTest, BuffersCycleBetweenTheAcquiringAndTheReleasingTh
     EXPECT_EQ(destroyed, 0);
 }
 
+// The same two threads, but the acquiring one gives every third buffer back itself instead of
+// handing it over, as the writing manager does with a buffer the media writer's queue refuses.
+// The stash is that thread's alone while the other keeps releasing into the ring: at the end
+// every buffer is home once, counted in both the pool's count and its statistic.
+TEST(MediaBufferPoolThreadTest, GivingBackOnOneThreadWhileTheOtherReleasesLosesNoBuffer) {
+    constexpr std::uint64_t COUNT = 8;
+    constexpr std::uint64_t ROUNDS = 300'000;
+    constexpr std::uint64_t HANDED = ROUNDS - ROUNDS / 3;
+    static_assert(ROUNDS % 3 == 0);
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+    MediaBufferPoolStatistic statistic;
+    MediaBufferPool pool(COUNT, 64, statistic);
+    DynamicQueue<MediaBuffer*, false> handed(COUNT);
+
+    // Written by the releasing thread only, read after the join.
+    std::uint64_t received = 0;
+    std::uint64_t wrong_contents = 0;
+    std::uint64_t refused = 0;
+    std::thread releaser([&] {
+        while (received < HANDED) {
+            MediaBuffer* buffer = nullptr;
+            if (!handed.try_pop(buffer)) {
+                if (Clock::now() > deadline) {
+                    return;
+                }
+                std::this_thread::yield();
+                continue;
+            }
+            std::uint64_t stamp = 0;
+            std::memcpy(&stamp, buffer->data, sizeof stamp);
+            wrong_contents += buffer->size == sizeof stamp && stamp % 3 != 0 ? 0 : 1;
+            refused += pool.release(buffer) ? 0 : 1;
+            ++received;
+        }
+    });
+
+    std::uint64_t empty_acquires = 0;
+    std::uint64_t given_back = 0;
+    std::uint64_t round = 0;
+    while (round < ROUNDS && Clock::now() < deadline) {
+        MediaBuffer* buffer = pool.acquire();
+        if (buffer == nullptr) {
+            ++empty_acquires;
+            std::this_thread::yield();
+            continue;
+        }
+        std::memcpy(buffer->data, &round, sizeof round);
+        buffer->size = sizeof round;
+        if (round % 3 == 0) {
+            given_back += pool.give_back(buffer) && buffer->size == 0 ? 1 : 0;
+        } else {
+            while (!handed.push(buffer) && Clock::now() < deadline) {
+                std::this_thread::yield();
+            }
+        }
+        ++round;
+    }
+    releaser.join();
+
+    ASSERT_EQ(round, ROUNDS) << "the acquiring side ran out of time";
+    ASSERT_EQ(received, HANDED) << "the releasing side ran out of time";
+    EXPECT_EQ(given_back, ROUNDS / 3);
+    EXPECT_EQ(wrong_contents, 0u);
+    EXPECT_EQ(refused, 0u);
+    EXPECT_EQ(pool.free_count(), COUNT);
+    EXPECT_EQ(statistic.buffer_pool_elements.load(), COUNT);
+    EXPECT_EQ(statistic.buffer_pool_acquire_errors.load(), empty_acquires);
+    EXPECT_EQ(statistic.buffer_pool_release_errors.load(), 0u);
+}
+
 }  // namespace
 }  // namespace qm::writer

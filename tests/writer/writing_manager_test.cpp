@@ -388,14 +388,15 @@ TEST_F(WritingManagerTest, EachFailedAcquireIsCountedAndLogged) {
 
 // The writer's queue holds as many buffers as the pool has, so it can only refuse one if the
 // accounting is broken; here the test fills it with empty elements to see what the manager does.
-TEST_F(WritingManagerTest, RefusedPushesKeepOrLoseTheBufferAndSayMagic) {
+TEST_F(WritingManagerTest, RefusedPushesKeepOrGiveBackTheBufferAndSayMagic) {
     build(2, 88, false);
     feed_start();
     ASSERT_TRUE(manager->writer().push(nullptr));
     ASSERT_TRUE(manager->writer().push(nullptr));
 
     feed(data(1, 0, 0, 600, 20));  // the header's buffer cannot go: the frame is lost
-    feed_terminate();              // nor can the last one: it is emptied and kept from the pool
+    feed_terminate();              // nor can the last one: it goes back to the pool
+    EXPECT_EQ(manager->pool().free_count(), 2u);
     ASSERT_EQ(manager->start(), 0);
     drain();
 
@@ -403,13 +404,78 @@ TEST_F(WritingManagerTest, RefusedPushesKeepOrLoseTheBufferAndSayMagic) {
                 ElementsAre("WRITING_MANAGER: " + UUID_TEXT +
                                 ": MAGIC! failed to enqueue buffer for a writing",
                             "WRITING_MANAGER: " + UUID_TEXT +
-                                ": MAGIC! failed to enqueue buffer for a term writing",
-                            "MEDIA_WRITER: Possible memory leak detected! All buffers must be "
-                            "inside the pool at this point"));
+                                ": MAGIC! failed to enqueue buffer for a term writing"));
+    // The buffer held the file header alone: no payload went with it.
     EXPECT_EQ(statistic.session_media_dropped_bytes.load(), 40u);
     EXPECT_EQ(writer_statistic.dropped_elements.load(), 2u);
-    EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 1u);
+    EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 2u);
     EXPECT_FALSE(std::filesystem::exists(storage()));
+}
+
+// A media part of 88 bytes takes the 48-byte header and frames of 6 and 2 samples (24 and 16
+// bytes) exactly, or the header and a frame of 10 samples (32 bytes). With the writer's queue
+// full, neither last buffer can go: both come back, and their frames' payload is what is lost.
+TEST_F(WritingManagerTest, FailedFinalPushesGiveTheBuffersBackAndDropTheirFrames) {
+    build(4, 88, false);
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(manager->writer().push(nullptr));
+    }
+    StartFields second;
+    second.header.id = 2;
+    second.header.uuid[15] = 0x01;
+    DataFields second_frame = data(1, 1, 0, 700, 10);
+    second_frame.header.id = 2;
+
+    feed_start();
+    feed(data(1, 0, 0, 600, 6));
+    feed(data(2, 0, 6, 620, 2));
+    feed_start(second);
+    feed(second_frame);
+    feed_terminate();  // the first leg ends
+    FakeClock::m_now += media::SessionManager::SESSION_TIMEOUT_US + 1'000'000;
+    ASSERT_TRUE(manager->audit());  // the second one times out
+
+    EXPECT_EQ(manager->pool().free_count(), 4u);
+    EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 4u);
+    EXPECT_EQ(pool_statistic.buffer_pool_acquire_errors.load(), 0u);
+    EXPECT_EQ(statistic.session_media_received_bytes.load(), 36u);
+    EXPECT_EQ(statistic.session_media_buffered_bytes.load(), 36u);
+    EXPECT_EQ(statistic.session_media_dropped_bytes.load(), 36u);
+    EXPECT_THAT(capture.texts(log::Level::ERROR),
+                ElementsAre("WRITING_MANAGER: " + UUID_TEXT +
+                                ": MAGIC! failed to enqueue buffer for a term writing",
+                            "WRITING_MANAGER: 00112233-4455-6677-8899-aabbccddee01: MAGIC! failed "
+                            "to enqueue buffer for a term writing"));
+    ASSERT_EQ(manager->start(), 0);
+    drain();
+    EXPECT_EQ(capture.texts(log::Level::ERROR).size(), 2u) << "no leak at the stop";
+    EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 4u);
+    EXPECT_EQ(pool_statistic.buffer_pool_release_errors.load(), 0u);
+    EXPECT_FALSE(std::filesystem::exists(storage()));
+}
+
+// A later buffer starts with a frame, not with the file header: all its bytes but the frame
+// headers are payload. The header's buffer was pushed and is written.
+TEST_F(WritingManagerTest, FailedFinalPushOfALaterBufferDropsAllItsFrames) {
+    build(4, 88, false);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(manager->writer().push(nullptr));
+    }
+
+    feed_start();
+    feed(data(1, 0, 0, 600, 20));   // the header's buffer fills the queue, the frame starts another
+    feed(data(2, 1, 20, 620, 10));  // 52 + 32 bytes: fits
+    feed_terminate();
+    EXPECT_EQ(manager->pool().free_count(), 3u);
+    ASSERT_EQ(manager->start(), 0);
+    drain();
+
+    EXPECT_EQ(statistic.session_media_dropped_bytes.load(), 60u);
+    EXPECT_THAT(capture.texts(log::Level::ERROR),
+                ElementsAre("WRITING_MANAGER: " + UUID_TEXT +
+                            ": MAGIC! failed to enqueue buffer for a term writing"));
+    EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 4u);
+    EXPECT_EQ(file(), media::encode_file_header(StartFields{}));
 }
 
 }  // namespace

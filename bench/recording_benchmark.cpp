@@ -53,7 +53,7 @@ void BM_OnSessionMedia(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
     state.counters["dropped_bytes"] =
         static_cast<double>(statistic.session_media_dropped_bytes.load());
-    manager.stop();
+    static_cast<void>(manager.stop());
 }
 
 void BM_MediaWriterAppend(benchmark::State& state) {

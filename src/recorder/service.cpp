@@ -98,9 +98,9 @@ bool Service::on_start() {
         recorded = record(socket, ring, *read_buffer, open_legs);
     }
     // Also when the socket could not be bound: no thread may log while the frame puts the
-    // logger away.
-    storage.stop();
-    stats::StatisticService::Instance.stop();
+    // logger away. A failed join is logged by the thread's owner; there is nothing else to do.
+    static_cast<void>(storage.stop());
+    static_cast<void>(stats::StatisticService::Instance.stop());
     ring.close();
     socket.close();
     return recorded;
@@ -183,7 +183,7 @@ bool Service::record(net::Socket& socket, net::PacketRing& ring,
         const std::size_t flushed = writing->flush_open_sessions();
         QM_LOG_SYSTEM("SERVICE: " << flushed << " open sessions handed to the writer at stop");
     }
-    writing->stop();
+    static_cast<void>(writing->stop());
     writing.reset();
     return started == 0;
 }

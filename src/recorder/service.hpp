@@ -29,7 +29,7 @@ protected:
     // start-up failed (no storage, storage not usable, socket not bound). Throws when the
     // configured log level is SYSTEM; nothing catches that, so the process aborts.
     // REQUIRES: the configuration is loaded (`do_start` succeeded).
-    bool on_start() override;
+    [[nodiscard]] bool on_start() override;
 
 private:
     // With `receive_ring_size` set, opens `ring` on the socket's port and makes the socket discard

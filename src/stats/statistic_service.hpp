@@ -55,7 +55,7 @@ public:
     void run() override;
     // Ends the thread at once, also in the middle of its wait, and logs how the join went.
     // Returns 0 at once when the thread is not running.
-    int stop() override;
+    [[nodiscard]] int stop() override;
 
     // From now on, every period compares the count of datagrams the system dropped for the
     // socket `fd` with the last one and logs a WARNING, naming `receive_buffer` (bytes granted),

@@ -67,10 +67,10 @@ public:
 
     // Starts the thread, unless the policy is "disabled": then nothing starts and the result is
     // 0. Otherwise the thread-creation result.
-    int start() override;
+    [[nodiscard]] int start() override;
     // Wakes the thread at once (not a pass in progress), joins it and logs how that went. Returns
     // 0 at once when the thread is not running.
-    int stop() override;
+    [[nodiscard]] int stop() override;
     // One pass every `timer()`, the first one period after the start.
     void run() override;
 

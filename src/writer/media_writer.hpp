@@ -60,7 +60,7 @@ public:
 
     // Returns 0 at once when the thread is not running; otherwise ends it after the queue is
     // drained, logs how the join went and checks that every buffer is back in the pool.
-    int stop() override;
+    [[nodiscard]] int stop() override;
 
     // A null buffer is a 1-second tick and ignored; any other is written when `write_media` is
     // set, and released to the pool in every case.

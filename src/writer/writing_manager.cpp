@@ -82,8 +82,9 @@ WritingManager::WritingManager(const RecordingSettings& settings,
              or_default(m_settings.media_buffer_size, DEFAULT_BUFFER_SIZE), pool_statistic),
       m_writer(m_settings, m_pool, writer_statistic) {}
 
+// A destructor has no one to report to; the writer's `stop` has logged how the join went.
 WritingManager::~WritingManager() {
-    m_writer.stop();
+    static_cast<void>(m_writer.stop());
 }
 
 int WritingManager::start() {

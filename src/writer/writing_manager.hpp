@@ -60,7 +60,7 @@ public:
 
     // Starts and stops the media writer's thread; the results are the thread's.
     [[nodiscard]] int start();
-    int stop();
+    [[nodiscard]] int stop();
 
     WritingManagerStatistic& statistic();
     const MediaBufferPool& pool() const { return m_pool; }

@@ -66,9 +66,8 @@ TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
 }
 
 TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
-    // The build compiles this file by its absolute path; the example sits two levels up.
     const std::string path =
-        (std::filesystem::path(__FILE__).parent_path() / "../../etc/quillmarwriter.conf").string();
+        (std::filesystem::path(QM_SOURCE_DIR) / "etc" / "quillmarwriter.conf").string();
     ASSERT_TRUE(configuration->parse_file(path));
     EXPECT_EQ(configuration->port, 5090);
     EXPECT_EQ(configuration->storage, "storage");

@@ -128,7 +128,7 @@ protected:
         ASSERT_EQ(manager->start(), 0);
         feed_start();
         feed_terminate();
-        manager->stop();
+        ASSERT_EQ(manager->stop(), 0);
         EXPECT_EQ(test::read_file(directory.path() / "storage" / LEG_PATH).size(), 48u);
         EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 2u);
         EXPECT_EQ(capture.texts(log::Level::ERROR).size(), 1u) << "no leak at the stop";

@@ -88,7 +88,7 @@ protected:
     }
 
     // Stops the media writer, which writes everything pushed so far.
-    void drain() { manager->stop(); }
+    void drain() { ASSERT_EQ(manager->stop(), 0); }
 
     std::filesystem::path storage() const { return directory.path() / "storage"; }
     Datagram file(const std::string& relative = LEG_PATH) const {

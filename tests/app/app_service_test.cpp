@@ -5,7 +5,6 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,7 +18,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "log/stdlog.hpp"
 #include "log/syslog.hpp"
@@ -486,31 +488,11 @@ protected:
     }
 };
 
-// The limit is lowered to the lowest free descriptor: every descriptor the process may have is
-// taken, so the doorbell's eventfd fails with EMFILE.
-void leave_no_descriptor() {
-    const int lowest_free = ::dup(STDERR_FILENO);
-    ::close(lowest_free);
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = static_cast<rlim_t>(lowest_free);
-    if (lowest_free < 0 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        std::_Exit(99);
-    }
-}
-
-TEST_F(ServiceStartFailureTest, DoorbellThatCannotBeCreatedEndsTheStartWithStatusOne) {
-    std::vector<std::string> expected = lines_before_signals();
-    expected.push_back(
-        "SERVICE: failed to create the signal doorbell; error [24]: Too many open files");
-    expected.push_back("TEST: on_logger_close");
-
-    EXPECT_EXIT(start_after(leave_no_descriptor), ::testing::ExitedWithCode(1), exactly(expected));
-}
-
-// A seccomp filter makes the kernel refuse rt_sigaction for SIGUSR1 with EPERM; nothing else is
-// refused. Nothing in user space can make sigaction fail for a valid signal and valid pointers.
-void refuse_sigaction_for_sigusr1() {
+// A seccomp filter makes the kernel refuse one system call with `error`, only for a first argument
+// equal to `first_argument` when one is given; nothing else is refused. Nothing in user space can
+// make these calls fail at the one place wanted: running out of descriptors for eventfd, say,
+// would also starve the sanitizers' runtime, which needs descriptors of its own.
+void refuse(std::uint32_t call, std::optional<std::uint32_t> first_argument, int error) {
     static_assert(std::endian::native == std::endian::little,
                   "the filter reads the low half of the first argument");
 #if defined(__x86_64__)
@@ -520,24 +502,47 @@ void refuse_sigaction_for_sigusr1() {
 #else
 #error "no seccomp architecture for this machine"
 #endif
-    sock_filter filter[] = {
+    const auto refusal = static_cast<std::uint32_t>(SECCOMP_RET_ERRNO | error);
+    std::vector<sock_filter> filter = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ARCH, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_rt_sigaction, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SIGUSR1, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
+    if (first_argument) {
+        filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 3));
+        filter.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])));
+        filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, *first_argument, 0, 1));
+    } else {
+        filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+    }
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, refusal));
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog program{};
-    program.len = static_cast<unsigned short>(std::size(filter));
-    program.filter = filter;
+    program.len = static_cast<unsigned short>(filter.size());
+    program.filter = filter.data();
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
         std::_Exit(99);
     }
+}
+
+// The doorbell's eventfd refused as when every descriptor the process may have is taken.
+void refuse_eventfd() {
+    refuse(__NR_eventfd2, std::nullopt, EMFILE);
+}
+
+TEST_F(ServiceStartFailureTest, DoorbellThatCannotBeCreatedEndsTheStartWithStatusOne) {
+    std::vector<std::string> expected = lines_before_signals();
+    expected.push_back(
+        "SERVICE: failed to create the signal doorbell; error [24]: Too many open files");
+    expected.push_back("TEST: on_logger_close");
+
+    EXPECT_EXIT(start_after(refuse_eventfd), ::testing::ExitedWithCode(1), exactly(expected));
+}
+
+void refuse_sigaction_for_sigusr1() {
+    refuse(__NR_rt_sigaction, SIGUSR1, EPERM);
 }
 
 // Handlers are installed in the order SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2: the

@@ -574,7 +574,8 @@ private:
 };
 
 // Without repair the files keep what the system took: B ends in a torn frame, C has no header.
-// Every byte sent is either written or counted as not taken, and each leg says so once.
+// Every byte sent is counted as written, what the system refused of it is counted beside, and
+// each leg says so once.
 TEST_F(FullDiskE2eTest, BytesTheSystemDidNotTakeAreCountedAndWarnedOncePerLeg) {
     ChildProcess& process = start_on_small_disk("media_write_repair = false\n");
 

@@ -114,7 +114,7 @@ TEST(ThreadTest, StartAndStopLinesNameTheComponentTheCallerAndTheOutcome) {
     EXPECT_EQ(QM_LOG_THREAD_STOPPED("PROBE", 0), 0);
     EXPECT_EQ(QM_LOG_THREAD_STOPPED("PROBE", 22), 22);
 
-    const auto place = [first](int offset) {
+    const auto place = [&](int offset) {
         return "| thread_test.cpp:" + std::to_string(first + offset) + " | PROBE: thread [";
     };
     EXPECT_EQ(capture.lines(), (std::vector<std::string>{

@@ -20,7 +20,7 @@
 
 namespace {
 
-using qm::writer::Configuration;
+using qm::recorder::Configuration;
 
 void check(bool condition) {
     if (!condition) {

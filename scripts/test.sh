@@ -19,9 +19,12 @@ config_fuzz_seconds=${QM_CONFIG_FUZZ_SECONDS:-30}
 media_fuzz_seconds=${QM_MEDIA_FUZZ_SECONDS:-30}
 
 # A compiler cache makes a second run on the same machine rebuild only what changed.
+# Paths are taken relative to the checkout and the build directory is left out of the hash, so
+# that any clone of the repository shares the cache.
 launcher=()
 if command -v ccache >/dev/null; then
     launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
 fi
 
 configure() {

@@ -15,8 +15,8 @@
 #include <string_view>
 
 #include "core/rc_ptr.hpp"
-#include "utils/str.hpp"
 #include "recorder/configuration.hpp"
+#include "utils/str.hpp"
 
 namespace {
 

@@ -12,7 +12,8 @@
 #   bench/throughput.sh ladder [BUFFER] [SECONDS] [RATES...]   default: 32M 10 25000 50000 ... 300000
 #   bench/throughput.sh soak [BUFFER] [SECONDS]                default: 32M 600 (100000/s, 1000 calls)
 #
-# Extra recorder settings ("key = value" lines) come from QM_BENCH_SETTINGS. Not run by the tests.
+# Extra recorder settings ("key = value" lines) come from QM_BENCH_SETTINGS, the receivers to run
+# (default all three) from QM_BENCH_RECEIVERS. Not run by the tests.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -69,6 +70,11 @@ udp_drops() {
     awk -v port="$(printf '%04X' "$port")" \
         'NR > 1 && substr($2, index($2, ":") + 1) == port { print $NF; found = 1 }
          END { if (!found) print 0 }' /proc/net/udp
+}
+
+# The host's UDP receive errors (`Udp: InErrors` of /proc/net/snmp).
+udp_in_errors() {
+    awk '$1 == "Udp:" && $2 ~ /^[0-9]/ { print $4 }' /proc/net/snmp
 }
 
 # Datagrams the system dropped before the recorder could take them, as the recorder itself
@@ -130,7 +136,8 @@ ${QM_BENCH_SETTINGS:-}
 CONF
 }
 
-# One receiver at one rate: prints "receiver rate sent taken drops cpu_us_per_datagram".
+# One receiver at one rate: prints "receiver rate sent taken drops cpu_us_per_datagram
+# udp_in_errors", the last being what the host's UDP error count grew by meanwhile.
 run_receiver() {
     local receiver=$1 rate=$2 seconds=$3
     local pid taken out="$work/$receiver.out"
@@ -162,15 +169,17 @@ run_receiver() {
         done
     fi
     sleep 1
-    local before drops_before
+    local before drops_before errors_before
     before=$(cpu_us "$pid")
     drops_before=$(udp_drops)
+    errors_before=$(udp_in_errors)
     send_traffic "$rate" "$seconds" >"$work/send.out"
     # tcpdump hands over its ring in blocks, a partial one only when its timeout (1 s) retires it.
     if [ "$receiver" = tcpdump ]; then sleep 2; else wait_drained; sleep 0.5; fi
-    local after drops
+    local after drops errors
     after=$(cpu_us "$pid")
     drops=$(( $(udp_drops) - drops_before ))
+    errors=$(( $(udp_in_errors) - errors_before ))
     if [ "$receiver" = recorder ]; then
         wait_report "$out"
         drops=$(recorder_drops "$out")
@@ -188,7 +197,7 @@ run_receiver() {
     local sent
     sent=$(sent_count "$work/send.out")
     echo "$receiver $rate $sent $taken $drops $(awk -v a="$before" -v b="$after" -v n="$taken" \
-        'BEGIN { printf "%.2f", (n > 0 ? (b - a) / n : 0) }')"
+        'BEGIN { printf "%.2f", (n > 0 ? (b - a) / n : 0) }') $errors"
 }
 
 # Datagrams the recorder kept: every frame in its files (`quillmar inspect`), plus the start and
@@ -209,12 +218,12 @@ ladder() {
     [ ${#rates[@]} -eq 0 ] && rates=(25000 50000 100000 150000 200000 250000 300000)
     echo "# $(nproc) cores, $(sed -n 's/^model name.*: //p' /proc/cpuinfo | head -1)," \
          "receive buffer $buffer, $seconds s per rate, settings: ${QM_BENCH_SETTINGS:-none}"
-    printf '%-10s %8s %9s %9s %7s %8s\n' receiver rate sent taken drops cpu_us
+    printf '%-10s %8s %9s %9s %7s %8s %10s\n' receiver rate sent taken drops cpu_us udp_errors
     : >"$work/results"
     for rate in "${rates[@]}"; do
-        for receiver in recv_loop tcpdump recorder; do
+        for receiver in ${QM_BENCH_RECEIVERS:-recv_loop tcpdump recorder}; do
             run_receiver "$receiver" "$rate" "$seconds" | tee -a "$work/results" |
-                awk '{ printf "%-10s %8s %9s %9s %7s %8s\n", $1, $2, $3, $4, $5, $6 }'
+                awk '{ printf "%-10s %8s %9s %9s %7s %8s %10s\n", $1, $2, $3, $4, $5, $6, $7 }'
         done
     done
     summary "$work/results"

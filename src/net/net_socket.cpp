@@ -1,7 +1,6 @@
 #include "net/net_socket.hpp"
 
 #include <arpa/inet.h>
-#include <linux/filter.h>
 #include <linux/sock_diag.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -134,8 +133,17 @@ std::int64_t Socket::read(void* buffer, std::uint64_t capacity) {
 }
 
 std::size_t Socket::read_batch(ReceiveBatch& batch) {
+    return receive_batch(batch, 0);
+}
+
+std::size_t Socket::drain(ReceiveBatch& batch) {
+    // MSG_TRUNC: the lengths are the datagrams' own, not the empty slots'.
+    return receive_batch(batch, MSG_TRUNC);
+}
+
+std::size_t Socket::receive_batch(ReceiveBatch& batch, int flags) {
     const int count = ::recvmmsg(m_fd, batch.headers(), static_cast<unsigned>(batch.capacity()),
-                                 MSG_DONTWAIT, nullptr);
+                                 MSG_DONTWAIT | flags, nullptr);
     if (count >= 0) {
         return static_cast<std::size_t>(count);
     }
@@ -165,11 +173,15 @@ void Socket::fail_read(int error_code) {
     std::_Exit(-1);
 }
 
-Socket::Wake wait_readable(int fd, int doorbell, int& error) {
+Socket::Wake wait_readable(int fd, int doorbell, int& error, int timeout_ms) {
     error = 0;
     pollfd watched[] = {{fd, POLLIN, 0}, {doorbell, POLLIN, 0}};
     const nfds_t count = doorbell >= 0 ? 2 : 1;
-    if (::poll(watched, count, -1) < 0) {
+    const int ready = ::poll(watched, count, timeout_ms);
+    if (ready == 0) {
+        return Socket::Wake::DATAGRAM;
+    }
+    if (ready < 0) {
         if (errno == EINTR) {
             return Socket::Wake::DOORBELL;
         }
@@ -224,17 +236,6 @@ void Socket::close() {
     ::shutdown(m_fd, SHUT_RDWR);
     ::close(m_fd);
     m_fd = -1;
-}
-
-bool Socket::discard_all() {
-    sock_filter take_nothing[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
-    const sock_fprog program = {1, take_nothing};
-    if (::setsockopt(m_fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0) {
-        const SystemError error{errno};
-        QM_LOG_ERROR("SOCKET[" << m_fd << "]: failed to attach a filter, " << error);
-        return false;
-    }
-    return true;
 }
 
 std::uint16_t Socket::local_port() const {

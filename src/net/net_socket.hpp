@@ -92,10 +92,11 @@ public:
     // Returns false at the first error; bytes already sent are not taken back.
     [[nodiscard]] bool send(const sockaddr_in& to, const void* data, std::uint64_t length);
 
-    // Makes the system discard every datagram that arrives for the socket from now on, before it
-    // is queued (a filter that takes nothing): the socket then only holds the port, while a
-    // packet ring receives its traffic. False, with an ERROR, when the filter cannot be attached.
-    [[nodiscard]] bool discard_all();
+    // Takes, without blocking, as many waiting datagrams as `batch` has slots for, with one call,
+    // and throws their payloads away: for a socket that only holds the port while a packet ring
+    // receives its traffic. Each datagram's full length and source are still in `batch` (its
+    // slots may be empty). Returns how many, as `read_batch` does.
+    std::size_t drain(ReceiveBatch& batch);
 
     // The port the socket is bound to, in host order; 0 when unknown.
     std::uint16_t local_port() const;
@@ -110,6 +111,9 @@ private:
     // Logs the read error and ends the process.
     [[noreturn]] void fail_read(int error_code);
 
+    // `read_batch` and `drain`: one recvmmsg with `flags` besides MSG_DONTWAIT.
+    std::size_t receive_batch(ReceiveBatch& batch, int flags);
+
     // The system's figure for the receive buffer; 0 when it cannot be read.
     std::uint64_t receive_buffer() const;
 
@@ -118,8 +122,9 @@ private:
 
 // Blocks until `fd` is readable (DATAGRAM) or `doorbell` is, or a signal interrupts the wait
 // (DOORBELL); `fd` wins when both are ready. A failing poll sets `error` to its errno (0 otherwise)
-// and is reported as DATAGRAM. `doorbell` -1 waits for `fd` alone.
-Socket::Wake wait_readable(int fd, int doorbell, int& error);
+// and is reported as DATAGRAM. `doorbell` -1 waits for `fd` alone. With `timeout_ms` >= 0 the wait
+// also ends after that long, reported as DATAGRAM.
+Socket::Wake wait_readable(int fd, int doorbell, int& error, int timeout_ms = -1);
 
 // Datagrams the system discarded for the socket `fd` since it was created, because its receive
 // buffer was full; nothing when the count cannot be read. Any thread.

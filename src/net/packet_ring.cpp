@@ -182,7 +182,7 @@ bool PacketRing::attach_filter(std::uint16_t port) {
 
 Socket::Wake PacketRing::wait(int doorbell) {
     int failure = 0;
-    const Socket::Wake wake = wait_readable(m_fd, doorbell, failure);
+    const Socket::Wake wake = wait_readable(m_fd, doorbell, failure, WAIT_TIMEOUT_MS);
     if (failure != 0) {
         const SystemError error{failure};
         QM_LOG_ERROR("PACKET_RING[" << m_fd << "]: failed to wait for a block, " << error);

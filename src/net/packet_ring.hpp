@@ -6,7 +6,9 @@
 // the receive path itself, and hands a block over when it is full or some milliseconds old; the
 // receiving thread then walks the block in place and gives it back, one system call per block
 // instead of one per datagram. The UDP socket stays bound to the port (so that senders get no
-// "port unreachable") but discards what it receives.
+// "port unreachable") and receives its copy too, which the receiving thread drains in large
+// batches without copying the payloads: a socket that refused its copies instead (a filter that
+// takes nothing) would have the system count every datagram as a UDP receive error.
 //
 // What the ring sees has not been through the system's IP and UDP checks, so every packet is
 // checked again here: an IPv4 header whose checksum holds, UDP, no fragment, consistent lengths,
@@ -71,7 +73,13 @@ public:
     template <typename Consume>
     [[nodiscard]] bool read_block(Consume&& consume);
 
-    // Blocks until a block is handed over or `doorbell` is readable or a signal arrives.
+    // Datagrams the ring does not take (from a refused source, or in fragments) wake nobody: a
+    // wait ends after this long at the latest, so that the socket beside the ring is drained of
+    // them.
+    static constexpr int WAIT_TIMEOUT_MS = 100;
+
+    // Blocks until a block is handed over or `doorbell` is readable or a signal arrives (DOORBELL),
+    // or for WAIT_TIMEOUT_MS.
     Socket::Wake wait(int doorbell);
 
     // Logs, at INFO, that a signal cut a wait short.

@@ -71,14 +71,27 @@ void receive_batches_until_stopped(SocketT& socket, net::ReceiveBatch& batch,
     }
 }
 
+// Takes every datagram waiting in `socket` and throws it away, `batch` at a time.
+template <typename SocketT>
+void drain_socket(SocketT& socket, net::ReceiveBatch& batch) {
+    while (socket.drain(batch) == batch.capacity()) {
+    }
+}
+
 // The ring's loop: every turn hands the datagrams of each block the system has handed over to
-// `consume` and calls `flush()` once per block; when no block waits it waits for one or for the
-// doorbell, as the loops above wait for a datagram.
-template <typename RingT, typename Consume, typename Flush>
-void receive_blocks_until_stopped(RingT& ring, Consume&& consume, Flush&& flush) {
+// `consume`, calls `flush()` once per block and drains the copies that `socket`, bound to the same
+// port, received meanwhile; when no block waits it waits for one or for the doorbell, as the loops
+// above wait for a datagram.
+template <typename RingT, typename SocketT, typename Consume, typename Flush>
+void receive_blocks_until_stopped(RingT& ring, SocketT& socket, net::ReceiveBatch& drain,
+                                  Consume&& consume, Flush&& flush) {
     while (!app::ServiceBase::stop_requested()) {
-        if (ring.read_block(consume)) {
+        const bool handed_over = ring.read_block(consume);
+        if (handed_over) {
             flush();
+        }
+        drain_socket(socket, drain);
+        if (handed_over) {
             continue;
         }
         const bool interrupted =

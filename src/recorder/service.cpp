@@ -22,6 +22,8 @@ namespace qm::recorder {
 namespace {
 
 constexpr mode_t STORAGE_MODE = 0755;
+// Datagrams drained from the socket beside a packet ring per call: a block's worth and more.
+constexpr std::size_t DRAIN_BATCH = 1024;
 
 // Hands the report its settings and starts its thread; a report thread that cannot start
 // leaves the recorder running without reports.
@@ -107,16 +109,13 @@ bool Service::on_start() {
 }
 
 void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring) {
+    // With a ring the socket's buffer still holds its copies between two drains.
+    const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
     if (configuration->receive_ring_size > 0 &&
         ring.open(socket.local_port(), configuration->receive_ring_size)) {
-        if (socket.discard_all()) {
-            stats::StatisticService::Instance.watch_ring_drops(ring);
-            return;
-        }
-        // A socket that kept its datagrams as well would overflow and drop them all.
-        ring.close();
+        stats::StatisticService::Instance.watch_ring_drops(ring);
+        return;
     }
-    const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
     stats::StatisticService::Instance.watch_kernel_drops(socket.fd(), granted);
 }
 
@@ -128,7 +127,8 @@ void Service::receive(net::Socket& socket, net::PacketRing& ring,
     };
     const auto wake_reader = [&reader] { reader.wake_reader(); };
     if (ring.fd() != -1) {
-        receive_blocks_until_stopped(ring, consume_quietly, wake_reader);
+        net::ReceiveBatch drain(DRAIN_BATCH, 0);
+        receive_blocks_until_stopped(ring, socket, drain, consume_quietly, wake_reader);
     } else if (configuration->receive_batch <= 1) {
         receive_until_stopped(socket, read_buffer,
                               [&reader](const std::uint8_t* data, std::uint64_t length) {

@@ -110,15 +110,24 @@ TEST_F(LoopbackTest, LocalPortIsTheBoundOne) {
     EXPECT_EQ(m_receiver.local_port(), m_port);
 }
 
-// A socket that only holds its port: what arrives is dropped before it is queued, and counted.
-TEST_F(LoopbackTest, DiscardAllLeavesNothingToReadAndCountsTheDrops) {
-    ASSERT_TRUE(m_receiver.discard_all());
+// A socket that only holds its port: the drain takes what waits, payloads unread, and tells each
+// datagram's length and sender.
+TEST_F(LoopbackTest, DrainTakesTheWaitingDatagramsWithTheirLengthsAndSenders) {
     send({1, 2, 3});
-    send({4});
+    send(pattern(1376));
+    ReceiveBatch drained(4, 0);
     ReceiveBatch batch(4);
 
+    ASSERT_EQ(m_receiver.drain(drained), 2u);
+    EXPECT_EQ(drained.length(0), 3u);
+    EXPECT_EQ(drained.length(1), 1376u);
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(ntohl(drained.source(i).sin_addr.s_addr), INADDR_LOOPBACK);
+        EXPECT_EQ(ntohs(drained.source(i).sin_port), m_sender.local_port());
+    }
     EXPECT_EQ(m_receiver.read_batch(batch), 0u);
-    EXPECT_EQ(kernel_drops(m_receiver.fd()), 2u);
+    EXPECT_EQ(m_receiver.drain(drained), 0u);
+    EXPECT_EQ(kernel_drops(m_receiver.fd()), 0u);
 }
 
 TEST_F(LoopbackTest, LongerDatagramIsCutToTheCapacity) {

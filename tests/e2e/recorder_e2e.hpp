@@ -160,6 +160,29 @@ inline std::optional<UdpQueue> udp_queue(std::uint16_t port) {
     return std::nullopt;
 }
 
+// The count `name` (InErrors, RcvbufErrors, ...) of the "Udp:" lines in /proc/net/snmp, for the
+// network namespace of the calling process; nothing when it is not there.
+inline std::optional<std::uint64_t> udp_counter(const std::string& name) {
+    std::ifstream table("/proc/net/snmp");
+    std::string titles;
+    std::string values;
+    while (std::getline(table, titles) && std::getline(table, values)) {
+        if (titles.rfind("Udp: ", 0) != 0) {
+            continue;
+        }
+        std::istringstream title_fields(titles);
+        std::istringstream value_fields(values);
+        std::string title;
+        std::string value;
+        while (title_fields >> title && value_fields >> value) {
+            if (title == name) {
+                return std::stoull(value);
+            }
+        }
+    }
+    return std::nullopt;
+}
+
 class RecorderE2eTest : public ::testing::Test {
 protected:
     // Starts the binary with its output in a directory of its own under the test's directory.
@@ -253,7 +276,7 @@ protected:
     TempDirectory directory;
     std::uint16_t port = 0;
 
-private:
+    // Starts `binary` with its output in a directory of its own under the test's directory.
     ChildProcess& start_program(const std::string& binary, std::vector<std::string> args,
                                 const std::string& working_directory,
                                 std::vector<std::string> environment = {}) {
@@ -268,6 +291,7 @@ private:
         return *m_processes.back();
     }
 
+private:
     std::vector<std::unique_ptr<ChildProcess>> m_processes;
 };
 

@@ -13,7 +13,7 @@ namespace qm::media {
 
 PacketReader::PacketReader(PacketReaderStatistic* statistic, PacketReaderListener& listener)
     : Base(statistic), m_listener(&listener) {
-    set_name("qm-packets");
+    set_name("qm-reader");
 }
 
 PacketReader::~PacketReader() {

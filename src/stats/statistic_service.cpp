@@ -63,7 +63,7 @@ std::string bytes_to_string(std::uint64_t bytes) {
 }
 
 StatisticService::StatisticService() {
-    set_name("qm-report");
+    set_name("qm-statistic");
     transfer_address.sin_family = AF_INET;
     transfer_address.sin_port = 0;
     transfer_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -294,7 +294,7 @@ std::string relative_to_root(const std::string& path, std::size_t depth) {
 StorageManager::StorageManager(std::string storage, const CleanupSettings& settings,
                                const writer::OpenLegs* open_legs, FileSystem& files)
     : m_storage(std::move(storage)), m_settings(settings), m_open_legs(open_legs), m_files(files) {
-    set_name("qm-cleanup");
+    set_name("qm-storage");
 }
 
 // A destructor has no one to report to; `stop` has logged how the join went.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <regex>
@@ -155,6 +156,23 @@ TEST_F(RecorderE2eTest, TermWhileIdleStopsAtOnceWithZero) {
         line_pattern("INFO   ", "net_socket\\.cpp", R"(SOCKET\[\d+\]: system interrupted call)")));
     // The missing storage directory was created.
     EXPECT_TRUE(std::filesystem::is_directory(storage()));
+}
+
+// `ps -L` names every thread of a running recorder: the main thread keeps the program's name (so
+// that pidof, pkill and the like still find it), each worker has its own.
+TEST_F(RecorderE2eTest, PsListsTheThreadsByName) {
+    ChildProcess& recorder = start_recorder();
+    ChildProcess& ps = start_program(
+        "/usr/bin/ps", {"-L", "-o", "comm=", "-p", std::to_string(recorder.pid())}, {});
+    const ExitStatus listed = finish(ps);
+    const ExitStatus stopped = stop(recorder);
+
+    EXPECT_TRUE(listed.exited_with(0)) << ps.standard_error();
+    std::vector<std::string> names = split_lines(ps.standard_output());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"qm-reader", "qm-statistic", "qm-storage",
+                                               "qm-writer", "quillmarwriter"}));
+    EXPECT_TRUE(stopped.exited_with(0)) << stopped.describe();
 }
 
 class StopSignalE2eTest : public RecorderE2eTest, public ::testing::WithParamInterface<int> {};

@@ -112,11 +112,39 @@ bool try_parse_socket_bytes(const std::string& text, std::uint64_t& out) {
     return true;
 }
 
+bool try_parse_mode_mask(const std::string& text, mode_t& out) {
+    constexpr mode_t LARGEST = 0777;
+    if (text.empty()) {
+        return false;
+    }
+    mode_t mask = 0;
+    for (const char digit : text) {
+        // Checked digit by digit, so that a long run of digits never overflows.
+        if (digit < '0' || digit > '7') {
+            return false;
+        }
+        mask = mask * 8 + static_cast<mode_t>(digit - '0');
+        if (mask > LARGEST) {
+            return false;
+        }
+    }
+    out = mask;
+    return true;
+}
+
 int Configuration::set_value(const std::string& key, const std::string& value,
                              std::ostringstream& detail) {
     if (key == "storage") {
         storage = value;
         return APPLIED;
+    }
+    if (key == "storage_mode_mask") {
+        mode_t mask = 0;
+        const bool parsed = try_parse_mode_mask(value, mask);
+        if (parsed) {
+            storage_mode_mask = mask;
+        }
+        return to_status(parsed);
     }
     if (key == "storage_cleanup_algo") {
         return to_status(try_parse_cleanup_algo(value, storage_cleanup_algo));

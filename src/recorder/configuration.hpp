@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -37,6 +39,10 @@ bool try_parse_cleanup_threshold(const std::string& text, long double& out);
 // `try_parse_cleanup_threshold` ("32M", "1.5K", "65536"), no percentage, at most 2147483647
 // (the system takes an int). Leaves `out` alone when refused.
 bool try_parse_socket_bytes(const std::string& text, std::uint64_t& out);
+
+// Permission bits in octal: one or more digits 0 to 7 worth at most 0777 ("027", "0027", "077"),
+// nothing else, not even a sign or white space. Leaves `out` alone when refused.
+bool try_parse_mode_mask(const std::string& text, mode_t& out);
 
 // The recording pipeline's and the cleanup's settings are bases of their own, so that each of
 // those subsystems is handed what it needs without knowing the recorder's configuration.

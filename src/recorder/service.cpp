@@ -1,6 +1,7 @@
 #include "recorder/service.hpp"
 
 #include <netinet/in.h>
+#include <sys/stat.h>
 
 #include <memory>
 #include <new>
@@ -21,9 +22,19 @@
 namespace qm::recorder {
 namespace {
 
-constexpr mode_t STORAGE_MODE = 0755;
 // Datagrams drained from the socket beside a packet ring per call: a block's worth and more.
 constexpr std::size_t DRAIN_BATCH = 1024;
+
+// The mask becomes the process's umask instead of a mode handed to each mkdir and open: one call
+// covers every directory and file the recorder creates from here on, on any thread, with no chmod
+// after each creation. It runs after daemon mode's umask(0) (the configuration is loaded after the
+// fork), so the mask wins there too, and before any thread starts. Unset, the umask the process
+// has stays, as it always did. The metrics file, created later as well, follows the mask too.
+void apply_storage_mode_mask(const Configuration& configuration) {
+    if (configuration.storage_mode_mask) {
+        ::umask(*configuration.storage_mode_mask);
+    }
+}
 
 // Hands the report its settings and starts its thread; a report thread that cannot start
 // leaves the recorder running without reports.
@@ -67,7 +78,9 @@ bool Service::on_start() {
         QM_LOG_ERROR("SERVICE: storage path must be specified");
         return false;
     }
-    if (!utils::path::check_or_create_directory(configuration->storage, false, STORAGE_MODE,
+    apply_storage_mode_mask(*configuration);
+    if (!utils::path::check_or_create_directory(configuration->storage, false,
+                                                configuration->directory_mode(),
                                                 utils::path::create_policy::OPTIMISTIC)) {
         QM_LOG_ERROR("SERVICE: storage path is not a directory or failed to create");
         return false;

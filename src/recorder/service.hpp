@@ -27,7 +27,8 @@ protected:
     void on_pre_start() override;
     // Runs the recorder until SIGINT, SIGQUIT or SIGTERM: true after an orderly stop, false when
     // start-up failed (no storage, storage not usable, socket not bound). Throws when the
-    // configured log level is SYSTEM; nothing catches that, so the process aborts.
+    // configured log level is SYSTEM; nothing catches that, so the process aborts. With
+    // `storage_mode_mask` set, that mask is the process's umask from here on.
     // REQUIRES: the configuration is loaded (`do_start` succeeded).
     [[nodiscard]] bool on_start() override;
 

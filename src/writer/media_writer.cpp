@@ -14,7 +14,6 @@
 namespace qm::writer {
 namespace {
 
-constexpr mode_t DIRECTORY_MODE = 0755;
 // As an output file stream creates files: the process's umask takes its bits off.
 constexpr mode_t FILE_MODE = 0666;
 
@@ -108,7 +107,8 @@ bool MediaWriter::prepare_directory(WritingSession& session) {
     if (session.directory_ready) {
         return true;
     }
-    if (!utils::path::check_or_create_directory(session.file_path, true, DIRECTORY_MODE)) {
+    if (!utils::path::check_or_create_directory(session.file_path, true,
+                                                m_settings.directory_mode())) {
         ++statistic().directory_check_or_create_errors;
         if ((session.reported_errors & WritingSession::REPORTED_DIRECTORY) == 0) {
             QM_LOG_ERROR("MEDIA_WRITER: directory check or creation failed: " << session.file_path);

@@ -211,6 +211,12 @@ grep -qx 'ExecStart=/usr/sbin/quillmarwriter --config /etc/varnholt/quillmar/wri
 grep -qx 'ExecStart=/usr/sbin/quillmarwriter --config /etc/varnholt/quillmar/writer-%i.conf' \
     "$root/lib/systemd/system/quillmarwriter@.service" ||
     fail "quillmarwriter@.service does not start the packaged binary on writer-%i.conf"
+# Recordings are personal data: what the recorder creates, and its storage, are closed to others.
+for unit in quillmarwriter.service quillmarwriter@.service; do
+    for line in UMask=0027 StateDirectoryMode=0750; do
+        grep -qx "$line" "$root/lib/systemd/system/$unit" || fail "$unit lacks the line $line"
+    done
+done
 
 # --- the man pages -------------------------------------------------------------------------------
 for page in man8/quillmarwriter.8 man1/quillmar.1; do

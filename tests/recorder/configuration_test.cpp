@@ -1,8 +1,10 @@
 #include "recorder/configuration.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <filesystem>
+#include <optional>
 
 #include "core/rc_ptr.hpp"
 #include "log_capture.hpp"
@@ -54,6 +56,8 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->receive_ring_size, 0u);
     EXPECT_FALSE(configuration->flush_open_sessions_on_stop);
     EXPECT_EQ(configuration->metrics_file, "");
+    EXPECT_FALSE(configuration->storage_mode_mask.has_value());
+    EXPECT_EQ(configuration->directory_mode(), 0755u);
 }
 
 TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
@@ -81,6 +85,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
     EXPECT_EQ(configuration->metrics_file, "");
+    EXPECT_EQ(configuration->storage_mode_mask, std::optional<mode_t>(027));
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_TRUE(capture.texts(Level::ERROR).empty());
 }
@@ -306,6 +311,34 @@ TEST_F(WriterConfigurationTest, RingSizeTakesBytesWithSuffixes) {
     EXPECT_EQ(configuration->receive_ring_size, 0u);
 }
 
+TEST_F(WriterConfigurationTest, StorageModeMaskIsOctalUpTo0777) {
+    const std::pair<const char*, mode_t> accepted[] = {
+        {"027", 027},  {"0027", 027},  {"077", 077},     {"0", 0},
+        {"777", 0777}, {"0777", 0777}, {"00000022", 022}};
+    for (const auto& [text, mask] : accepted) {
+        capture.clear();
+        EXPECT_TRUE(configuration->parse_option("storage_mode_mask", text)) << text;
+        EXPECT_EQ(configuration->storage_mode_mask, std::optional<mode_t>(mask)) << text;
+        EXPECT_EQ(
+            capture.count(std::string("CONFIGURATION: option [storage_mode_mask] is set to [") +
+                          text + "]"),
+            1u);
+    }
+    EXPECT_EQ(configuration->directory_mode(), 0777u);
+    for (const char* text : {"8", "0028", "1000", "01000", "0x1f", "0o27", "-27", "+27", "27a",
+                             "2 7", "rwxr-x---", "77777777777777777777777"}) {
+        expect_refused("storage_mode_mask", text);
+    }
+    EXPECT_EQ(configuration->storage_mode_mask, std::optional<mode_t>(022));
+}
+
+TEST_F(WriterConfigurationTest, StorageModeMaskFromTheFileWithBlanksAroundTheValue) {
+    const std::string path = directory.write_file("mask.conf", "storage_mode_mask =  027  \n");
+    ASSERT_TRUE(configuration->parse_file(path));
+    EXPECT_EQ(configuration->storage_mode_mask, std::optional<mode_t>(027));
+    EXPECT_EQ(capture.count("CONFIGURATION: option [storage_mode_mask] is set to [027]"), 1u);
+}
+
 TEST_F(WriterConfigurationTest, TimerForms) {
     EXPECT_TRUE(configuration->parse_args("storage_cleanup_timer=30s"));
     EXPECT_EQ(configuration->storage_cleanup_timer, 30000000u);
@@ -425,6 +458,14 @@ TEST(SocketBytesParserTest, RefusesSignsPercentagesAndWhatTheSystemCannotTake) {
         std::uint64_t bytes = 7;
         EXPECT_FALSE(try_parse_socket_bytes(text, bytes)) << text;
         EXPECT_EQ(bytes, 7u) << text;
+    }
+}
+
+TEST(ModeMaskParserTest, LeavesOutAloneWhenRefused) {
+    for (const char* text : {"", " 027", "027 ", "9", "01000", "0777x"}) {
+        mode_t mask = 0123;
+        EXPECT_FALSE(try_parse_mode_mask(text, mask)) << text;
+        EXPECT_EQ(mask, 0123u) << text;
     }
 }
 

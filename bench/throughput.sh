@@ -23,7 +23,7 @@ buffer=${2:-32M}
 port=${QM_BENCH_PORT:-5190}
 build=${QM_BENCH_BUILD:-build}
 work=$(mktemp -d /tmp/qm_bench_XXXXXX)
-trap 'kill $(jobs -p) 2>/dev/null || true; unmount_storage; rm -rf "$work"' EXIT
+trap 'kill $(jobs -p) 2>/dev/null || true; nft_drop off; unmount_storage; rm -rf "$work"' EXIT
 
 # The recorder writes to a fresh ext4 file system on a loop device for every run: a volume that
 # has seen many files created and deleted makes each new file cost far more (the allocator
@@ -48,9 +48,12 @@ unmount_storage() {
 
 setup() {
     ./scripts/install-deps.sh
-    if ! command -v tcpdump >/dev/null; then
-        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends tcpdump
-    fi
+    for tool in tcpdump nft; do
+        if ! command -v "$tool" >/dev/null; then
+            DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+                "$([ "$tool" = nft ] && echo nftables || echo "$tool")"
+        fi
+    done
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none >/dev/null
     cmake --build "$build" --target quillmarwriter quillmar recv_loop >/dev/null
 }
@@ -70,6 +73,31 @@ udp_drops() {
     awk -v port="$(printf '%04X' "$port")" \
         'NR > 1 && substr($2, index($2, ":") + 1) == port { print $NF; found = 1 }
          END { if (!found) print 0 }' /proc/net/udp
+}
+
+# CPU time of the whole host (every core, user, system and interrupt handling), in microseconds:
+# what the system spends on a datagram in its receive path is charged to whoever runs then.
+host_cpu_us() {
+    awk -v tck="$(getconf CLK_TCK)" \
+        '$1 == "cpu" { print ($2 + $3 + $4 + $7 + $8) * 1000000 / tck }' /proc/stat
+}
+
+# With QM_BENCH_NFT_DROP=1 the recorder's runs have an nftables rule that drops the datagrams to
+# the port before UDP (netfilter's prerouting hook, before connection tracking): the packet ring
+# still takes its copy, the socket beside it gets none.
+nft_drop() {
+    [ "${QM_BENCH_NFT_DROP:-0}" = 1 ] || return 0
+    case $1 in
+        on) nft -f - <<NFT ;;
+table ip qm_bench {
+    chain prerouting {
+        type filter hook prerouting priority raw; policy accept;
+        udp dport $port drop
+    }
+}
+NFT
+        off) nft delete table ip qm_bench 2>/dev/null || true ;;
+    esac
 }
 
 # The host's UDP receive errors (`Udp: InErrors` of /proc/net/snmp).
@@ -137,7 +165,8 @@ CONF
 }
 
 # One receiver at one rate: prints "receiver rate sent taken drops cpu_us_per_datagram
-# udp_in_errors", the last being what the host's UDP error count grew by meanwhile.
+# udp_in_errors host_cpu_us_per_datagram", udp_in_errors being what the host's UDP error count grew
+# by meanwhile, the last the whole host's CPU (sender included) per datagram sent.
 run_receiver() {
     local receiver=$1 rate=$2 seconds=$3
     local pid taken out="$work/$receiver.out"
@@ -157,6 +186,7 @@ run_receiver() {
         recorder)
             fresh_storage
             write_config "$work/storage"
+            nft_drop on
             "$build/quillmarwriter" --config "$work/writer.conf" 2>"$out" &
             pid=$!
             ;;
@@ -169,15 +199,17 @@ run_receiver() {
         done
     fi
     sleep 1
-    local before drops_before errors_before
+    local before drops_before errors_before host_before
+    host_before=$(host_cpu_us)
     before=$(cpu_us "$pid")
     drops_before=$(udp_drops)
     errors_before=$(udp_in_errors)
     send_traffic "$rate" "$seconds" >"$work/send.out"
     # tcpdump hands over its ring in blocks, a partial one only when its timeout (1 s) retires it.
     if [ "$receiver" = tcpdump ]; then sleep 2; else wait_drained; sleep 0.5; fi
-    local after drops errors
+    local after drops errors host_after
     after=$(cpu_us "$pid")
+    host_after=$(host_cpu_us)
     drops=$(( $(udp_drops) - drops_before ))
     errors=$(( $(udp_in_errors) - errors_before ))
     if [ "$receiver" = recorder ]; then
@@ -186,6 +218,7 @@ run_receiver() {
     fi
     kill -INT "$pid"
     wait "$pid" || true
+    nft_drop off
     case $receiver in
         recv_loop) taken=$(sed -n 's/^received //p' "$out") ;;
         tcpdump)
@@ -197,7 +230,8 @@ run_receiver() {
     local sent
     sent=$(sent_count "$work/send.out")
     echo "$receiver $rate $sent $taken $drops $(awk -v a="$before" -v b="$after" -v n="$taken" \
-        'BEGIN { printf "%.2f", (n > 0 ? (b - a) / n : 0) }') $errors"
+        'BEGIN { printf "%.2f", (n > 0 ? (b - a) / n : 0) }') $errors $(awk -v a="$host_before" \
+        -v b="$host_after" -v n="$sent" 'BEGIN { printf "%.2f", (n > 0 ? (b - a) / n : 0) }')"
 }
 
 # Datagrams the recorder kept: every frame in its files (`quillmar inspect`), plus the start and
@@ -218,12 +252,13 @@ ladder() {
     [ ${#rates[@]} -eq 0 ] && rates=(25000 50000 100000 150000 200000 250000 300000)
     echo "# $(nproc) cores, $(sed -n 's/^model name.*: //p' /proc/cpuinfo | head -1)," \
          "receive buffer $buffer, $seconds s per rate, settings: ${QM_BENCH_SETTINGS:-none}"
-    printf '%-10s %8s %9s %9s %7s %8s %10s\n' receiver rate sent taken drops cpu_us udp_errors
+    printf '%-10s %8s %9s %9s %7s %8s %10s %8s\n' receiver rate sent taken drops cpu_us udp_errors \
+        host_us
     : >"$work/results"
     for rate in "${rates[@]}"; do
         for receiver in ${QM_BENCH_RECEIVERS:-recv_loop tcpdump recorder}; do
             run_receiver "$receiver" "$rate" "$seconds" | tee -a "$work/results" |
-                awk '{ printf "%-10s %8s %9s %9s %7s %8s %10s\n", $1, $2, $3, $4, $5, $6, $7 }'
+                awk '{ printf "%-10s %8s %9s %9s %7s %8s %10s %8s\n", $1, $2, $3, $4, $5, $6, $7, $8 }'
         done
     done
     summary "$work/results"
@@ -271,6 +306,7 @@ soak() {
     cat "$work/send.out"
     kill -INT "$pid"
     wait "$pid" || true
+    nft_drop off
 }
 
 # Data packets missing so far by the sessions' sequence numbers (whether the system or the

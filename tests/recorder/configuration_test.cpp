@@ -81,6 +81,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_TRUE(configuration->media_write_repair);
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
+    EXPECT_EQ(configuration->storage_max_age, 0u);
     EXPECT_EQ(configuration->metrics_file, "");
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_TRUE(capture.texts(Level::ERROR).empty());

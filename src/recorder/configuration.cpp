@@ -40,6 +40,15 @@ constexpr std::array<std::pair<std::string_view, cleanup_policy>, 4> CLEANUP_POL
     {"day", cleanup_policy::DAY},
 }};
 
+// A digit then one of the timer's units "s", "m", "h" or "d" at the end; "ms" and "ns" are not
+// among them.
+bool has_max_age_unit(const std::string& text) {
+    static constexpr std::string_view UNITS = "smhd";
+    const std::size_t size = text.size();
+    return size >= 2 && UNITS.find(text[size - 1]) != std::string_view::npos &&
+           text[size - 2] >= '0' && text[size - 2] <= '9';
+}
+
 constexpr std::string_view PERCENT_SUFFIX = "%";
 
 struct SizeSuffix {
@@ -132,6 +141,19 @@ bool try_parse_mode_mask(const std::string& text, mode_t& out) {
     return true;
 }
 
+bool try_parse_max_age(const std::string& text, std::uint64_t& out) {
+    if (text == "0") {
+        out = 0;
+        return true;
+    }
+    std::uint64_t age = 0;
+    if (!has_max_age_unit(text) || !utils::time::try_parse_timer(text, age)) {
+        return false;
+    }
+    out = age;
+    return true;
+}
+
 int Configuration::set_value(const std::string& key, const std::string& value,
                              std::ostringstream& detail) {
     if (key == "storage") {
@@ -157,6 +179,9 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     }
     if (key == "storage_cleanup_timer") {
         return to_status(utils::time::try_parse_timer(value, storage_cleanup_timer));
+    }
+    if (key == "storage_max_age") {
+        return to_status(try_parse_max_age(value, storage_max_age));
     }
     if (key == "media_buffer_size") {
         return to_status(

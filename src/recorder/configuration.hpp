@@ -44,6 +44,12 @@ bool try_parse_socket_bytes(const std::string& text, std::uint64_t& out);
 // nothing else, not even a sign or white space. Leaves `out` alone when refused.
 bool try_parse_mode_mask(const std::string& text, mode_t& out);
 
+// A retention age: "0", or a whole number of seconds, minutes, hours or days ("s", "m", "h",
+// "d") within the timer's limit (`utils::time::try_parse_timer`). A bare number other than 0 and
+// the timer's smaller units are refused: "90" meant as days would remove every minute recorded.
+// Leaves `out` alone when refused.
+bool try_parse_max_age(const std::string& text, std::uint64_t& out);
+
 // The recording pipeline's and the cleanup's settings are bases of their own, so that each of
 // those subsystems is handed what it needs without knowing the recorder's configuration.
 class Configuration

@@ -86,10 +86,13 @@ bool Service::on_start() {
         return false;
     }
     // With `storage_cleanup_spare_open_legs`, the writing manager tells the cleanup which minutes
-    // its legs still write into.
+    // its legs still write into. Also with `storage_max_age`: a leg started by a sender whose clock
+    // is behind lands in a minute that is old already, and must not go while it is recorded.
     writer::OpenLegs legs;
     writer::OpenLegs* const open_legs =
-        configuration->storage_cleanup_spare_open_legs ? &legs : nullptr;
+        configuration->storage_cleanup_spare_open_legs || configuration->storage_max_age != 0
+            ? &legs
+            : nullptr;
     // One cleanup pass before any thread starts, then the report thread, then the cleanup
     // thread. A cleanup thread that cannot start leaves the recorder running without periodic
     // cleanup rather than refusing to record.

@@ -33,6 +33,9 @@ struct CleanupSettings {
     bool storage_cleanup_spare_open_legs = false;
     // Remove an empty day, hour or minute met on the way instead of ending the pass there.
     bool storage_cleanup_remove_empty = false;
+    // Every minute directory at least this old (its end to now), in microseconds, is removed on
+    // every pass whatever the space; 0 keeps minutes for as long as the space allows.
+    std::uint64_t storage_max_age = 0;
 };
 
 }  // namespace qm::storage

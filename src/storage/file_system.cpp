@@ -58,6 +58,10 @@ public:
         fs::remove(path, error);
         return standard(error);
     }
+
+    std::chrono::system_clock::time_point now() override {
+        return std::chrono::system_clock::now();
+    }
 };
 
 }  // namespace

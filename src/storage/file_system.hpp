@@ -1,12 +1,14 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <system_error>
 #include <vector>
 
-// The file-system calls the storage cleanup makes, behind one small interface, so that a test can
-// hand the cleanup the space figures of any volume and the failures of any call. The cleanup gets
+// The file-system calls the storage cleanup makes, and the wall clock it ages the recording tree
+// by, behind one small interface, so that a test can hand the cleanup the space figures of any
+// volume, the failures of any call and any "now". The cleanup gets
 // the real implementation unless it is given another one.
 //
 // Threads: the storage manager calls it from its own thread (and from the service's main thread
@@ -44,6 +46,9 @@ public:
     // Removes `path`, a file or an empty directory; a directory that holds something gives
     // ENOTEMPTY.
     virtual std::error_code remove(const std::string& path) = 0;
+    // The wall-clock time now; the recording tree's minutes are named in UTC from the same clock's
+    // epoch.
+    virtual std::chrono::system_clock::time_point now() = 0;
 };
 
 // The process's real file system, through Boost.Filesystem. One instance, never destroyed.

@@ -11,6 +11,7 @@
 #include <exception>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -23,6 +24,10 @@ namespace {
 namespace fs = boost::filesystem;
 
 constexpr std::uint64_t NOT_MEASURED = std::numeric_limits<std::uint64_t>::max();
+constexpr std::int64_t US_PER_SECOND = 1'000'000;
+constexpr std::int64_t US_PER_MINUTE = 60 * US_PER_SECOND;
+constexpr std::int64_t US_PER_HOUR = 60 * US_PER_MINUTE;
+constexpr std::int64_t US_PER_DAY = 24 * US_PER_HOUR;
 
 class SpaceCalculator {
 public:
@@ -212,30 +217,85 @@ bool is_minute(const std::string& name) {
     return is_two_digits_up_to(name, 59);
 }
 
-// The levels of the tree below the storage root, and the room a listing of the level reserves.
+// The levels of the tree below the storage root, the room a listing of the level reserves, and
+// the time one step of the level's number spans (a day's name is a date instead).
 struct Level {
     std::size_t expected;
     bool (*is_level)(const std::string&);
+    std::int64_t step_us;
 };
-constexpr Level LEVELS[] = {{16, is_day}, {24, is_hour}, {60, is_minute}};
+constexpr Level LEVELS[] = {
+    {16, is_day, 0}, {24, is_hour, US_PER_HOUR}, {60, is_minute, US_PER_MINUTE}};
 constexpr std::size_t DAY_DEPTH = 1;
 constexpr std::size_t HOUR_DEPTH = 2;
 constexpr std::size_t MINUTE_DEPTH = 3;
 
-// The first directory of `path` by name whose name is one of the level's (`is_level`): the oldest,
-// since the tree's names sort in time order. Anything else in the tree (plain files, a volume's
-// lost+found, an operator's own directories) is never taken for a day, an hour or a minute.
-std::string get_path_content_top(FileSystem& files, const std::string& path, std::size_t expected,
-                                 bool (*is_level)(const std::string&)) {
+// Every entry of the directory `path` by name: the tree's levels in time order.
+std::vector<std::string> sorted_content(FileSystem& files, const std::string& path,
+                                        std::size_t expected) {
     std::vector<std::string> list;
     list.reserve(expected);
     get_path_content(files, path, list);
     std::sort(list.begin(), list.end());
+    return list;
+}
+
+// Anything else in the tree (plain files, a volume's lost+found, an operator's own directories) is
+// never taken for a day, an hour or a minute.
+bool is_level_directory(FileSystem& files, const std::string& entry, const Level& level) {
+    return level.is_level(fs::path(entry).filename().string()) &&
+           files.kind(entry) == FileSystem::Kind::directory;
+}
+
+// The first directory of `path` by name whose name is one of the level's: the oldest, since the
+// tree's names sort in time order.
+std::string get_path_content_top(FileSystem& files, const std::string& path, const Level& level) {
+    const std::vector<std::string> list = sorted_content(files, path, level.expected);
     const auto oldest = std::find_if(list.begin(), list.end(), [&](const std::string& entry) {
-        return is_level(fs::path(entry).filename().string()) &&
-               files.kind(entry) == FileSystem::Kind::directory;
+        return is_level_directory(files, entry, level);
     });
     return oldest == list.end() ? std::string() : *oldest;
+}
+
+int number_at(const std::string& name, std::size_t at, std::size_t digits) {
+    int number = 0;
+    for (std::size_t i = at; i < at + digits; ++i) {
+        number = number * 10 + (name[i] - '0');
+    }
+    return number;
+}
+
+// The start, in microseconds since the epoch, of the day, hour or minute `name` at `level`, whose
+// parent starts at `parent_us`. Nothing for a day that is no calendar date, such as the writer's
+// fallback "0000-00-00": no age can be told for it.
+std::optional<std::int64_t> start_of(const std::string& name, const Level& level,
+                                     std::int64_t parent_us) {
+    if (level.step_us != 0) {
+        return parent_us + number_at(name, 0, 2) * level.step_us;
+    }
+    const std::chrono::year_month_day date{
+        std::chrono::year(number_at(name, 0, 4)),
+        std::chrono::month(static_cast<unsigned>(number_at(name, 5, 2))),
+        std::chrono::day(static_cast<unsigned>(number_at(name, 8, 2)))};
+    if (!date.ok()) {
+        return std::nullopt;
+    }
+    return std::chrono::sys_days(date).time_since_epoch().count() * US_PER_DAY;
+}
+
+// Whole days, hours, minutes and seconds, the zero ones left out ("2m30s", "90d"); "0s" for less
+// than a second.
+std::string describe_duration(std::int64_t us) {
+    static constexpr std::pair<std::int64_t, char> UNITS[] = {
+        {US_PER_DAY, 'd'}, {US_PER_HOUR, 'h'}, {US_PER_MINUTE, 'm'}, {US_PER_SECOND, 's'}};
+    std::string text;
+    for (const auto& [unit_us, suffix] : UNITS) {
+        if (us >= unit_us) {
+            text += std::to_string(us / unit_us) + suffix;
+            us %= unit_us;
+        }
+    }
+    return text.empty() ? "0s" : text;
 }
 
 // Removes one file or one empty directory; a directory that still holds something stays, without
@@ -303,7 +363,8 @@ StorageManager::~StorageManager() {
 }
 
 int StorageManager::start() {
-    if (m_settings.storage_cleanup_policy == cleanup_policy::DISABLED) {
+    if (m_settings.storage_cleanup_policy == cleanup_policy::DISABLED &&
+        m_settings.storage_max_age == 0) {
         return 0;
     }
     return Thread::start();
@@ -352,11 +413,19 @@ void StorageManager::cleanup() {
 }
 
 // The checker is built once per pass, so that its warnings about the threshold come once per
-// pass and not again before every removal.
+// pass and not again before every removal. Age goes first: what it frees the size rule need not
+// take from newer minutes. Both share the loop guard: a minute the age rule failed to remove ends
+// the size rule when it comes up there.
 void StorageManager::do_cleanup() {
+    std::set<std::string> removed;
+    if (m_settings.storage_max_age != 0) {
+        const std::int64_t now =
+            std::chrono::duration_cast<std::chrono::microseconds>(m_files.now().time_since_epoch())
+                .count();
+        remove_aged(m_storage, 0, 0, now, removed);
+    }
     const std::unique_ptr<SpaceChecker> checker =
         make_checker(m_settings.storage_cleanup_threshold, m_storage, m_files);
-    std::set<std::string> removed;
     while (exceeded(check_space(m_files, m_storage, m_settings.storage_cleanup_algo, *checker)) &&
            remove_oldest(removed)) {
     }
@@ -412,8 +481,7 @@ std::string StorageManager::choose(std::size_t depth, std::set<std::string>& rem
 std::string StorageManager::walk_oldest(std::size_t depth, std::size_t& reached) const {
     std::string path = m_storage;
     for (reached = 0; reached < depth; ++reached) {
-        const Level& level = LEVELS[reached];
-        std::string next = get_path_content_top(m_files, path, level.expected, level.is_level);
+        std::string next = get_path_content_top(m_files, path, LEVELS[reached]);
         if (next.empty()) {
             break;
         }
@@ -438,20 +506,76 @@ bool StorageManager::remove_empty(const std::string& path, std::size_t depth,
     return true;
 }
 
-// The chosen path goes into the set whether or not its removal worked: chosen again, it would
-// only fail again, so the pass ends there instead of going round for ever.
+StorageManager::AgeWalk StorageManager::remove_aged(const std::string& path, std::size_t depth,
+                                                    std::int64_t start_us, std::int64_t now_us,
+                                                    std::set<std::string>& removed) {
+    AgeWalk walk;
+    const Level& level = LEVELS[depth];
+    for (const std::string& entry : sorted_content(m_files, path, level.expected)) {
+        if (!is_level_directory(m_files, entry, level)) {
+            continue;
+        }
+        const std::optional<std::int64_t> entry_start =
+            start_of(fs::path(entry).filename().string(), level, start_us);
+        if (!entry_start) {
+            continue;
+        }
+        const AgeWalk inner =
+            depth + 1 == MINUTE_DEPTH
+                ? remove_aged_minute(entry, now_us - *entry_start - US_PER_MINUTE, removed)
+                : remove_aged(entry, depth + 1, *entry_start, now_us, removed);
+        if (inner.removed_any) {
+            walk.removed_any = true;
+            if (depth + 1 != MINUTE_DEPTH) {
+                remove_if_empty(entry, depth + 1, removed);
+            }
+        }
+        if (inner.younger_found) {
+            walk.younger_found = true;
+            break;
+        }
+    }
+    return walk;
+}
+
+StorageManager::AgeWalk StorageManager::remove_aged_minute(const std::string& path,
+                                                           std::int64_t age_us,
+                                                           std::set<std::string>& removed) {
+    const auto max_age = static_cast<std::int64_t>(m_settings.storage_max_age);
+    if (age_us < max_age) {
+        return AgeWalk{true, false};
+    }
+    if (spared(path, MINUTE_DEPTH) || remove_once(path, removed) != Removal::done) {
+        return AgeWalk{};
+    }
+    QM_LOG_SYSTEM("STORAGE_MANAGER: removed by age: "
+                  << path << ": ended " << describe_duration(age_us) << " ago, storage_max_age "
+                  << describe_duration(max_age));
+    return AgeWalk{false, true};
+}
+
 bool StorageManager::remove_chosen(const std::string& path, std::set<std::string>& removed) {
+    const Removal removal = remove_once(path, removed);
+    if (removal == Removal::done) {
+        QM_LOG_SYSTEM("STORAGE_MANAGER: removed: " << path);
+    }
+    return removal != Removal::repeated;
+}
+
+// The path goes into the set whether or not its removal worked: chosen again, it would only fail
+// again, so the pass ends there instead of going round for ever.
+StorageManager::Removal StorageManager::remove_once(const std::string& path,
+                                                    std::set<std::string>& removed) {
     if (!removed.insert(path).second) {
         QM_LOG_ERROR("STORAGE_MANAGER: infinite removing loop detected for path: " << path);
-        return false;
+        return Removal::repeated;
     }
     const std::error_code error = m_files.remove_tree(path);
     if (error) {
         QM_LOG_ERROR("STORAGE_MANAGER: failed to remove, error: " << error.message());
-        return true;
+        return Removal::failed;
     }
-    QM_LOG_SYSTEM("STORAGE_MANAGER: removed: " << path);
-    return true;
+    return Removal::done;
 }
 
 // An empty parent that holds an open leg is one whose directories the writer has yet to make.

@@ -23,6 +23,14 @@
 // unless `storage_cleanup_remove_empty` lets the pass remove it, when empty, and go on. Given the
 // open legs, a pass never removes a directory that one of them writes into: it ends there.
 //
+// With `storage_max_age`, every pass first removes, whatever the space, each minute whose end is
+// at least that long ago on the wall clock (a minute "12:17" ends at 12:18:00 UTC, so a leg
+// started in it is at least the age old when it goes), oldest first, with a line naming its age,
+// then the hours and days those removals emptied. It stops at the first younger minute, since all
+// after it are younger still. A minute that holds open legs is spared with its WARNING and the
+// walk goes on past it; one whose removal fails stays, and the size rule meets it at the loop
+// guard. A day that is no calendar date has no age and is left alone. The size rule follows.
+//
 // Threads: built, started and stopped by the service's main thread, which also runs the first
 // pass itself before any thread starts. The thread only reads its own copy of the settings. It
 // shares the tree with the media writer without a lock: a leg whose directory is removed under it
@@ -59,14 +67,15 @@ public:
 
     // Cleans the recording tree under `storage` as `settings` say, through `files`. Given
     // `open_legs`, never removes a directory that holds one of them (the service gives it when
-    // `storage_cleanup_spare_open_legs` is set). Both must outlive the manager.
+    // `storage_cleanup_spare_open_legs` or `storage_max_age` is set). Both must outlive the
+    // manager.
     StorageManager(std::string storage, const CleanupSettings& settings,
                    const writer::OpenLegs* open_legs = nullptr,
                    FileSystem& files = real_file_system());
     ~StorageManager() override;
 
-    // Starts the thread, unless the policy is "disabled": then nothing starts and the result is
-    // 0. Otherwise the thread-creation result.
+    // Starts the thread, unless the policy is "disabled" and no max age is set: then nothing
+    // starts and the result is 0. Otherwise the thread-creation result.
     [[nodiscard]] int start() override;
     // Wakes the thread at once (not a pass in progress), joins it and logs how that went. Returns
     // 0 at once when the thread is not running.
@@ -90,6 +99,23 @@ public:
     std::string get_minute_path_for_cleanup() const;
 
 private:
+    // What an age walk did below one directory.
+    struct AgeWalk {
+        // It met a minute younger than the max age: the walk is over.
+        bool younger_found = false;
+        bool removed_any = false;
+    };
+    enum class Removal { repeated, failed, done };
+
+    // Removes every minute below `path`, `depth` levels below the storage root (0: the root
+    // itself), whose time starts at `start_us` (microseconds since the epoch; 0 for the root),
+    // that is at least the max age old at `now_us`, and the hours and days that emptied.
+    AgeWalk remove_aged(const std::string& path, std::size_t depth, std::int64_t start_us,
+                        std::int64_t now_us, std::set<std::string>& removed);
+    // Removes the minute `path`, `age_us` old since its end, when that is at least the max age and
+    // it holds no open leg, with its own line.
+    AgeWalk remove_aged_minute(const std::string& path, std::int64_t age_us,
+                               std::set<std::string>& removed);
     // Removes the oldest directory of the policy's level and the parents it emptied; false when
     // the pass must end.
     bool remove_oldest(std::set<std::string>& removed);
@@ -108,11 +134,15 @@ private:
     bool remove_empty(const std::string& path, std::size_t depth, std::set<std::string>& removed);
     // The open legs in `path`, `depth` levels below the storage root; 0 when none are tracked.
     std::size_t open_legs_in(const std::string& path, std::size_t depth) const;
-    // True, after a WARNING that says so, when `path` holds open legs: the pass ends there, since
-    // everything after it is newer.
+    // True, after a WARNING that says so, when `path` holds open legs: the size rule ends its pass
+    // there, since everything after it is newer; the age rule goes on past it.
     bool spared(const std::string& path, std::size_t depth) const;
-    // Removes `path` with everything in it, unless this pass chose it before.
+    // Removes `path` with everything in it, unless this pass chose it before, with its line. False
+    // when the pass must end.
     bool remove_chosen(const std::string& path, std::set<std::string>& removed);
+    // Removes `path` with everything in it, unless this pass tried it before (the loop guard),
+    // saying why when it does not.
+    Removal remove_once(const std::string& path, std::set<std::string>& removed);
     // Removes `path`, `depth` levels below the storage root, if it is an empty directory now and
     // holds no open leg.
     void remove_if_empty(const std::string& path, std::size_t depth,

@@ -5,7 +5,11 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <map>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -249,6 +253,190 @@ TEST_F(CleanupE2eTest, OpenLegsMinuteIsRemovedWhenNotSpared) {
     ASSERT_NE(minute, texts.end()) << process.standard_error();
     EXPECT_EQ(*(minute + 1), removed("2021-10-11/12"));
     EXPECT_EQ(*(minute + 2), removed("2021-10-11"));
+}
+
+using Clock = std::chrono::system_clock;
+
+// The minute directory the writer names a time by, in UTC, relative to the storage.
+std::string minute_directory(Clock::time_point when) {
+    const auto day = std::chrono::floor<std::chrono::days>(when);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss time(std::chrono::floor<std::chrono::minutes>(when - day));
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02u-%02u/%02ld/%02ld", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<long>(time.hours().count()),
+                  static_cast<long>(time.minutes().count()));
+    return text;
+}
+
+std::int64_t whole_seconds(Clock::duration duration) {
+    return std::chrono::floor<std::chrono::seconds>(duration).count();
+}
+
+// The minutes (relative to `storage`) that the lines say the age rule removed, each with the age
+// in seconds its line names; a minute named twice fails the test.
+std::map<std::string, std::int64_t> removed_by_age(const std::vector<std::string>& texts,
+                                                   const std::filesystem::path& storage) {
+    static const std::regex by_age(
+        R"(STORAGE_MANAGER: removed by age: (.+): ended (?:(\d+)m)?(?:(\d+)s)? ago, )"
+        R"(storage_max_age 2m)");
+    std::map<std::string, std::int64_t> ages;
+    for (const std::string& text : texts) {
+        std::smatch match;
+        if (std::regex_match(text, match, by_age)) {
+            const std::string minute =
+                std::filesystem::path(match[1].str()).lexically_relative(storage).string();
+            EXPECT_EQ(ages.count(minute), 0u) << text;
+            ages[minute] = (match[2].matched ? std::stoll(match[2]) * 60 : 0) +
+                           (match[3].matched ? std::stoll(match[3]) : 0);
+        }
+    }
+    return ages;
+}
+
+long passes(const std::vector<std::string>& texts) {
+    return std::count(texts.begin(), texts.end(), "STORAGE_MANAGER: cleanup stopped");
+}
+
+// Minutes from ten minutes ago to now, each with a small file, and a leg recorded now: the first
+// pass, at start, removes every minute that ended at least two minutes before, each with one line
+// naming its age, and nothing else; the leg is written whole through the passes that follow. A
+// minute is only judged when the whole start-up lies on one side of its limit.
+TEST_F(CleanupE2eTest, MaxAgeRemovesEveryMinuteThatOldAndLeavesTheLegBeingRecorded) {
+    using std::chrono::minutes;
+    const Clock::time_point before = Clock::now();
+    const Clock::time_point current = std::chrono::floor<minutes>(before);
+    std::map<std::string, Clock::time_point> ends;
+    for (int back = 10; back >= 0; --back) {
+        const std::string minute = minute_directory(current - minutes(back));
+        file(minute + "/a/media.qm", 10);
+        ends[minute] = current - minutes(back) + minutes(1);
+    }
+    ChildProcess& process = start_recorder(
+        "storage_cleanup_algo = du\nstorage_cleanup_threshold = 1T\nstorage_cleanup_timer = 1s\n"
+        "storage_max_age = 2m\nmedia_buffer_size = 400\n");
+    const Clock::time_point started = Clock::now();
+
+    // The first pass ran before the recorder received.
+    const std::vector<std::string> texts = storage_texts(process);
+    const std::map<std::string, std::int64_t> removed_ages = removed_by_age(
+        {texts.begin(), std::find(texts.begin(), texts.end(), "STORAGE_MANAGER: cleanup stopped")},
+        storage());
+    std::size_t judged_gone = 0;
+    for (const auto& [minute, end] : ends) {
+        const bool exists = std::filesystem::exists(storage() / minute / "a/media.qm");
+        // Read after the check: a minute younger than the limit then was younger before.
+        const Clock::time_point checked = Clock::now();
+        if (before - end >= minutes(2)) {
+            ++judged_gone;
+            EXPECT_FALSE(exists) << minute;
+            ASSERT_EQ(removed_ages.count(minute), 1u) << minute << "\n" << process.standard_error();
+            EXPECT_GE(removed_ages.at(minute), whole_seconds(before - end)) << minute;
+            EXPECT_LE(removed_ages.at(minute), whole_seconds(started - end)) << minute;
+        } else if (checked - end < minutes(2)) {
+            EXPECT_TRUE(exists) << minute;
+            EXPECT_EQ(removed_ages.count(minute), 0u) << minute;
+        }
+    }
+    // Minutes 3 to 10 back ended at least two minutes before the start, whatever its second.
+    EXPECT_GE(judged_gone, 8u);
+    for (const auto& [minute, age] : removed_ages) {
+        EXPECT_EQ(ends.count(minute), 1u) << minute;
+    }
+
+    // A leg stamped now, kept open by its frames while passes run.
+    StartFields start;
+    start.ts = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+            .count());
+    const std::string leg_file =
+        minute_directory(Clock::time_point(std::chrono::microseconds(start.ts))) +
+        "/00112233-4455-6677-8899-aabbccddeeff/media.qm";
+    send(encode_start(start));
+    send(encode_data(frame(1)));
+    send(encode_data(frame(2)));
+    ASSERT_TRUE(poll_until(
+        [&] {
+            std::error_code error;
+            return std::filesystem::file_size(storage() / leg_file, error) == 48 + 332;
+        },
+        TIMEOUT))
+        << process.standard_error();
+    const long passes_before = passes(storage_texts(process));
+    ASSERT_TRUE(
+        poll_until([&] { return passes(storage_texts(process)) >= passes_before + 2; }, TIMEOUT))
+        << process.standard_error();
+    send(encode_data(frame(3)));
+    send(encode_data(frame(4)));
+    ASSERT_TRUE(poll_until(
+        [&] {
+            std::error_code error;
+            return std::filesystem::file_size(storage() / leg_file, error) == 48 + 3 * 332;
+        },
+        TIMEOUT))
+        << process.standard_error();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_EQ(read_file(storage() / leg_file),
+              text_of(recording_bytes(start, {frame(1), frame(2), frame(3)})));
+    // Later passes may take the minutes that aged since, each once; never the leg's minute.
+    const std::vector<std::string> all = storage_texts(process);
+    for (const auto& [minute, age] : removed_by_age(all, storage())) {
+        EXPECT_EQ(ends.count(minute), 1u) << minute;
+    }
+    const std::string leg_minute = leg_file.substr(0, leg_file.find('/', 14));
+    for (const std::string& text : all) {
+        EXPECT_EQ(text.find(leg_minute), std::string::npos) << text;
+    }
+}
+
+// A sender whose clock is five minutes behind starts a leg in a minute that is old already: with
+// the default settings (open legs not spared for the size rule) the age still spares it while it is
+// recorded, the file is whole, and a pass after its end removes it.
+TEST_F(CleanupE2eTest, MaxAgeSparesALegStampedInAnOldMinuteUntilItEnds) {
+    ChildProcess& process = start_recorder(
+        "storage_cleanup_algo = du\nstorage_cleanup_threshold = 1T\n"
+        "storage_cleanup_timer = 100ms\nstorage_max_age = 2m\nmedia_buffer_size = 400\n");
+    StartFields start;
+    start.ts =
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                       (Clock::now() - std::chrono::minutes(5)).time_since_epoch())
+                                       .count());
+    const std::string minute =
+        (storage() / minute_directory(Clock::time_point(std::chrono::microseconds(start.ts))))
+            .string();
+    const std::string leg_file = minute + "/00112233-4455-6677-8899-aabbccddeeff/media.qm";
+
+    send(encode_start(start));
+    send(encode_data(frame(1)));
+    send(encode_data(frame(2)));
+    ASSERT_TRUE(process.wait_for_line(
+        "STORAGE_MANAGER: spared " + minute + ": it holds 1 legs still being recorded", TIMEOUT))
+        << process.standard_error();
+    send(encode_data(frame(3)));
+    send(encode_data(frame(4)));
+    send(encode_terminate());
+    ASSERT_TRUE(poll_until(
+        [&] {
+            std::error_code error;
+            return std::filesystem::file_size(leg_file, error) == 48 + 4 * 332;
+        },
+        TIMEOUT))
+        << process.standard_error();
+    EXPECT_EQ(read_file(leg_file),
+              text_of(recording_bytes(start, {frame(1), frame(2), frame(3), frame(4)})));
+    ASSERT_TRUE(
+        process.wait_for_line("STORAGE_MANAGER: removed by age: " + minute + ": ended ", TIMEOUT))
+        << process.standard_error();
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_FALSE(std::filesystem::exists(minute));
+    EXPECT_EQ(removed_by_age(storage_texts(process), storage()).size(), 1u);
+    EXPECT_EQ(process.standard_error().find("MEDIA_WRITER: failed"), std::string::npos)
+        << process.standard_error();
 }
 
 }  // namespace

@@ -50,6 +50,7 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_FALSE(configuration->media_write_repair);
     EXPECT_FALSE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_FALSE(configuration->storage_cleanup_remove_empty);
+    EXPECT_EQ(configuration->storage_max_age, 0u);
     EXPECT_EQ(configuration->receive_buffer_size, 0u);
     EXPECT_EQ(configuration->receive_batch, 1u);
     EXPECT_EQ(configuration->receive_batch_delay, 0u);
@@ -84,6 +85,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_TRUE(configuration->media_write_repair);
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
+    EXPECT_EQ(configuration->storage_max_age, 0u);
     EXPECT_EQ(configuration->metrics_file, "");
     EXPECT_EQ(configuration->storage_mode_mask, std::optional<mode_t>(027));
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
@@ -271,6 +273,33 @@ TEST_F(WriterConfigurationTest, TimerThatIsNegativeOrTooLongIsRefused) {
     }
     EXPECT_TRUE(configuration->parse_args("storage_cleanup_timer=36500d"));
     EXPECT_EQ(configuration->storage_cleanup_timer, 3153600000000000u);
+}
+
+TEST_F(WriterConfigurationTest, MaxAgeTakesSecondsMinutesHoursOrDays) {
+    const std::pair<const char*, std::uint64_t> accepted[] = {{"90d", 7776000000000u},
+                                                              {"36h", 129600000000u},
+                                                              {"30m", 1800000000u},
+                                                              {"45s", 45000000u},
+                                                              {"36500d", 3153600000000000u},
+                                                              {"0", 0u},
+                                                              {"1m", 60000000u},
+                                                              {"0d", 0u}};
+    for (const auto& [text, age] : accepted) {
+        capture.clear();
+        EXPECT_TRUE(configuration->parse_args(std::string("storage_max_age=") + text)) << text;
+        EXPECT_EQ(configuration->storage_max_age, age) << text;
+        EXPECT_TRUE(capture.texts(Level::ERROR).empty()) << text;
+    }
+}
+
+// A bare number would be microseconds to the timer: "90" meant as days would remove everything.
+TEST_F(WriterConfigurationTest, MaxAgeWithoutAUnitOrOutOfRangeIsRefused) {
+    ASSERT_TRUE(configuration->parse_args("storage_max_age=90d"));
+    for (const char* text : {"90", "00", "90ms", "5ns", "90us", "90 d", "90D", "d", "90x", "-1d",
+                             "-0", "36501d", "213503983d", "18446744073709551615s", "1.5d"}) {
+        expect_refused("storage_max_age", text);
+    }
+    EXPECT_EQ(configuration->storage_max_age, 7776000000000u);
 }
 
 TEST_F(WriterConfigurationTest, SocketBytesThatAreNotFiniteAreRefused) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -51,12 +52,15 @@ public:
         return real.remove_tree(path);
     }
     std::error_code remove(const std::string& path) override { return real.remove(path); }
+    std::chrono::system_clock::time_point now() override { return clock ? *clock : real.now(); }
 
     // What `space` reports instead of the volume's own figures.
     std::optional<Space> volume;
     Failure space_failure = Failure::none;
     // Paths whose removal fails as if permission were denied.
     std::set<std::string> unremovable;
+    // What `now` reports instead of the wall clock.
+    std::optional<std::chrono::system_clock::time_point> clock;
 
 private:
     FileSystem& real = real_file_system();
@@ -105,6 +109,15 @@ protected:
     }
     std::string removed_empty(const std::string& relative) const {
         return "STORAGE_MANAGER: removed empty directory: " + path(relative);
+    }
+    std::string removed_by_age(const std::string& relative, const std::string& age,
+                               const std::string& limit) const {
+        return "STORAGE_MANAGER: removed by age: " + path(relative) + ": ended " + age +
+               " ago, storage_max_age " + limit;
+    }
+    // The wall clock stands at `since_midnight` on 2024-01-01, UTC.
+    void now(std::chrono::microseconds since_midnight) {
+        files.clock = std::chrono::sys_days(std::chrono::year(2024) / 1 / 1) + since_midnight;
     }
 
     test::TempDirectory directory;
@@ -589,6 +602,166 @@ TEST(SpaceComparisonTest, NothingUsableIsAHundredPercent) {
     EXPECT_EQ(used_percent(0, 0), 100.0);
     EXPECT_EQ(used_percent(50, 200), 25.0);
     EXPECT_EQ(used_percent(95, 100), 95.0);
+}
+
+// The minutes the tests age below: 00:06 ends at 00:07:00, 00:07 at 00:08:00 and so on.
+constexpr std::uint64_t TWO_MINUTES_US = 120'000'000;
+using std::chrono::microseconds;
+using std::chrono::minutes;
+
+class StorageMaxAgeTest : public StorageManagerTest {
+protected:
+    StorageMaxAgeTest() {
+        settings.storage_max_age = TWO_MINUTES_US;
+        settings.storage_cleanup_policy = cleanup_policy::MINUTE;
+        settings.storage_cleanup_threshold = 1000;
+        for (const char* minute : {"06", "07", "08", "09"}) {
+            file("2024-01-01/00/" + std::string(minute) + "/leg/media.qm", 10);
+        }
+    }
+
+    bool minute_exists(const std::string& minute) const {
+        return std::filesystem::exists(storage() / ("2024-01-01/00/" + minute + "/leg/media.qm"));
+    }
+};
+
+// At 00:10:00, 00:07 ended exactly two minutes ago: it goes with the older 00:06. 00:08 ended one
+// minute ago and stays, and the walk ends there.
+TEST_F(StorageMaxAgeTest, MinuteWhoseEndIsTheMaxAgeAgoGoesAndYoungerOnesStay) {
+    now(minutes(10));
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, removed_by_age("2024-01-01/00/06", "3m", "2m"),
+                                    removed_by_age("2024-01-01/00/07", "2m", "2m"), used(20, 1000),
+                                    STOPPED));
+    EXPECT_TRUE(minute_exists("08"));
+    EXPECT_TRUE(minute_exists("09"));
+}
+
+TEST_F(StorageMaxAgeTest, MinuteOneMicrosecondShortOfTheMaxAgeStays) {
+    now(minutes(10) - microseconds(1));
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, removed_by_age("2024-01-01/00/06", "2m59s", "2m"),
+                                    used(30, 1000), STOPPED));
+    EXPECT_TRUE(minute_exists("07"));
+}
+
+TEST_F(StorageMaxAgeTest, ZeroMaxAgeRemovesNothingByAge) {
+    settings.storage_max_age = 0;
+    now(minutes(600));
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, used(40, 1000), STOPPED));
+}
+
+// Yesterday's last hour and the day go once their minutes went; today's hour still holds younger
+// minutes and stays.
+TEST_F(StorageMaxAgeTest, HoursAndDaysTheAgeEmptiedGoToo) {
+    file("2023-12-31/22/10/leg/media.qm", 10);
+    file("2023-12-31/23/59/leg/media.qm", 10);
+    now(minutes(10));
+
+    EXPECT_THAT(
+        pass(),
+        ElementsAre(STARTED, removed_by_age("2023-12-31/22/10", "1h59m", "2m"),
+                    removed("2023-12-31/22"), removed_by_age("2023-12-31/23/59", "10m", "2m"),
+                    removed("2023-12-31/23"), removed("2023-12-31"),
+                    removed_by_age("2024-01-01/00/06", "3m", "2m"),
+                    removed_by_age("2024-01-01/00/07", "2m", "2m"), used(20, 1000), STOPPED));
+    EXPECT_FALSE(std::filesystem::exists(storage() / "2023-12-31"));
+    EXPECT_TRUE(minute_exists("08"));
+}
+
+// Whole days, hours, minutes and seconds, the zero ones left out. 2024 is a leap year: 2024-04-01
+// is 91 days after 2024-01-01.
+TEST_F(StorageMaxAgeTest, AgesOfDaysAreWrittenInDaysHoursMinutesAndSeconds) {
+    settings.storage_max_age = 90ULL * 86'400'000'000ULL;
+    now(std::chrono::days(91) + std::chrono::hours(2) + minutes(10) + std::chrono::seconds(4));
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, removed_by_age("2024-01-01/00/06", "91d2h3m4s", "90d"),
+                                    removed_by_age("2024-01-01/00/07", "91d2h2m4s", "90d"),
+                                    removed_by_age("2024-01-01/00/08", "91d2h1m4s", "90d"),
+                                    removed_by_age("2024-01-01/00/09", "91d2h4s", "90d"),
+                                    removed("2024-01-01/00"), removed("2024-01-01"), used(0, 1000),
+                                    STOPPED));
+}
+
+// Only days that are dates, and hours and minutes by their names, have an age; the rest stays,
+// and so does a day that still holds something else.
+TEST_F(StorageMaxAgeTest, WhatHasNoAgeStays) {
+    file("0000-00-00/00/00/leg/media.qm", 10);
+    file("2024-01-01/00/60/leg/media.qm", 10);
+    file("2023-12-31/notes.txt", 10);
+    file("2023-12-31/23/59/leg/media.qm", 10);
+    file("lost+found/x", 10);
+    now(minutes(10));
+
+    EXPECT_THAT(
+        pass(),
+        ElementsAre(STARTED, removed_by_age("2023-12-31/23/59", "10m", "2m"),
+                    removed("2023-12-31/23"), removed_by_age("2024-01-01/00/06", "3m", "2m"),
+                    removed_by_age("2024-01-01/00/07", "2m", "2m"), used(60, 1000), STOPPED));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "0000-00-00/00/00/leg/media.qm"));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2024-01-01/00/60/leg/media.qm"));
+    EXPECT_TRUE(std::filesystem::exists(storage() / "2023-12-31/notes.txt"));
+}
+
+// Age first, then size: the size rule takes the oldest minute the age left.
+TEST_F(StorageMaxAgeTest, SizeRuleStillRemovesAfterTheAge) {
+    settings.storage_cleanup_threshold = 15;
+    now(minutes(9));
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, removed_by_age("2024-01-01/00/06", "2m", "2m"),
+                                    used(30, 15), removed("2024-01-01/00/07"), used(20, 15),
+                                    removed("2024-01-01/00/08"), used(10, 15), STOPPED));
+    EXPECT_TRUE(minute_exists("09"));
+}
+
+// A leg still recorded in an old minute (its sender's clock is behind) keeps the minute; the
+// walk goes on past it, and the minute goes in the first pass after the leg closed.
+TEST_F(StorageMaxAgeTest, MinuteOfAnOpenLegIsSparedAndTheWalkGoesOn) {
+    now(minutes(10));
+    open_legs = &legs;
+    writer::OpenLegs::Registration leg = legs.open("2024-01-01/00/06");
+
+    EXPECT_THAT(pass(), ElementsAre(STARTED, spared(path("2024-01-01/00/06"), 1),
+                                    removed_by_age("2024-01-01/00/07", "2m", "2m"), used(30, 1000),
+                                    STOPPED));
+    EXPECT_TRUE(minute_exists("06"));
+    leg.reset();
+    EXPECT_THAT(pass(), ElementsAre(STARTED, removed_by_age("2024-01-01/00/06", "3m", "2m"),
+                                    used(20, 1000), STOPPED));
+}
+
+// The failed minute stays and the walk goes on; the size rule, coming to the same minute, stops
+// at the loop guard.
+TEST_F(StorageMaxAgeTest, MinuteThatCannotBeRemovedStaysAndTheSizeRuleStopsAtTheLoopGuard) {
+    settings.storage_cleanup_threshold = 1;
+    files.unremovable.insert(path("2024-01-01/00/06"));
+    now(minutes(10));
+
+    EXPECT_THAT(pass(),
+                ElementsAre(STARTED,
+                            "STORAGE_MANAGER: failed to remove, error: " +
+                                std::make_error_code(std::errc::permission_denied).message(),
+                            removed_by_age("2024-01-01/00/07", "2m", "2m"), used(30, 1),
+                            "STORAGE_MANAGER: infinite removing loop detected for path: " +
+                                path("2024-01-01/00/06"),
+                            STOPPED));
+    EXPECT_TRUE(minute_exists("06"));
+}
+
+TEST_F(StorageMaxAgeTest, DisabledSizePolicyStillStartsTheThreadForTheAge) {
+    settings.storage_cleanup_policy = cleanup_policy::DISABLED;
+    settings.storage_cleanup_timer = 1000;  // 1 ms
+    now(minutes(10));
+    StorageManager manager(storage().string(), settings, nullptr, files);
+
+    ASSERT_EQ(manager.start(), 0);
+    ASSERT_TRUE(capture.wait_for(removed_by_age("2024-01-01/00/07", "2m", "2m")));
+    ASSERT_EQ(manager.stop(), 0);
+
+    EXPECT_EQ(capture.count(removed_by_age("2024-01-01/00/06", "3m", "2m")), 1u);
+    EXPECT_FALSE(minute_exists("07"));
+    EXPECT_TRUE(minute_exists("08"));
 }
 
 TEST_F(StorageManagerTest, StopWakesTheThreadAtOnceBetweenPasses) {

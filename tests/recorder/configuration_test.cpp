@@ -59,6 +59,7 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->receive_ring_size, 0u);
     EXPECT_FALSE(configuration->flush_open_sessions_on_stop);
     EXPECT_EQ(configuration->metrics_file, "");
+    EXPECT_TRUE(configuration->allowed_sources.empty());
 }
 
 TEST_F(WriterConfigurationTest, EnumerationValuesAreFixed) {
@@ -86,6 +87,9 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
     EXPECT_EQ(configuration->metrics_file, "");
+    ASSERT_EQ(configuration->allowed_sources.networks().size(), 1u);
+    EXPECT_EQ(configuration->allowed_sources.networks()[0].address, 0x7F000001u);
+    EXPECT_EQ(configuration->allowed_sources.networks()[0].mask, 0xFFFFFFFFu);
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_TRUE(capture.texts(Level::ERROR).empty());
 }

@@ -7,14 +7,13 @@
 // its look at the flag and its wait: the doorbell stays readable until the signal is logged.
 //
 // Every loop takes an `admit(const sockaddr_in& source)` that says whether a datagram's sender is
-// allowed: a datagram it refuses is not handed to `consume` (`admit` counts it). The default,
-// AnySource, admits every sender without looking, and the one-by-one loop then reads with recv as
-// it did before senders were checked.
+// allowed: a datagram it refuses is not handed to `consume` (`admit` counts it; see
+// AllowedSources in allowed_sources.hpp). The default, AnySource, admits every sender without
+// looking, and the one-by-one loop then reads with recv as it did before senders were checked.
 //
 // REQUIRES: the socket is open; `signals_subscribe` has run; called from the thread that the
 // process's signals are delivered to (the main thread: every worker blocks them).
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <cstddef>
@@ -25,34 +24,12 @@
 #include "net/net_socket.hpp"
 #include "net/packet_ring.hpp"
 #include "net/receive_batch.hpp"
-#include "net/refused_sources.hpp"
-#include "net/source_filter.hpp"
 
 namespace qm::recorder {
 
 // Admits every sender.
 struct AnySource {
     bool operator()(const sockaddr_in&) const { return true; }
-};
-
-// Admits the senders `filter` allows and counts every other datagram in `refused`.
-// REQUIRES: both outlive it.
-class AllowedSources {
-public:
-    AllowedSources(const net::SourceFilter& filter, net::RefusedSources& refused)
-        : m_filter(filter), m_refused(refused) {}
-
-    bool operator()(const sockaddr_in& source) const {
-        if (m_filter.allows(ntohl(source.sin_addr.s_addr))) {
-            return true;
-        }
-        m_refused.refuse(source);
-        return false;
-    }
-
-private:
-    const net::SourceFilter& m_filter;
-    net::RefusedSources& m_refused;
 };
 
 // True when `Admit` looks at senders, so that the loops must learn them.

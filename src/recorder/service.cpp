@@ -12,6 +12,7 @@
 #include "log/logger.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
+#include "recorder/allowed_sources.hpp"
 #include "recorder/receive_loop.hpp"
 #include "stats/statistic_service.hpp"
 #include "storage/storage_manager.hpp"

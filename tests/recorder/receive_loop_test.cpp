@@ -21,6 +21,7 @@
 #include "child_process.hpp"
 #include "log_capture.hpp"
 #include "poll.hpp"
+#include "recorder/allowed_sources.hpp"
 #include "udp_loopback.hpp"
 
 namespace qm::recorder {

@@ -6,15 +6,19 @@
 // - a line that is blank or a comment is accepted and sets nothing;
 // - an "--args" value with its commas escaped as ",," comes back whole: the rest of the input,
 //   without "=" and without leading blanks, is given as the storage value and must be stored
-//   exactly. A value holding "_;" is left out: the escape turns it into "," by design.
+//   exactly. A value holding "_;" is left out: the escape turns it into "," by design;
+// - after every line, each network of `allowed_sources` allows its own address, and a line that
+//   sets the key is taken exactly when the list parses on its own.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "core/rc_ptr.hpp"
+#include "net/source_filter.hpp"
 #include "recorder/configuration.hpp"
 #include "utils/str.hpp"
 
@@ -25,6 +29,29 @@ using qm::recorder::Configuration;
 void check(bool condition) {
     if (!condition) {
         __builtin_trap();
+    }
+}
+
+// The value of a line "allowed_sources = VALUE" as the parser sees it; nothing for other lines.
+std::optional<std::string> allowed_sources_value(std::string_view line) {
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos || line.find('=', equals + 1) != std::string_view::npos ||
+        qm::utils::str::trim_left(qm::utils::str::trim_right(line.substr(0, equals))) !=
+            "allowed_sources") {
+        return std::nullopt;
+    }
+    return qm::utils::str::trim_right(qm::utils::str::trim_left(line.substr(equals + 1)));
+}
+
+void check_allowed_sources(const Configuration& configuration, std::string_view line, bool parsed) {
+    for (const qm::net::SourceFilter::Network& network : configuration.allowed_sources.networks()) {
+        check(configuration.allowed_sources.allows(network.address));
+    }
+    const std::optional<std::string> value = allowed_sources_value(line);
+    if (value && !value->empty()) {
+        qm::net::SourceFilter alone;
+        std::string error;
+        check(parsed == qm::net::SourceFilter::try_parse(*value, alone, error));
     }
 }
 
@@ -41,6 +68,7 @@ void parse_as_file(std::string_view text) {
         const std::string line(text.substr(start, end - start));
         const std::string storage_before = configuration->storage;
         const bool parsed = configuration->parse_line(line, line_number);
+        check_allowed_sources(*configuration, line, parsed);
         if (is_blank_or_comment(line)) {
             check(parsed);
             check(configuration->storage == storage_before);

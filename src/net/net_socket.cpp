@@ -212,6 +212,21 @@ std::int64_t Socket::read(ReadBuffer& buffer) {
     return length;
 }
 
+std::int64_t Socket::read_from(ReadBuffer& buffer) {
+    socklen_t source_length = sizeof(buffer.source);
+    const ssize_t length = ::recvfrom(m_fd, buffer.data, sizeof(buffer.data), MSG_NOSIGNAL,
+                                      reinterpret_cast<sockaddr*>(&buffer.source), &source_length);
+    if (length >= 0) {
+        buffer.length = static_cast<std::uint64_t>(length);
+        return length;
+    }
+    if (errno == EINTR) {
+        log_interrupted();
+        return -1;
+    }
+    fail_read(errno);
+}
+
 bool Socket::send(const sockaddr_in& to, const void* data, std::uint64_t length) {
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     std::uint64_t sent = 0;

@@ -31,11 +31,13 @@ public:
     // Largest datagram the receive loop reads at once (any UDP payload fits).
     static constexpr std::size_t READ_BUFFER_CAPACITY = 65536;
 
-    // The receive loop's buffer: the bytes of the last datagram and their count. Allocated once
-    // by the loop's owner and value-initialised (all zero) before the first read.
+    // The receive loop's buffer: the bytes of the last datagram, their count and, after
+    // `read_from`, the sender. Allocated once by the loop's owner and value-initialised (all zero)
+    // before the first read.
     struct ReadBuffer {
         std::uint8_t data[READ_BUFFER_CAPACITY];
         std::uint64_t length;
+        sockaddr_in source;
     };
 
     Socket() = default;
@@ -78,6 +80,11 @@ public:
 
     // The same into the receive loop's buffer; also stores the length in `buffer.length`.
     [[nodiscard]] std::int64_t read(ReadBuffer& buffer);
+
+    // The same with one recvfrom that also stores the sender in `buffer.source`, for a loop that
+    // looks at the sender; returns -1 (and leaves `buffer` alone) when a signal interrupted the
+    // call, so that an empty datagram is still told from no datagram.
+    [[nodiscard]] std::int64_t read_from(ReadBuffer& buffer);
 
     // Reads, without blocking, as many waiting datagrams as `batch` has slots for, with one call.
     // Returns how many; 0 when none waits or a signal interrupted the call. Any other error ends

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "log/logger.hpp"
 #include "net/system_error.hpp"
@@ -54,30 +55,44 @@ bool sums_to_all_ones(std::uint32_t sum) {
 }
 
 // The filter, run by the system on every IPv4 packet before it is copied into the ring (offset
-// 0 is the IP header): packets for this host, UDP, unfragmented, to `port`.
-struct PortFilter {
-    static constexpr std::uint8_t DROP = 10;
+// 0 is the IP header): packets for this host, UDP, unfragmented, to `port`, and from a sender in
+// one of `sources`' networks when it has any. The checks of the packet come first and jump to the
+// one drop right after them, so that no conditional jump (8-bit offsets) grows with the number of
+// networks; each network then ends in an accept of its own, and the last falls through to a drop.
+std::vector<sock_filter> port_filter(std::uint16_t port, const SourceFilter& sources) {
+    constexpr std::uint8_t DROP = 9;
     // Jump offsets count from the next instruction.
-    static constexpr std::uint8_t to_drop(std::uint8_t from) { return DROP - from - 1; }
-
-    explicit PortFilter(std::uint16_t port)
-        : code{
-              BPF_STMT(BPF_LD | BPF_W | BPF_ABS,
-                       static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
-              BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_HOST, 0, to_drop(1)),
-              BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 9),
-              BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP_PROTOCOL, 0, to_drop(3)),
-              BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 6),
-              BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, FRAGMENT_BITS, to_drop(5), 0),
-              BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 0),
-              BPF_STMT(BPF_LD | BPF_H | BPF_IND, 2),
-              BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, port, 0, to_drop(8)),
-              BPF_STMT(BPF_RET | BPF_K, TAKE_WHOLE),
-              BPF_STMT(BPF_RET | BPF_K, 0),
-          } {}
-
-    sock_filter code[DROP + 1];
-};
+    const auto to_drop = [](std::uint8_t from) {
+        return static_cast<std::uint8_t>(DROP - from - 1);
+    };
+    std::vector<sock_filter> code = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_HOST, 0, to_drop(1)),
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 9),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, UDP_PROTOCOL, 0, to_drop(3)),
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 6),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, FRAGMENT_BITS, to_drop(5), 0),
+        BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 0),
+        BPF_STMT(BPF_LD | BPF_H | BPF_IND, 2),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, port, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+    };
+    if (sources.empty()) {
+        code.push_back(BPF_STMT(BPF_RET | BPF_K, TAKE_WHOLE));
+        return code;
+    }
+    // The source address, kept in X while A is masked for each network in turn.
+    code.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 12));
+    code.push_back(BPF_STMT(BPF_MISC | BPF_TAX, 0));
+    for (const SourceFilter::Network& network : sources.networks()) {
+        code.push_back(BPF_STMT(BPF_MISC | BPF_TXA, 0));
+        code.push_back(BPF_STMT(BPF_ALU | BPF_AND | BPF_K, network.mask));
+        code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, network.address, 0, 1));
+        code.push_back(BPF_STMT(BPF_RET | BPF_K, TAKE_WHOLE));
+    }
+    code.push_back(BPF_STMT(BPF_RET | BPF_K, 0));
+    return code;
+}
 
 }  // namespace
 
@@ -128,12 +143,13 @@ PacketRing::~PacketRing() {
     close();
 }
 
-bool PacketRing::open(std::uint16_t port, std::uint64_t size) {
+bool PacketRing::open(std::uint16_t port, std::uint64_t size, const SourceFilter& sources) {
     const std::uint64_t blocks = size == 0 ? 1 : (size + BLOCK_SIZE - 1) / BLOCK_SIZE;
     // Nothing arrives before the bind names a protocol, so the filter is in place first.
     m_fd = ::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_ll local = {AF_PACKET, htons(ETH_P_IP), 0, 0, 0, 0, {}};
-    if (m_fd == -1 || !map_blocks(static_cast<std::uint32_t>(blocks)) || !attach_filter(port) ||
+    if (m_fd == -1 || !map_blocks(static_cast<std::uint32_t>(blocks)) ||
+        !attach_filter(port, sources) ||
         ::bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         const SystemError error{errno};
         QM_LOG_WARNING("PACKET_RING[" << (m_fd == -1 ? " " : std::to_string(m_fd))
@@ -174,9 +190,9 @@ bool PacketRing::map_blocks(std::uint32_t blocks) {
     return true;
 }
 
-bool PacketRing::attach_filter(std::uint16_t port) {
-    PortFilter filter(port);
-    const sock_fprog program = {static_cast<unsigned short>(std::size(filter.code)), filter.code};
+bool PacketRing::attach_filter(std::uint16_t port, const SourceFilter& sources) {
+    std::vector<sock_filter> filter = port_filter(port, sources);
+    const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
     return ::setsockopt(m_fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
 }
 

@@ -31,6 +31,7 @@
 #include <span>
 
 #include "net/net_socket.hpp"
+#include "net/source_filter.hpp"
 
 namespace qm::net {
 
@@ -63,9 +64,11 @@ public:
     PacketRing& operator=(const PacketRing&) = delete;
 
     // Sets up a ring of `size` bytes (rounded up to whole blocks) for the UDP datagrams to `port`
-    // (host order) and starts taking them. Logs the ring's shape at SYSTEM. On failure logs a
-    // WARNING, holds no descriptor and returns false.
-    [[nodiscard]] bool open(std::uint16_t port, std::uint64_t size);
+    // (host order) and starts taking them; with a non-empty `sources` only those from its
+    // networks, so that the others never reach the ring. Logs the ring's shape at SYSTEM. On
+    // failure logs a WARNING, holds no descriptor and returns false.
+    [[nodiscard]] bool open(std::uint16_t port, std::uint64_t size,
+                            const SourceFilter& sources = SourceFilter());
 
     // When the system has handed over the next block, gives each datagram in it to
     // `consume(const std::uint8_t* data, std::uint64_t length)`, in arrival order, hands the
@@ -100,8 +103,8 @@ public:
 private:
     // Sets up the ring on the open descriptor; false (with errno set) at the first failing step.
     [[nodiscard]] bool map_blocks(std::uint32_t blocks);
-    // Takes the datagrams of `port` only.
-    [[nodiscard]] bool attach_filter(std::uint16_t port);
+    // Takes the datagrams of `port` (from `sources`) only.
+    [[nodiscard]] bool attach_filter(std::uint16_t port, const SourceFilter& sources);
 
     tpacket_block_desc* block(std::size_t index) const {
         return reinterpret_cast<tpacket_block_desc*>(m_map + index * BLOCK_SIZE);

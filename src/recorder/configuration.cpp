@@ -154,6 +154,14 @@ bool try_parse_max_age(const std::string& text, std::uint64_t& out) {
     return true;
 }
 
+int Configuration::set_flag(const std::string& key, std::ostringstream& detail) {
+    if (key == "allowed_sources") {
+        allowed_sources = net::SourceFilter();
+        return APPLIED;
+    }
+    return StatExtension::set_flag(key, detail);
+}
+
 int Configuration::set_value(const std::string& key, const std::string& value,
                              std::ostringstream& detail) {
     if (key == "storage") {
@@ -216,6 +224,14 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "metrics_file") {
         metrics_file = value;
         return APPLIED;
+    }
+    if (key == "allowed_sources") {
+        std::string error;
+        if (net::SourceFilter::try_parse(value, allowed_sources, error)) {
+            return APPLIED;
+        }
+        detail << error;
+        return FAILED_WITH_DETAIL;
     }
     if (key == "write_media") {
         return to_status(conf::try_parse_bool(value, write_media));

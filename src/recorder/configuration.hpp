@@ -10,6 +10,7 @@
 #include "conf/log_extension.hpp"
 #include "conf/port_extension.hpp"
 #include "conf/stat_extension.hpp"
+#include "net/source_filter.hpp"
 #include "storage/cleanup_settings.hpp"
 #include "writer/recording_settings.hpp"
 
@@ -75,10 +76,15 @@ public:
     // File the counters are written to every report period, in the Prometheus text format;
     // empty writes none.
     std::string metrics_file;
+    // The senders whose datagrams are taken; the others' are counted and dropped before the
+    // packet reader sees them. Empty (the default, also "allowed_sources =" with no value) takes
+    // every sender.
+    net::SourceFilter allowed_sources;
 
     static constexpr std::uint64_t MAX_RECEIVE_BATCH = 1024;
 
 protected:
+    int set_flag(const std::string& key, std::ostringstream& detail) override;
     int set_value(const std::string& key, const std::string& value,
                   std::ostringstream& detail) override;
 };

@@ -13,6 +13,7 @@
 #include "log/logger.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
+#include "recorder/allowed_sources.hpp"
 #include "recorder/receive_loop.hpp"
 #include "stats/statistic_service.hpp"
 #include "storage/storage_manager.hpp"
@@ -50,6 +51,34 @@ void start_statistics(const Configuration& configuration) {
     const int started = statistics.start();
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start statistic service, error: " << started);
+    }
+}
+
+// Hands every datagram whose sender `admit` allows to `reader` until a stop, through the ring
+// when it is open, else through the socket as `configuration` says.
+template <typename Admit>
+void receive_admitted(const Configuration& configuration, net::Socket& socket,
+                      net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer,
+                      media::PacketReader& reader, Admit&& admit) {
+    // Blocks and batches wake the reader once for all their datagrams.
+    const auto consume_quietly = [&reader](const std::uint8_t* data, std::uint64_t length) {
+        reader.read_from(data, length, false);
+    };
+    const auto wake_reader = [&reader] { reader.wake_reader(); };
+    if (ring.fd() != -1) {
+        net::ReceiveBatch drain(DRAIN_BATCH, 0);
+        receive_blocks_until_stopped(ring, socket, drain, consume_quietly, wake_reader, admit);
+    } else if (configuration.receive_batch <= 1) {
+        receive_until_stopped(
+            socket, read_buffer,
+            [&reader](const std::uint8_t* data, std::uint64_t length) {
+                reader.read_from(data, length);
+            },
+            admit);
+    } else {
+        net::ReceiveBatch batch(configuration.receive_batch);
+        receive_batches_until_stopped(socket, batch, configuration.receive_batch_delay,
+                                      consume_quietly, wake_reader, admit);
     }
 }
 
@@ -128,7 +157,8 @@ void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring) {
     // With a ring the socket's buffer still holds its copies between two drains.
     const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
     if (configuration->receive_ring_size > 0 &&
-        ring.open(socket.local_port(), configuration->receive_ring_size)) {
+        ring.open(socket.local_port(), configuration->receive_ring_size,
+                  configuration->allowed_sources)) {
         stats::StatisticService::Instance.watch_ring_drops(ring);
         return;
     }
@@ -137,24 +167,13 @@ void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring) {
 
 void Service::receive(net::Socket& socket, net::PacketRing& ring,
                       net::Socket::ReadBuffer& read_buffer, media::PacketReader& reader) {
-    // Blocks and batches wake the reader once for all their datagrams.
-    const auto consume_quietly = [&reader](const std::uint8_t* data, std::uint64_t length) {
-        reader.read_from(data, length, false);
-    };
-    const auto wake_reader = [&reader] { reader.wake_reader(); };
-    if (ring.fd() != -1) {
-        net::ReceiveBatch drain(DRAIN_BATCH, 0);
-        receive_blocks_until_stopped(ring, socket, drain, consume_quietly, wake_reader);
-    } else if (configuration->receive_batch <= 1) {
-        receive_until_stopped(socket, read_buffer,
-                              [&reader](const std::uint8_t* data, std::uint64_t length) {
-                                  reader.read_from(data, length);
-                              });
-    } else {
-        net::ReceiveBatch batch(configuration->receive_batch);
-        receive_batches_until_stopped(socket, batch, configuration->receive_batch_delay,
-                                      consume_quietly, wake_reader);
+    const net::SourceFilter& filter = configuration->allowed_sources;
+    if (filter.empty()) {
+        receive_admitted(*configuration, socket, ring, read_buffer, reader, AnySource{});
+        return;
     }
+    receive_admitted(*configuration, socket, ring, read_buffer, reader,
+                     AllowedSources(filter, stats::StatisticService::Instance.refused_sources));
 }
 
 bool Service::record(net::Socket& socket, net::PacketRing& ring,

@@ -47,7 +47,8 @@ private:
 
     // Hands every datagram to `reader` until a stop: a block at a time from an open `ring`, else
     // one recv per datagram, or with `receive_batch` above 1 a batch per call; the reader is woken
-    // once per block or batch.
+    // once per block or batch. With `allowed_sources` set, a datagram from another sender is
+    // counted in the report's `refused_sources` and not handed on.
     void receive(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer,
                  media::PacketReader& reader);
 };

@@ -94,6 +94,9 @@ std::string MetricsFile::render(const ReportSnapshot& snapshot, const ProcessMet
                   process.kernel_drops);
     render_metric(out, "resident_memory_bytes", "resident memory of the recorder", true,
                   process.resident_bytes);
+    render_metric(out, "refused_datagrams_total",
+                  "datagrams dropped because allowed_sources does not list their sender", false,
+                  process.refused_datagrams);
     return out.str();
 }
 

@@ -21,6 +21,8 @@ struct ProcessMetrics {
     // its packet ring when it reads one.
     std::uint64_t kernel_drops = 0;
     std::uint64_t resident_bytes = 0;
+    // Datagrams dropped since the start because `allowed_sources` refused their sender.
+    std::uint64_t refused_datagrams = 0;
 };
 
 class MetricsFile {
@@ -31,7 +33,7 @@ public:
     void write(const ReportSnapshot& snapshot, const ProcessMetrics& process);
 
     // The text: "# HELP", "# TYPE" and the sample of every row in report order, then the rows
-    // of the metrics file only, the kernel drops and the resident memory.
+    // of the metrics file only, the kernel drops, the resident memory and the refused datagrams.
     static std::string render(const ReportSnapshot& snapshot, const ProcessMetrics& process);
 
     // The resident memory of this process, from /proc/self/statm; 0 when it cannot be read.

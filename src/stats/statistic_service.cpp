@@ -151,6 +151,23 @@ void StatisticService::check_ring_discards(net::PacketRing& ring) {
     }
 }
 
+void StatisticService::check_refused_sources() {
+    const net::RefusedSources::Refusals refusals = refused_sources.take();
+    if (refusals.count == 0) {
+        return;
+    }
+    m_refused_total += refusals.count;
+    in_addr address{};
+    address.s_addr = htonl(refusals.address);
+    char text[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &address, text, sizeof text);
+    QM_LOG_WARNING("STATISTIC_SERVICE: refused "
+                   << refusals.count
+                   << " datagrams from sources not in allowed_sources since the last report, the "
+                      "last from "
+                   << text << ':' << refusals.port);
+}
+
 void StatisticService::report_period() {
     const ReportSnapshot values = snapshot();
     if (log_enabled) {
@@ -159,11 +176,12 @@ void StatisticService::report_period() {
         QM_LOG_SYSTEM(report.view());
     }
     check_kernel_drops();
+    check_refused_sources();
     if (!metrics_file.empty()) {
         if (!m_metrics) {
             m_metrics = std::make_unique<MetricsFile>(metrics_file);
         }
-        m_metrics->write(values, {m_drops_total, MetricsFile::resident_bytes()});
+        m_metrics->write(values, {m_drops_total, MetricsFile::resident_bytes(), m_refused_total});
     }
     app::notify_service_manager(status_line());
 }

@@ -15,6 +15,7 @@
 #include "core/thread.hpp"
 #include "media/packet_reader_statistic.hpp"
 #include "net/packet_ring.hpp"
+#include "net/refused_sources.hpp"
 #include "stats/metrics_file.hpp"
 #include "stats/report_snapshot.hpp"
 #include "writer/media_buffer_pool_statistic.hpp"
@@ -68,8 +69,8 @@ public:
     void watch_ring_drops(net::PacketRing& ring);
 
     // One period's work: the report (unless `log_enabled` is false), the kernel drop check, the
-    // metrics file (when `metrics_file` is set) and the status line for the service manager
-    // (when it listens), all from one snapshot of the counters.
+    // refused senders' WARNING, the metrics file (when `metrics_file` is set) and the status line
+    // for the service manager (when it listens), all from one snapshot of the counters.
     void report_period();
     // The counters' values now, row by row, as the report shows them.
     ReportSnapshot snapshot() const;
@@ -90,6 +91,8 @@ public:
     writer::WritingManagerStatistic manager{};
     writer::MediaWriterStatistic writer{};
     writer::MediaBufferPoolStatistic pool{};
+    // Counted by the receiving thread when `allowed_sources` refuses a datagram's sender.
+    net::RefusedSources refused_sources{};
 
     // The title shows `number` (the listening port) when `show_number` is set.
     bool show_number = false;
@@ -112,6 +115,9 @@ private:
     // logged.
     void check_kernel_drops();
     void check_ring_discards(net::PacketRing& ring);
+    // The WARNING for the datagrams refused since the last period, whose count it adds to
+    // `m_refused_total`.
+    void check_refused_sources();
 
     // Waits one period, or less when a stop is requested; false once it is.
     bool wait_period();
@@ -132,6 +138,8 @@ private:
     // metrics file once used.
     std::uint32_t m_drops_seen = 0;
     std::uint64_t m_drops_total = 0;
+    // The report thread's own: datagrams refused by `allowed_sources` since the start.
+    std::uint64_t m_refused_total = 0;
     std::unique_ptr<MetricsFile> m_metrics;
 };
 

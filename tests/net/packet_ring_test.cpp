@@ -259,6 +259,63 @@ TEST_F(PacketRingTest, DatagramsToThePortComeThroughWholeAndInOrder) {
     EXPECT_EQ(ring.take_discarded(), 0u);
 }
 
+// The filter of `text`; fails the test when it does not parse.
+SourceFilter sources(const std::string& text) {
+    SourceFilter filter;
+    std::string error;
+    EXPECT_TRUE(SourceFilter::try_parse(text, filter, error)) << error;
+    return filter;
+}
+
+// Sends datagrams 0 to 19 alternately from 127.0.0.2 and 127.0.0.1 and returns what the ring
+// took: with `text` allowing 127.0.0.1 alone, the odd ones.
+std::vector<Bytes> take_from_two_senders(std::uint16_t port, const std::string& text,
+                                         std::vector<Bytes>& from_loopback) {
+    PacketRing ring;
+    EXPECT_TRUE(ring.open(port, 1048576, sources(text)));
+    test::UdpSender refused(port, 0x7F000002);
+    test::UdpSender allowed(port, 0x7F000001);
+    for (std::uint8_t i = 0; i < 20; ++i) {
+        EXPECT_TRUE((i % 2 == 0 ? refused : allowed).send(Bytes(50 + i, i)));
+        if (i % 2 == 1) {
+            from_loopback.push_back(Bytes(50 + i, i));
+        }
+    }
+    // The last datagram from the refused sender: once the ring has the allowed one after it,
+    // it has had its chance.
+    EXPECT_TRUE(refused.send(Bytes(5, 0xee)));
+    EXPECT_TRUE(allowed.send(Bytes(5, 0xff)));
+    from_loopback.push_back(Bytes(5, 0xff));
+    std::vector<Bytes> datagrams;
+    test::poll_until(
+        [&] {
+            while (ring.read_block([&](const std::uint8_t* data, std::uint64_t length) {
+                datagrams.emplace_back(data, data + length);
+            })) {
+            }
+            return !datagrams.empty() && datagrams.back() == from_loopback.back();
+        },
+        std::chrono::seconds(5));
+    EXPECT_EQ(ring.take_discarded(), 0u);
+    return datagrams;
+}
+
+TEST_F(PacketRingTest, OnlyAllowedSendersReachTheRing) {
+    std::vector<Bytes> allowed;
+    EXPECT_EQ(take_from_two_senders(m_port, "127.0.0.1/32", allowed), allowed);
+}
+
+// 512 networks, the allowed one last: the program's longest form, past every 8-bit jump.
+TEST_F(PacketRingTest, TheLastOfTheMostNetworksStillAllows) {
+    std::string text;
+    for (std::size_t i = 0; i + 1 < SourceFilter::MAX_NETWORKS; ++i) {
+        text += "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0/24, ";
+    }
+    text += "127.0.0.1";
+    std::vector<Bytes> allowed;
+    EXPECT_EQ(take_from_two_senders(m_port, text, allowed), allowed);
+}
+
 TEST_F(PacketRingTest, WaitEndsWithABlockOrTheDoorbell) {
     PacketRing ring;
     ASSERT_TRUE(ring.open(m_port, 1048576));

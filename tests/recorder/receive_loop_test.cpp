@@ -21,6 +21,7 @@
 #include "child_process.hpp"
 #include "log_capture.hpp"
 #include "poll.hpp"
+#include "recorder/allowed_sources.hpp"
 #include "udp_loopback.hpp"
 
 namespace qm::recorder {
@@ -85,9 +86,13 @@ struct LoopMode {
 // list. The loop's thread is the one the test signals, as the kernel signals the main thread.
 class LoopRun {
 public:
-    // `waiting` datagrams are in the socket before the loop starts.
+    // `waiting` datagrams are in the socket before the loop starts. With `allowed` set, only
+    // those senders' datagrams are taken (the ring's filter too), the others counted.
     explicit LoopRun(LoopMode mode, bool stop_in_window = false,
-                     const std::vector<std::vector<std::uint8_t>>& waiting = {}) {
+                     const std::vector<std::vector<std::uint8_t>>& waiting = {},
+                     const std::string& allowed = "") {
+        std::string error;
+        EXPECT_TRUE(net::SourceFilter::try_parse(allowed, m_allowed, error)) << error;
         if (stop_in_window) {
             m_socket.stop_in_window();
             m_ring.stop_in_window();
@@ -98,7 +103,7 @@ public:
             // The ring's start-up line is not the loop's: kept out of the test's capture.
             const test::LogCapture start_up;
             // Several blocks: with one, what arrives while the loop holds it is dropped.
-            EXPECT_TRUE(m_ring.open(m_port, 4 * net::PacketRing::BLOCK_SIZE));
+            EXPECT_TRUE(m_ring.open(m_port, 4 * net::PacketRing::BLOCK_SIZE, m_allowed));
         }
         for (const std::vector<std::uint8_t>& datagram : waiting) {
             send(datagram);
@@ -106,21 +111,10 @@ public:
         m_thread = std::thread([this, mode] {
             // Release: the test reads the thread's /proc entry once it sees the id.
             m_thread_id.store(::gettid(), std::memory_order_release);
-            const auto consume = [this](const std::uint8_t* data, std::uint64_t length) {
-                m_datagrams.emplace_back(data, data + length);
-                // Relaxed: only counts; the datagrams are read after the loop has ended.
-                m_consumed.fetch_add(1, std::memory_order_relaxed);
-            };
-            const auto flush = [this] { m_flushes.push_back(m_datagrams.size()); };
-            if (mode.ring) {
-                // Smaller than the tests' bursts: the drain takes several calls.
-                net::ReceiveBatch drain(4, 0);
-                receive_blocks_until_stopped(m_ring, m_socket, drain, consume, flush);
-            } else if (mode.batch == 1) {
-                receive_until_stopped(m_socket, *m_buffer, consume);
+            if (m_allowed.empty()) {
+                run(mode, AnySource{});
             } else {
-                net::ReceiveBatch batch(mode.batch);
-                receive_batches_until_stopped(m_socket, batch, mode.delay_us, consume, flush);
+                run(mode, AllowedSources(m_allowed, m_refused));
             }
             // Release: the datagrams are written before the flag says the loop is over.
             m_ended.store(true, std::memory_order_release);
@@ -165,6 +159,8 @@ public:
             timeout, 1ms);
     }
 
+    std::uint16_t port() const { return m_port; }
+
     // A datagram: the only other thing that ends a wait.
     void release() { EXPECT_TRUE(test::send_udp(m_port, std::vector<std::uint8_t>{0x5A})); }
 
@@ -191,7 +187,31 @@ public:
     // The number of datagrams consumed at each flush of the batched or the ring's loop.
     const std::vector<std::size_t>& flushes() const { return m_flushes; }
 
+    net::RefusedSources& refused() { return m_refused; }
+
 private:
+    template <typename Admit>
+    void run(LoopMode mode, Admit admit) {
+        const auto consume = [this](const std::uint8_t* data, std::uint64_t length) {
+            m_datagrams.emplace_back(data, data + length);
+            // Relaxed: only counts; the datagrams are read after the loop has ended.
+            m_consumed.fetch_add(1, std::memory_order_relaxed);
+        };
+        const auto flush = [this] { m_flushes.push_back(m_datagrams.size()); };
+        if (mode.ring) {
+            // Smaller than the tests' bursts: the drain takes several calls.
+            net::ReceiveBatch drain(4, 0);
+            receive_blocks_until_stopped(m_ring, m_socket, drain, consume, flush, admit);
+        } else if (mode.batch == 1) {
+            receive_until_stopped(m_socket, *m_buffer, consume, admit);
+        } else {
+            net::ReceiveBatch batch(mode.batch);
+            receive_batches_until_stopped(m_socket, batch, mode.delay_us, consume, flush, admit);
+        }
+    }
+
+    net::SourceFilter m_allowed;
+    net::RefusedSources m_refused;
     std::uint16_t m_port = 0;
     WindowSocket m_socket;
     WindowRing m_ring;
@@ -371,6 +391,40 @@ TEST(ReceiveRingLoopTest, EachBlockIsFlushedOnceAfterItsDatagrams) {
     EXPECT_EQ(loop.left_in_socket(), 0u);
     EXPECT_EQ(net::kernel_drops(loop.socket_fd()), 0u);
     ::signal(SIGTERM, SIG_DFL);
+}
+
+// Datagrams from a sender not allowed are counted, not consumed, whichever way they are read;
+// those of an allowed sender sent in between arrive whole and in order.
+TEST_P(ReceiveLoopTest, RefusedSendersAreCountedAndNotConsumed) {
+    LoopRun loop(GetParam(), false, {}, "127.0.0.1/32");
+    test::UdpSender refused(loop.port(), 0x7F000002);
+    test::UdpSender allowed(loop.port(), 0x7F000001);
+    std::vector<std::vector<std::uint8_t>> sent;
+    for (std::uint8_t i = 0; i < 30; ++i) {
+        ASSERT_TRUE(refused.send(std::vector<std::uint8_t>(20, i)));
+        // An empty datagram is counted too.
+        ASSERT_TRUE(refused.send({}));
+        sent.push_back(std::vector<std::uint8_t>(10 + i, i));
+        ASSERT_TRUE(allowed.send(sent.back()));
+    }
+    // The ring's loop counts refusals when it drains the socket: after a block, or at the latest
+    // when its wait times out.
+    ASSERT_TRUE(test::poll_until([&] { return loop.consumed() == sent.size(); }, 5000ms));
+    std::uint64_t counted = 0;
+    net::RefusedSources::Refusals last;
+    ASSERT_TRUE(test::poll_until(
+        [&] {
+            last = loop.refused().take();
+            counted += last.count;
+            return counted >= 60;
+        },
+        5000ms));
+    loop.stop_once_consumed(sent.size());
+
+    EXPECT_EQ(loop.datagrams(), sent);
+    EXPECT_EQ(counted + loop.refused().take().count, 60u);
+    EXPECT_EQ(last.address, 0x7F000002u);
+    EXPECT_EQ(last.port, refused.local_port());
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, ReceiveLoopTest,

@@ -39,6 +39,7 @@ ReportSnapshot small_snapshot(std::uint64_t sessions, std::uint64_t lost) {
 // Exported counters only grow, so none may wrap: every value the file shows is 64 bits wide.
 static_assert(std::is_same_v<decltype(ReportRow::value), std::uint64_t>);
 static_assert(std::is_same_v<decltype(ProcessMetrics::kernel_drops), std::uint64_t>);
+static_assert(std::is_same_v<decltype(ProcessMetrics::refused_datagrams), std::uint64_t>);
 static_assert(std::is_same_v<decltype(std::declval<StatisticCounter>().load()), std::uint64_t>);
 
 std::string contents(const std::filesystem::path& path) {
@@ -54,7 +55,26 @@ TEST(MetricsFileTest, KernelDropsBeyond32BitsAreShownWhole) {
               "quillmarwriter_kernel_drops_total 4294967328\n"
               "# HELP quillmarwriter_resident_memory_bytes resident memory of the recorder\n"
               "# TYPE quillmarwriter_resident_memory_bytes gauge\n"
-              "quillmarwriter_resident_memory_bytes 0\n");
+              "quillmarwriter_resident_memory_bytes 0\n"
+              "# HELP quillmarwriter_refused_datagrams_total datagrams dropped because "
+              "allowed_sources does not list their sender\n"
+              "# TYPE quillmarwriter_refused_datagrams_total counter\n"
+              "quillmarwriter_refused_datagrams_total 0\n");
+}
+
+TEST(MetricsFileTest, RefusedDatagramsFollowTheResidentMemory) {
+    EXPECT_EQ(MetricsFile::render({}, {1, 2, 0x100000003}),
+              "# HELP quillmarwriter_kernel_drops_total datagrams the system dropped because the "
+              "receive buffer was full\n"
+              "# TYPE quillmarwriter_kernel_drops_total counter\n"
+              "quillmarwriter_kernel_drops_total 1\n"
+              "# HELP quillmarwriter_resident_memory_bytes resident memory of the recorder\n"
+              "# TYPE quillmarwriter_resident_memory_bytes gauge\n"
+              "quillmarwriter_resident_memory_bytes 2\n"
+              "# HELP quillmarwriter_refused_datagrams_total datagrams dropped because "
+              "allowed_sources does not list their sender\n"
+              "# TYPE quillmarwriter_refused_datagrams_total counter\n"
+              "quillmarwriter_refused_datagrams_total 4294967299\n");
 }
 
 TEST(MetricsFileTest, RenderIsTheTextExpositionFormat) {
@@ -80,7 +100,11 @@ TEST(MetricsFileTest, RenderIsTheTextExpositionFormat) {
               "quillmarwriter_kernel_drops_total 5\n"
               "# HELP quillmarwriter_resident_memory_bytes resident memory of the recorder\n"
               "# TYPE quillmarwriter_resident_memory_bytes gauge\n"
-              "quillmarwriter_resident_memory_bytes 1048576\n");
+              "quillmarwriter_resident_memory_bytes 1048576\n"
+              "# HELP quillmarwriter_refused_datagrams_total datagrams dropped because "
+              "allowed_sources does not list their sender\n"
+              "# TYPE quillmarwriter_refused_datagrams_total counter\n"
+              "quillmarwriter_refused_datagrams_total 0\n");
 }
 
 TEST(MetricsFileTest, EveryWriteReplacesTheWholeFileAndLeavesNothingElse) {

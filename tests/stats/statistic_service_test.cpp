@@ -294,7 +294,7 @@ TEST(StatisticPeriodTest, MetricsOfAPeriodShowTheNumbersOfItsReport) {
         }
     }
     EXPECT_EQ(rows, 38u);
-    EXPECT_EQ(values.size(), rows + 5);
+    EXPECT_EQ(values.size(), rows + 6);
     // Counters of the metrics file alone; the framed report below does not show them.
     EXPECT_EQ(values.at("quillmarwriter_unwritten_bytes_total"), 46u);
     EXPECT_EQ(values.at("quillmarwriter_repair_cut_bytes_total"), 47u);
@@ -304,6 +304,7 @@ TEST(StatisticPeriodTest, MetricsOfAPeriodShowTheNumbersOfItsReport) {
     EXPECT_EQ(values.at("quillmarwriter_written_bytes_total"), 5'368'709'120ULL);
     EXPECT_EQ(values.at("quillmarwriter_packet_ctrl_type_total"), 45u);
     EXPECT_EQ(values.at("quillmarwriter_kernel_drops_total"), 0u);
+    EXPECT_EQ(values.at("quillmarwriter_refused_datagrams_total"), 0u);
     EXPECT_GT(values.at("quillmarwriter_resident_memory_bytes"), 0u);
     std::ostringstream report;
     service.print(report, snapshot);
@@ -385,6 +386,43 @@ TEST(StatisticPeriodTest, RingDropsAndDiscardsAreWarnedOnceWithTheirCounts) {
     EXPECT_EQ(service.status_line(), "STATUS=0 sessions, 0 datagrams, " +
                                          std::to_string(SENT - taken) +
                                          " dropped by the system, 0 media bytes dropped");
+}
+
+// The sender as the system gives it: network order.
+sockaddr_in source(std::uint32_t address, std::uint16_t port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr.s_addr = htonl(address);
+    result.sin_port = htons(port);
+    return result;
+}
+
+// Each period with refusals has one WARNING with its count and the latest sender; the metrics
+// file keeps the total; a period without any says nothing.
+TEST(StatisticPeriodTest, RefusedSourcesAreWarnedPerPeriodAndTotalledInTheMetrics) {
+    test::TempDirectory directory;
+    test::LogCapture capture;
+    StatisticService service;
+    service.log_enabled = false;
+    service.metrics_file = (directory.path() / "quillmarwriter.prom").string();
+    service.refused_sources.refuse(source(0x0A000001, 5000));
+    service.refused_sources.refuse(source(0x7F000002, 65535));
+    service.report_period();
+    service.report_period();
+    for (int i = 0; i < 3; ++i) {
+        service.refused_sources.refuse(source(0xC0000207, 1));
+    }
+    service.report_period();
+
+    EXPECT_EQ(capture.texts(log::Level::WARNING),
+              (std::vector<std::string>{
+                  "STATISTIC_SERVICE: refused 2 datagrams from sources not in allowed_sources "
+                  "since the last report, the last from 127.0.0.2:65535",
+                  "STATISTIC_SERVICE: refused 3 datagrams from sources not in allowed_sources "
+                  "since the last report, the last from 192.0.2.7:1"}));
+    EXPECT_EQ(
+        samples(test::read_file(service.metrics_file)).at("quillmarwriter_refused_datagrams_total"),
+        5u);
 }
 
 TEST(StatisticServiceTest, TransferSettingsStartAsLoopbackPortZero) {

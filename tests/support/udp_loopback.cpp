@@ -70,8 +70,28 @@ bool send_udp(std::uint16_t port, const std::vector<std::uint8_t>& bytes) {
     return send_udp(port, bytes.data(), bytes.size());
 }
 
-UdpSender::UdpSender(std::uint16_t port)
-    : m_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_port(port) {}
+UdpSender::UdpSender(std::uint16_t port, std::uint32_t from)
+    : m_socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_port(port) {
+    if (from == 0) {
+        return;
+    }
+    sockaddr_in source{};
+    source.sin_family = AF_INET;
+    source.sin_addr.s_addr = htonl(from);
+    if (::bind(m_socket, reinterpret_cast<const sockaddr*>(&source), sizeof source) != 0) {
+        ::close(m_socket);
+        m_socket = -1;
+    }
+}
+
+std::uint16_t UdpSender::local_port() const {
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    if (::getsockname(m_socket, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
+        return 0;
+    }
+    return ntohs(local.sin_port);
+}
 
 UdpSender::~UdpSender() {
     ::close(m_socket);

@@ -25,11 +25,12 @@ std::vector<std::uint8_t> udp_packet_with_broken_length(std::uint16_t port);
 // system fills in only the IP length and checksum); false when that failed. Needs CAP_NET_RAW.
 bool send_raw_ipv4(const std::vector<std::uint8_t>& packet);
 
-// One socket that sends datagrams to 127.0.0.1:`port`, for tests that send many. Threads: used
-// by one thread at a time.
+// One socket that sends datagrams to 127.0.0.1:`port`, for tests that send many; with `from`
+// (host order, such as 0x7F000002 for 127.0.0.2) it is bound to that source address first, and
+// when that fails every send fails. Threads: used by one thread at a time.
 class UdpSender {
 public:
-    explicit UdpSender(std::uint16_t port);
+    explicit UdpSender(std::uint16_t port, std::uint32_t from = 0);
     ~UdpSender();
 
     UdpSender(const UdpSender&) = delete;
@@ -37,6 +38,9 @@ public:
 
     // False when the send failed or was cut short.
     bool send(const std::vector<std::uint8_t>& bytes);
+
+    // The port the system bound the socket to, host order; 0 before the first send (or bind).
+    std::uint16_t local_port() const;
 
     std::uint64_t sent() const { return m_sent; }
     std::uint64_t failed() const { return m_failed; }

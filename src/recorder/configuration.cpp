@@ -218,6 +218,9 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "receive_ring_size") {
         return to_status(try_parse_socket_bytes(value, receive_ring_size));
     }
+    if (key == "receive_ring_nft") {
+        return to_status(conf::try_parse_bool(value, receive_ring_nft));
+    }
     if (key == "flush_open_sessions_on_stop") {
         return to_status(conf::try_parse_bool(value, flush_open_sessions_on_stop));
     }

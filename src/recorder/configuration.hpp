@@ -69,6 +69,10 @@ public:
     // Bytes of a packet ring to receive through instead of reading the socket (whole blocks of
     // 128 KiB); 0 reads the socket. Needs CAP_NET_RAW, else the socket is read after a WARNING.
     std::uint64_t receive_ring_size = 0;
+    // With a ring: stop the UDP socket's copies of what the ring takes before UDP with an nftables
+    // rule, instead of draining them (needs nft and CAP_NET_ADMIN, else they are drained after a
+    // WARNING).
+    bool receive_ring_nft = false;
 
     // At an orderly stop, hand every open leg's current buffer to the media writer before it
     // drains, so that its file ends at the last accepted packet; false drops those buffers.

@@ -13,6 +13,7 @@
 #include "log/logger.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
+#include "net/nft_port_rule.hpp"
 #include "recorder/allowed_sources.hpp"
 #include "recorder/receive_loop.hpp"
 #include "stats/statistic_service.hpp"
@@ -139,26 +140,33 @@ bool Service::on_start() {
     const auto read_buffer = std::make_unique<net::Socket::ReadBuffer>();
     net::Socket socket;
     net::PacketRing ring;
+    net::NftPortRule rule;
     bool recorded = false;
     if (socket.open(configuration->port, INADDR_ANY)) {
-        prepare_receiving(socket, ring);
+        prepare_receiving(socket, ring, rule);
         recorded = record(socket, ring, *read_buffer, open_legs);
     }
     // Also when the socket could not be bound: no thread may log while the frame puts the
     // logger away. A failed join is logged by the thread's owner; there is nothing else to do.
     static_cast<void>(storage.stop());
     static_cast<void>(stats::StatisticService::Instance.stop());
+    rule.remove();
     ring.close();
     socket.close();
     return recorded;
 }
 
-void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring) {
+void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring,
+                                net::NftPortRule& rule) {
     // With a ring the socket's buffer still holds its copies between two drains.
     const std::uint64_t granted = socket.set_receive_buffer(configuration->receive_buffer_size);
     if (configuration->receive_ring_size > 0 &&
         ring.open(socket.local_port(), configuration->receive_ring_size,
                   configuration->allowed_sources)) {
+        if (configuration->receive_ring_nft) {
+            // Without the rule the copies are drained: slower, not wrong.
+            static_cast<void>(rule.add(socket.local_port(), configuration->allowed_sources));
+        }
         stats::StatisticService::Instance.watch_ring_drops(ring);
         return;
     }

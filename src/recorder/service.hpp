@@ -3,6 +3,7 @@
 #include "app/configured_service.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
+#include "net/nft_port_rule.hpp"
 #include "net/packet_ring.hpp"
 #include "recorder/configuration.hpp"
 #include "writer/open_legs.hpp"
@@ -33,10 +34,11 @@ protected:
     [[nodiscard]] bool on_start() override;
 
 private:
-    // With `receive_ring_size` set, opens `ring` on the socket's port and makes the socket discard
-    // what it receives; otherwise, or when the ring cannot be opened, sizes the socket's receive
-    // buffer. Either way the report watches the drops of what is read.
-    void prepare_receiving(net::Socket& socket, net::PacketRing& ring);
+    // Sizes the socket's receive buffer and, with `receive_ring_size` set, opens `ring` on the
+    // socket's port, and with `receive_ring_nft` also puts `rule` in place so that the socket's
+    // copies stop before UDP. The report watches the drops of what is read: the ring's when it is
+    // open, else the socket's.
+    void prepare_receiving(net::Socket& socket, net::PacketRing& ring, net::NftPortRule& rule);
 
     // Builds the writing manager and the packet reader behind the open `socket` (or `ring` when
     // open), receives until a stop, and takes them down in reverse: the media writer drains

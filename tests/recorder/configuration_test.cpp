@@ -60,6 +60,7 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->receive_batch, 1u);
     EXPECT_EQ(configuration->receive_batch_delay, 0u);
     EXPECT_EQ(configuration->receive_ring_size, 0u);
+    EXPECT_FALSE(configuration->receive_ring_nft);
     EXPECT_FALSE(configuration->flush_open_sessions_on_stop);
     EXPECT_EQ(configuration->metrics_file, "");
     EXPECT_FALSE(configuration->storage_mode_mask.has_value());
@@ -87,6 +88,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_EQ(configuration->receive_batch, 64u);
     EXPECT_EQ(configuration->receive_batch_delay, 1000u);
     EXPECT_EQ(configuration->receive_ring_size, 33554432u);
+    EXPECT_TRUE(configuration->receive_ring_nft);
     EXPECT_TRUE(configuration->flush_open_sessions_on_stop);
     EXPECT_TRUE(configuration->media_write_repair);
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
@@ -119,6 +121,7 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
                                                   "receive_batch = 64\n"
                                                   "receive_batch_delay = 2ms\n"
                                                   "receive_ring_size = 64M\n"
+                                                  "receive_ring_nft = true\n"
                                                   "flush_open_sessions_on_stop = true\n"
                                                   "metrics_file = /var/lib/m/q.prom\n");
     ASSERT_TRUE(configuration->parse_file(path));
@@ -140,6 +143,7 @@ TEST_F(WriterConfigurationTest, EveryKeyIsApplied) {
     EXPECT_EQ(configuration->receive_batch, 64u);
     EXPECT_EQ(configuration->receive_batch_delay, 2000u);
     EXPECT_EQ(configuration->receive_ring_size, 67108864u);
+    EXPECT_TRUE(configuration->receive_ring_nft);
     EXPECT_TRUE(capture.texts(Level::WARNING).empty());
     EXPECT_EQ(capture.count("CONFIGURATION: option [storage] is set to [/srv/rec ords]"), 1u);
 }

@@ -9,7 +9,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libsndfile1-dev nlohmann-json3-dev
     libsystemd-dev python3 python3-prometheus-client
-    dpkg-dev file systemd groff-base ccache procps
+    dpkg-dev file systemd groff-base ccache procps nftables
 )
 
 missing=()

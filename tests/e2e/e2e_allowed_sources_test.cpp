@@ -13,6 +13,7 @@
 
 #include "io/io_session_path.hpp"
 #include "media/packet_encoder.hpp"
+#include "network_namespace.hpp"
 #include "recorder_e2e.hpp"
 #include "udp_loopback.hpp"
 
@@ -187,6 +188,17 @@ TEST_F(AllowedSourcesE2eTest, CallsFromOtherSendersAreCountedAndLeaveNothingInBa
 TEST_F(AllowedSourcesE2eTest, CallsFromOtherSendersAreCountedAndLeaveNothingThroughTheRing) {
     const ChildProcess& process = record_and_refuse("receive_ring_size = 1M\n");
     EXPECT_GE(line_index(process.error_lines(), "]: receiving port "), 0);
+}
+
+// The nftables rule stops only the allowed senders' copies before UDP: the others still reach the
+// socket, where they are counted. In a network namespace of the test's own, so that the host's
+// firewall is not touched.
+TEST_F(AllowedSourcesE2eTest, CallsFromOtherSendersAreCountedThroughTheRingWithTheNftRule) {
+    NetworkNamespace own;
+    ASSERT_TRUE(own.enter());
+    const ChildProcess& process =
+        record_and_refuse("receive_ring_size = 1M\nreceive_ring_nft = true\n");
+    EXPECT_EQ(texts(log_lines(process), "SYSTEM", "nft_port_rule.cpp").size(), 1u);
 }
 
 TEST_F(AllowedSourcesE2eTest, AListThatDoesNotParseKeepsTheRecorderFromStarting) {

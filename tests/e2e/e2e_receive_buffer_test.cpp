@@ -143,6 +143,39 @@ TEST_F(ReceiveBufferE2eTest, RingIsLoggedAndTheSocketIsDrained) {
     EXPECT_EQ(line_index(process.error_lines(), "receive buffer"), -1);
 }
 
+// Without CAP_NET_ADMIN nft cannot add the rule: the recorder says so and drains the socket, and
+// records as before.
+TEST_F(ReceiveBufferE2eTest, WithoutCapNetAdminTheRingsCopiesAreDrained) {
+    const std::string config = directory.write_file(
+        "writer.conf", "storage = " + storage().string() +
+                           "\nport = " + std::to_string(pick_port()) +
+                           "\nreceive_ring_size = 1M\nreceive_ring_nft = true\n");
+    ChildProcess& process =
+        start_program("/usr/bin/setpriv",
+                      {"--bounding-set=-net_admin", "--", QM_BINARY_PATH, "--config", config}, {});
+    ASSERT_TRUE(wait_receiving(process)) << process.standard_error();
+    StartFields start;
+    send(encode_start(start));
+    const bool recorded = process.wait_for_line("| START | ", TIMEOUT);
+    std::optional<UdpQueue> queue;
+    const bool drained = poll_until(
+        [&] {
+            queue = udp_queue(port);
+            return queue && queue->queued_bytes == 0;
+        },
+        TIMEOUT);
+    const ExitStatus status = stop(process);
+
+    EXPECT_TRUE(recorded) << process.standard_error();
+    EXPECT_TRUE(drained);
+    EXPECT_TRUE(status.exited_with(0)) << status.describe();
+    EXPECT_EQ(texts(log_lines(process), "WARNING", "nft_port_rule.cpp"),
+              (std::vector<std::string>{"NFT_PORT_RULE: failed to add the rule for port " +
+                                        std::to_string(port) +
+                                        ", nft exit status 1; draining the socket instead (the "
+                                        "rule needs nft and CAP_NET_ADMIN)"}));
+}
+
 TEST_F(ReceiveBufferE2eTest, WithoutCapNetRawTheRecorderReadsItsSocket) {
     ChildProcess& process = start_unprivileged_recorder("receive_ring_size = 1M\n");
     StartFields start;

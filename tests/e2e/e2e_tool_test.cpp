@@ -213,17 +213,28 @@ TEST_P(ReceivePathE2eTest, EverySentCallIsRecorded) {
     expect_every_leg_verified(100);
 }
 
+// The two ways the socket beside the ring gives up its copies: drained, or stopped before UDP by
+// the recorder's nftables rule (`receive_ring_nft`).
+class RingCountersE2eTest : public ToolE2eTest, public ::testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(DrainedAndStoppedBeforeUdp, RingCountersE2eTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return info.param ? std::string("Nft") : std::string("Drained");
+                         });
+
 // A million datagrams at 100000/s through the ring, in a network namespace of the test's own so
-// that no other suite counts into the host's figures: the socket beside the ring is drained, so
-// neither the UDP error counts nor the socket's drops grow, and every datagram is in the files.
-TEST_F(ToolE2eTest, TheRingLeavesTheUdpErrorCountsAlone) {
+// that no other suite counts into the host's figures: neither the UDP error counts nor the socket's
+// drops grow, and every datagram is in the files.
+TEST_P(RingCountersE2eTest, TheRingLeavesTheUdpErrorCountsAlone) {
     NetworkNamespace own;
     ASSERT_TRUE(own.enter());
     const std::optional<std::uint64_t> in_errors = udp_counter("InErrors");
     const std::optional<std::uint64_t> buffer_errors = udp_counter("RcvbufErrors");
     ASSERT_TRUE(in_errors && buffer_errors);
     ChildProcess& recorder = start_recorder(
-        "receive_ring_size = 32M\nreceive_buffer_size = 32M\nmedia_buffers_count = 4000\n");
+        "receive_ring_size = 32M\nreceive_buffer_size = 32M\nmedia_buffers_count = 4000\n"
+        "receive_ring_nft = " +
+        std::string(GetParam() ? "true" : "false") + "\n");
 
     const ToolRun sent =
         send_calls({"--calls", "1000", "--duration", "10", "--rate", "100000", "--one-by-one"});
@@ -242,6 +253,18 @@ TEST_F(ToolE2eTest, TheRingLeavesTheUdpErrorCountsAlone) {
     EXPECT_EQ(queue->drops, 0u);
     EXPECT_EQ(sent.out.rfind("sent 1000 legs: 1002000 datagrams (", 0), 0u) << sent.out;
     expect_every_leg_verified(1000);
+    const std::string table = "quillmarwriter_" + std::to_string(port);
+    EXPECT_EQ(texts(log_lines(recorder), "SYSTEM", "nft_port_rule.cpp"),
+              GetParam() ? std::vector<std::string>{"NFT_PORT_RULE: datagrams to port " +
+                                                    std::to_string(port) +
+                                                    " that the ring takes stop before UDP "
+                                                    "(nftables table ip " +
+                                                    table + ")"}
+                         : std::vector<std::string>{});
+    // The recorder takes its table away at the stop.
+    const int listed =
+        std::system(("/usr/sbin/nft list table ip " + table + " >/dev/null 2>&1").c_str());
+    EXPECT_TRUE(WIFEXITED(listed) && WEXITSTATUS(listed) == 1) << listed;
 }
 
 // A stop in the middle of a flood ends the receive loop at once and the writer drains: the

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "io/io_session_path.hpp"
 #include "media/packet_encoder.hpp"
 #include "network_namespace.hpp"
+#include "numbered_legs.hpp"
 #include "recorder_e2e.hpp"
 #include "udp_loopback.hpp"
 
@@ -36,27 +36,9 @@ protected:
     // Every datagram of the refused calls.
     static constexpr std::uint64_t REFUSED = CALLS * (FRAMES + 2);
 
-    static StartFields start_of(std::uint32_t leg) {
-        StartFields start;
-        start.header.id = 1000 + leg;
-        start.header.uuid[14] = static_cast<std::uint8_t>(leg >> 8);
-        start.header.uuid[15] = static_cast<std::uint8_t>(leg);
-        return start;
-    }
-
-    static DataFields frame_of(std::uint32_t leg, std::uint32_t seq) {
-        DataFields data;
-        data.header = start_of(leg).header;
-        data.header.mt += seq * 20000;
-        data.seq = seq;
-        data.off = (seq - 1) * 160;
-        data.payload.assign(160, static_cast<std::uint16_t>(leg * 100 + seq));
-        return data;
-    }
-
     static TerminateFields terminate_of(std::uint32_t leg) {
         TerminateFields terminate;
-        terminate.header = frame_of(leg, FRAMES).header;
+        terminate.header = numbered_frame(leg, FRAMES).header;
         terminate.header.mt += 20000;
         return terminate;
     }
@@ -75,9 +57,9 @@ protected:
             }
             EXPECT_TRUE(wait_drained());
         };
-        round([](std::uint32_t leg) { return encode_start(start_of(leg)); });
+        round([](std::uint32_t leg) { return encode_start(numbered_start(leg)); });
         for (std::uint32_t seq = 1; seq <= FRAMES; ++seq) {
-            round([seq](std::uint32_t leg) { return encode_data(frame_of(leg, seq)); });
+            round([seq](std::uint32_t leg) { return encode_data(numbered_frame(leg, seq)); });
         }
         round([](std::uint32_t leg) { return encode_terminate(terminate_of(leg)); });
         m_refused_port = refused.local_port();
@@ -85,24 +67,15 @@ protected:
     }
 
     std::filesystem::path directory_of(std::uint32_t leg) const {
-        const StartFields start = start_of(leg);
-        return (storage() / io::session_path(start.ts, start.header.uuid)).parent_path();
-    }
-
-    static std::string expected_file(std::uint32_t leg) {
-        Datagram bytes = encode_file_header(start_of(leg));
-        for (std::uint32_t seq = 1; seq <= FRAMES; ++seq) {
-            const Datagram frame = encode_frame(frame_of(leg, seq), start_of(leg).sync_mt);
-            bytes.insert(bytes.end(), frame.begin(), frame.end());
-        }
-        return std::string(bytes.begin(), bytes.end());
+        return numbered_file_path(storage(), leg).parent_path();
     }
 
     // How many of the allowed calls' files hold every frame.
     std::size_t whole_calls() const {
         std::size_t whole = 0;
         for (std::uint32_t leg = 0; leg < CALLS; ++leg) {
-            whole += read_file(directory_of(leg) / "media.qm") == expected_file(leg) ? 1 : 0;
+            whole +=
+                read_file(numbered_file_path(storage(), leg)) == numbered_file(leg, FRAMES) ? 1 : 0;
         }
         return whole;
     }

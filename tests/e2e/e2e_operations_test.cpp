@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "io/io_session_path.hpp"
 #include "media/packet_encoder.hpp"
+#include "numbered_legs.hpp"
 #include "recorder_e2e.hpp"
 
 namespace qm::test {
@@ -75,9 +75,10 @@ TEST_F(OperationsE2eTest, ServiceManagerHearsReadyOnlyOnceThePortTakesPacketsThe
                                                 "\nport = " + std::to_string(chosen) + "\n");
     ChildProcess& process = start({"--config", config}, {}, {manager.variable()});
 
-    // At the moment READY=1 arrives the socket is bound and the packet reader runs.
+    // At the moment READY=1 arrives the socket is bound, so what is sent from then on is queued
+    // for the packet reader, whose thread has been created (it logs its start line when it first
+    // runs, which may come a moment after READY=1).
     bool bound_when_ready = false;
-    bool reader_when_ready = false;
     ASSERT_TRUE(poll_until(
         [&] {
             manager.collect();
@@ -85,13 +86,12 @@ TEST_F(OperationsE2eTest, ServiceManagerHearsReadyOnlyOnceThePortTakesPacketsThe
                 return false;
             }
             bound_when_ready = udp_queue(chosen).has_value();
-            reader_when_ready = line_index(process.error_lines(), RECEIVING) >= 0;
             return true;
         },
         TIMEOUT, std::chrono::milliseconds(1)))
         << process.standard_error();
     EXPECT_TRUE(bound_when_ready);
-    EXPECT_TRUE(reader_when_ready);
+    EXPECT_TRUE(wait_receiving(process)) << process.standard_error();
     // A report period later, the status.
     ASSERT_TRUE(poll_until(
         [&] {
@@ -264,33 +264,15 @@ protected:
     // open one.
     static constexpr std::uint32_t FRAMES_IN_FULL_BUFFERS = 24;
 
-    static StartFields start_of(std::uint32_t leg) {
-        StartFields start;
-        start.header.id = 1000 + leg;
-        start.header.uuid[14] = static_cast<std::uint8_t>(leg >> 8);
-        start.header.uuid[15] = static_cast<std::uint8_t>(leg);
-        return start;
-    }
-
-    static DataFields frame_of(std::uint32_t leg, std::uint32_t seq) {
-        DataFields data;
-        data.header = start_of(leg).header;
-        data.header.mt += seq * 20000;
-        data.seq = seq;
-        data.off = (seq - 1) * 160;
-        data.payload.assign(160, static_cast<std::uint16_t>(leg * 100 + seq));
-        return data;
-    }
-
     // Sends every leg's start and frames, no terminate, and waits until the recorder has taken
     // every data packet (its trace line is the proof).
     void send_open_legs(const ChildProcess& process) {
         for (std::uint32_t leg = 0; leg < LEGS; ++leg) {
-            send(encode_start(start_of(leg)));
+            send(encode_start(numbered_start(leg)));
         }
         for (std::uint32_t seq = 1; seq <= FRAMES; ++seq) {
             for (std::uint32_t leg = 0; leg < LEGS; ++leg) {
-                send(encode_data(frame_of(leg, seq)));
+                send(encode_data(numbered_frame(leg, seq)));
             }
             ASSERT_TRUE(wait_drained());
         }
@@ -305,26 +287,12 @@ protected:
             TIMEOUT));
     }
 
-    // What a leg's file holds with its first `frames` frames.
-    static std::string expected_file(std::uint32_t leg, std::uint32_t frames) {
-        Datagram bytes = encode_file_header(start_of(leg));
-        for (std::uint32_t seq = 1; seq <= frames; ++seq) {
-            const Datagram frame = encode_frame(frame_of(leg, seq), start_of(leg).sync_mt);
-            bytes.insert(bytes.end(), frame.begin(), frame.end());
-        }
-        return std::string(bytes.begin(), bytes.end());
-    }
-
-    std::filesystem::path file_of(std::uint32_t leg) const {
-        const StartFields start = start_of(leg);
-        return storage() / io::session_path(start.ts, start.header.uuid);
-    }
-
     // How many legs' files hold exactly their first `frames` frames per side.
     std::size_t legs_holding(std::uint32_t frames) const {
         std::size_t legs = 0;
         for (std::uint32_t leg = 0; leg < LEGS; ++leg) {
-            legs += read_file(file_of(leg)) == expected_file(leg, frames) ? 1 : 0;
+            legs +=
+                read_file(numbered_file_path(storage(), leg)) == numbered_file(leg, frames) ? 1 : 0;
         }
         return legs;
     }

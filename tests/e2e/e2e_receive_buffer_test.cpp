@@ -125,20 +125,15 @@ TEST_F(ReceiveBufferE2eTest, RingIsLoggedAndTheSocketIsDrained) {
     StartFields start;
     send(encode_start(start));
     ASSERT_TRUE(process.wait_for_line("| START | ", TIMEOUT)) << process.standard_error();
-    std::optional<UdpQueue> queue;
-    const bool drained = poll_until(
-        [&] {
-            queue = udp_queue(port);
-            return queue && queue->queued_bytes == 0;
-        },
-        TIMEOUT);
+    const bool drained = wait_drained();
+    const std::optional<UdpQueue> queue = udp_queue(port);
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
     expect_line(process, "SYSTEM ", "packet_ring.cpp",
                 R"(PACKET_RING\[\d+\]: receiving port )" + std::to_string(port) +
                     " through 8 blocks of 131072 bytes");
-    ASSERT_TRUE(drained);
+    ASSERT_TRUE(drained && queue.has_value());
     EXPECT_EQ(queue->drops, 0u);
     EXPECT_EQ(line_index(process.error_lines(), "receive buffer"), -1);
 }
@@ -157,13 +152,7 @@ TEST_F(ReceiveBufferE2eTest, WithoutCapNetAdminTheRingsCopiesAreDrained) {
     StartFields start;
     send(encode_start(start));
     const bool recorded = process.wait_for_line("| START | ", TIMEOUT);
-    std::optional<UdpQueue> queue;
-    const bool drained = poll_until(
-        [&] {
-            queue = udp_queue(port);
-            return queue && queue->queued_bytes == 0;
-        },
-        TIMEOUT);
+    const bool drained = wait_drained();
     const ExitStatus status = stop(process);
 
     EXPECT_TRUE(recorded) << process.standard_error();

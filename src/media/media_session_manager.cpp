@@ -132,6 +132,7 @@ bool SessionManager::accept_sequence(Session& session, const DataPacket& packet)
     }
     if (last != 0) {
         statistic().session_lost_packets += seq - 1 - last;
+        session.lost_packets[packet.header.side()] += seq - 1 - last;
     }
     last = seq;
     return true;

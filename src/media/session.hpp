@@ -52,6 +52,8 @@ public:
     std::uint64_t created_us = 0;
     // Last accepted data-packet `seq` per side; 0 means "accept the next one as it is".
     std::array<std::uint32_t, 2> last_seq{};
+    // Per side, the packets the accepted sequence numbers skipped.
+    std::array<std::uint64_t, 2> lost_packets{};
     std::string call_id;
     std::uint64_t last_activity_us = 0;
     // The session's element in the manager's activity list; the list's end once it left it.

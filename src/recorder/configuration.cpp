@@ -242,6 +242,9 @@ int Configuration::set_value(const std::string& key, const std::string& value,
     if (key == "media_write_repair") {
         return to_status(conf::try_parse_bool(value, media_write_repair));
     }
+    if (key == "write_leg_summary") {
+        return to_status(conf::try_parse_bool(value, write_leg_summary));
+    }
     if (key == "storage_cleanup_spare_open_legs") {
         return to_status(conf::try_parse_bool(value, storage_cleanup_spare_open_legs));
     }

@@ -199,6 +199,7 @@ bool Service::record(net::Socket& socket, net::PacketRing& ring,
     if (open_legs != nullptr) {
         writing->track_open_legs(*open_legs);
     }
+    writing->describe_recorder(net::get_host_name(), socket.local_port());
     const int writing_started = writing->start();
     if (writing_started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start writing manager, error: " << writing_started);

@@ -290,6 +290,8 @@ std::vector<ReportRow> StatisticService::metrics_only_rows() const {
          writer.repair_cut_bytes.load(), true, "repair_cut_bytes_total"},
         {"file headers written again because the buffer that carried one was lost",
          writer.repair_headers.load(), false, "repair_headers_total"},
+        {"leg summaries (leg.json) the media writer failed to write",
+         writer.leg_summary_errors.load(), false, "leg_summary_errors_total"},
     };
 }
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "log/logger.hpp"
 #include "utils/path.hpp"
@@ -32,6 +33,19 @@ MediaWriter::WriteOutcome write_all(int fd, const void* data, std::uint64_t size
         }
     }
     return outcome;
+}
+
+// Writes `text` as a new file at `path`; the errno of the first failure, 0 when it is all there.
+int write_new_file(const std::string& path, const std::string& text) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE);
+    if (fd < 0) {
+        return errno;
+    }
+    const int error = write_all(fd, text.data(), text.size()).error;
+    if (::close(fd) != 0 && error == 0) {
+        return errno;
+    }
+    return error;
 }
 
 // The length of the open file, or -1 when it is not a regular file and so cannot be cut back.
@@ -101,6 +115,10 @@ void MediaWriter::handle_buffer(MediaBuffer* buffer) {
         return;
     }
     write_file(session, *buffer);
+    if (m_settings.write_leg_summary &&
+        session.final_buffer.load(std::memory_order_relaxed) == buffer) {
+        write_leg_summary(session);
+    }
 }
 
 bool MediaWriter::prepare_directory(WritingSession& session) {
@@ -223,6 +241,32 @@ void MediaWriter::cut_back(WritingSession& session, off_t length, std::uint64_t 
     if (length == 0) {
         session.header = WritingSession::HeaderState::LOST;
     }
+}
+
+// The file's size is what the system holds now: whatever failed along the way, the summary says
+// what a reader will find.
+void MediaWriter::write_leg_summary(WritingSession& session) {
+    struct stat status {};
+    session.summary.bytes = ::stat(session.file_path.c_str(), &status) == 0
+                                ? static_cast<std::uint64_t>(status.st_size)
+                                : 0;
+    session.summary.host = m_host;
+    session.summary.port = m_port;
+    const std::string directory = session.file_path.substr(0, session.file_path.rfind('/') + 1);
+    const std::string path = directory + "leg.json";
+    const std::string temporary = path + ".tmp";
+    int error = write_new_file(temporary, catalog::render(session.summary));
+    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = errno;
+    }
+    if (error == 0) {
+        return;
+    }
+    ++statistic().leg_summary_errors;
+    QM_LOG_WARNING("MEDIA_WRITER: failed to write the leg summary " << path << ": "
+                                                                    << std::strerror(error));
+    // Nothing is left half written: a reader of the directory sees no summary at all.
+    static_cast<void>(::unlink(temporary.c_str()));
 }
 
 }  // namespace qm::writer

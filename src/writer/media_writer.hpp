@@ -3,6 +3,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string>
+#include <utility>
 
 #include "core/queue_reader.hpp"
 #include "writer/media_buffer.hpp"
@@ -24,6 +26,12 @@
 // the file again, so the file stays a sequence of whole frames (a file that held nothing before
 // is removed), and a session whose header never reached the disk gets it in front of its next
 // buffer: the first buffer of a session is the one that carries the header.
+//
+// With `write_leg_summary`, once the session's last buffer (the one the writing manager marked at
+// the leg's close) has been handled, the writer puts the leg's summary beside the file as
+// "leg.json": written whole as "leg.json.tmp" in the same directory, then renamed over it, so a
+// reader finds the whole summary or none. A summary that cannot be written is counted in
+// `leg_summary_errors` and logged at WARNING, once per leg as each leg has one.
 //
 // Every failure is counted; each kind is logged once per session until a success of that kind
 // re-arms it (except a buffer without a session, logged every time). No failure stops the thread
@@ -66,8 +74,15 @@ public:
     // set, and released to the pool in every case.
     void on_queue_read(MediaBuffer* buffer) override;
 
-    // Appends the buffer's `size` bytes to its session's file.
+    // Appends the buffer's `size` bytes to its session's file, then writes the leg's summary when
+    // it was the session's last buffer and summaries are on.
     void handle_buffer(MediaBuffer* buffer);
+
+    // What the leg summaries name as their recorder. REQUIRES: the thread does not run yet.
+    void describe_recorder(std::string host, std::uint16_t port) {
+        m_host = std::move(host);
+        m_port = port;
+    }
 
 private:
     // Makes sure the file's directory exists, once per session; false when the buffer must be
@@ -88,9 +103,13 @@ private:
     // Cuts the `added` bytes off the end of the file again, back to `length` (the file goes when
     // that is 0).
     void cut_back(WritingSession& session, off_t length, std::uint64_t added);
+    // Completes the session's summary with the file's size and the recorder, and writes it.
+    void write_leg_summary(WritingSession& session);
 
     const RecordingSettings m_settings;
     MediaBufferPool& m_pool;
+    std::string m_host;
+    std::uint16_t m_port = 0;
 };
 
 }  // namespace qm::writer

@@ -30,6 +30,8 @@ struct MediaWriterStatistic : QueueReaderStatistic {
     // In the metrics file only.
     StatisticCounter repair_cut_bytes;
     StatisticCounter repair_headers;
+    // Leg summaries ("leg.json") that could not be written. In the metrics file only.
+    StatisticCounter leg_summary_errors;
 };
 
 }  // namespace qm::writer

@@ -22,6 +22,8 @@ struct RecordingSettings {
     // A failed write is cut back to the last whole frame, and a file whose header never reached
     // the disk gets it before its next frames; false leaves a failed write's remains in place.
     bool media_write_repair = false;
+    // Each closed leg gets "leg.json" beside its "media.qm": the catalogue's summary of it.
+    bool write_leg_summary = false;
     // Set: the permission bits no directory or file of the storage gets. The service makes it the
     // process's umask before it creates anything, so directories come out 0777 and files 0666 less
     // these bits, whatever umask the process was started with. Unset: the process's umask stays

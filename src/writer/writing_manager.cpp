@@ -120,6 +120,7 @@ media::Session* WritingManager::create_session(const media::StartPacket& packet,
                                          : m_open_legs->open(minute_of(relative));
         session = new WritingSession(packet, now_us(), m_settings.storage + "/" + relative);
         session->open_leg = std::move(leg);
+        session->summary.path = relative.substr(0, relative.rfind('/'));
     } catch (const std::bad_alloc&) {
         result = 0;
         return nullptr;
@@ -164,6 +165,7 @@ void WritingManager::on_session_media(rc_ptr<media::Session> session, media::Dat
         static_cast<std::uint32_t>(packet.header.mt - recording.sync_mt)};
     append(*recording.buffer, &frame, sizeof frame);
     append(*recording.buffer, packet.payload(), bytes);
+    recording.count_frame(packet.header.side(), packet.off, packet.num, packet.header.mt);
     statistic().session_media_buffered_bytes += bytes;
 }
 
@@ -199,14 +201,15 @@ bool WritingManager::replace_full_buffer(const rc_ptr<media::Session>& session,
 
 void WritingManager::on_session_terminated(rc_ptr<media::Session> session,
                                            media::TerminatePacket&) {
-    on_session_completed(session);
+    on_session_completed(session, catalog::LegClose::TERMINATE);
 }
 
 void WritingManager::on_session_timedout(rc_ptr<media::Session> session) {
-    on_session_completed(session);
+    on_session_completed(session, catalog::LegClose::TIMEOUT);
 }
 
-bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session) {
+bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session,
+                                          catalog::LegClose closed_by) {
     auto& recording = static_cast<WritingSession&>(*session);
     recording.open_leg.reset();
     MediaBuffer* last = recording.buffer;
@@ -216,6 +219,9 @@ bool WritingManager::on_session_completed(const rc_ptr<media::Session>& session)
         return false;
     }
     last->session = session;
+    recording.close_summary(closed_by);
+    // The push below publishes it with the summary.
+    recording.final_buffer.store(last, std::memory_order_relaxed);
     if (!m_writer.push(last)) {
         QM_LOG_ERROR("WRITING_MANAGER: " << uuid_text(recording)
                                          << ": MAGIC! failed to enqueue buffer for a term writing");
@@ -242,7 +248,7 @@ std::size_t WritingManager::flush_open_sessions() {
     std::size_t flushed = 0;
     for (const auto& [id, session] : sessions()) {
         // Zombies record nothing; every other session is a recording.
-        if (session && !session->zombie && on_session_completed(session)) {
+        if (session && !session->zombie && on_session_completed(session, catalog::LegClose::STOP)) {
             ++flushed;
         }
     }

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <utility>
 
+#include "catalog/leg_summary.hpp"
 #include "core/rc_ptr.hpp"
 #include "media/media_session_manager.hpp"
 #include "writer/media_buffer_pool.hpp"
@@ -58,6 +61,11 @@ public:
     // `legs` outlives the manager.
     void track_open_legs(OpenLegs& legs) { m_open_legs = &legs; }
 
+    // What the leg summaries name as their recorder. REQUIRES: the media writer does not run yet.
+    void describe_recorder(std::string host, std::uint16_t port) {
+        m_writer.describe_recorder(std::move(host), port);
+    }
+
     // Starts and stops the media writer's thread; the results are the thread's.
     [[nodiscard]] int start();
     [[nodiscard]] int stop();
@@ -77,8 +85,9 @@ protected:
     void on_session_not_inserted(media::Session& session) override;
 
 private:
-    // Hands the session's last buffer to the media writer; false when it had none.
-    bool on_session_completed(const rc_ptr<media::Session>& session);
+    // Hands the session's last buffer to the media writer, marked as the last, with the leg's
+    // summary closed by `closed_by`; false when it had none.
+    bool on_session_completed(const rc_ptr<media::Session>& session, catalog::LegClose closed_by);
     // Pushes the session's full buffer and attaches a fresh one; false when the frame of `bytes`
     // payload bytes that needs `need` bytes must be dropped.
     bool replace_full_buffer(const rc_ptr<media::Session>& session, WritingSession& recording,

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -14,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "catalog/leg_summary.hpp"
 #include "io/io_session_path.hpp"
 #include "io/quillmar_format.hpp"
 #include "media/packet_encoder.hpp"
@@ -322,6 +324,65 @@ TEST_F(ToolE2eTest, WithheldPacketsAreExpectedGapsButADeletedFrameFailsItsLeg) {
                               " incomplete: " + file_of(hurt).string() +
                               ": side 1: 1 frame missing (seq " + std::to_string(seq) +
                               ")\n9 legs verified, 1 incomplete, 0 missing\n");
+}
+
+// Every leg's leg.json agrees with what was sent (the manifest) and with what its media.qm holds
+// (`quillmar inspect --json`): the lost packets of a side are exactly those withheld.
+TEST_F(ToolE2eTest, LegSummariesAgreeWithTheManifestAndTheirFiles) {
+    ChildProcess& recorder = start_recorder("write_leg_summary = true\n");
+    send_calls(
+        {"--calls", "10", "--duration", "1", "--rate", "2000", "--loss", "0.05", "--seed", "7"});
+    stop_recorder(recorder, 10);
+    char host[256] = {};
+    ASSERT_EQ(::gethostname(host, sizeof host - 1), 0);
+
+    const CallManifest sent = manifest();
+    ASSERT_EQ(sent.legs.size(), 10u);
+    std::size_t withheld = 0;
+    for (std::size_t index = 0; index < sent.legs.size(); ++index) {
+        const SentLeg& leg = sent.legs[index];
+        const std::filesystem::path file = file_of(leg);
+        std::string reason;
+        const std::optional<catalog::LegSummary> summary =
+            catalog::parse(read_file(file.parent_path() / "leg.json"), reason);
+        ASSERT_TRUE(summary.has_value()) << file << ": " << reason;
+        const std::string relative = io::session_path(leg.ts, leg.uuid);
+        EXPECT_EQ(summary->uuid, utils::str::print_uuid(leg.uuid.data()));
+        EXPECT_EQ(summary->session_id, leg.id);
+        EXPECT_EQ(summary->call_id, "quillmar-send-" + std::to_string(index));
+        EXPECT_EQ(summary->leg, catalog::LegDirection::INBOUND);
+        EXPECT_EQ(summary->flags, 0u);
+        EXPECT_EQ(summary->start_us, leg.ts);
+        EXPECT_EQ(summary->closed_by, catalog::LegClose::TERMINATE);
+        EXPECT_EQ(summary->bytes, std::filesystem::file_size(file));
+        EXPECT_EQ(summary->host, host);
+        EXPECT_EQ(summary->port, port);
+        EXPECT_EQ(summary->path, relative.substr(0, relative.rfind('/')));
+
+        const ToolRun inspect = run_tool({"inspect", "--json", file.string()});
+        ASSERT_TRUE(inspect.status.exited_with(0)) << inspect.out << inspect.err;
+        const nlohmann::json document = nlohmann::json::parse(inspect.out);
+        std::uint32_t last_offset = 0;
+        for (std::size_t side = 0; side < 2; ++side) {
+            const nlohmann::json& shown = document.at("sides").at(side);
+            const catalog::SideSummary& tally = summary->sides[side];
+            const auto& expectations = leg.sides[side].expectations;
+            const auto lost = static_cast<std::uint64_t>(
+                std::count(expectations.begin(), expectations.end(), Expectation::LOST));
+            withheld += lost;
+            EXPECT_EQ(tally.frames, shown.at("frames").get<std::uint64_t>());
+            EXPECT_EQ(tally.samples, shown.at("samples").get<std::uint64_t>());
+            EXPECT_EQ(tally.first_offset, shown.at("first_offset").get<std::uint32_t>());
+            EXPECT_EQ(tally.last_offset, shown.at("last_offset").get<std::uint32_t>());
+            EXPECT_EQ(tally.frames, expectations.size() - lost);
+            EXPECT_EQ(tally.lost_packets, lost) << "side " << side;
+            last_offset = std::max(last_offset, tally.last_offset.value_or(0));
+        }
+        // The last packet accepted is the last frame sent, at 125 us per sample after the start.
+        EXPECT_EQ(summary->last_packet_us, leg.ts + 125u * last_offset);
+    }
+    // What seed 7 withholds of 10 legs of 2 sides of 50 frames.
+    EXPECT_EQ(withheld, 47u);
 }
 
 TEST_F(ToolE2eTest, VerifyNamesALegTheRecorderNeverSaw) {

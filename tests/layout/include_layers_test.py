@@ -9,8 +9,8 @@ import pathlib
 import re
 import sys
 
-LAYERS = ["log", "utils", "core", "net", "conf", "media", "io", "writer", "storage", "app",
-          "stats", "recorder", "tools"]
+LAYERS = ["log", "utils", "core", "net", "conf", "media", "io", "catalog", "writer", "storage",
+          "app", "stats", "recorder", "tools"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([a-z_]+)/', re.MULTILINE)
 
 

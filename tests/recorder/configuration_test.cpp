@@ -53,6 +53,7 @@ TEST_F(WriterConfigurationTest, EveryKeyHasItsDefault) {
     EXPECT_EQ(configuration->media_buffers_count, 0u);
     EXPECT_TRUE(configuration->write_media);
     EXPECT_FALSE(configuration->media_write_repair);
+    EXPECT_FALSE(configuration->write_leg_summary);
     EXPECT_FALSE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_FALSE(configuration->storage_cleanup_remove_empty);
     EXPECT_EQ(configuration->storage_max_age, 0u);
@@ -91,6 +92,7 @@ TEST_F(WriterConfigurationTest, ExampleFileOfTheRepositoryParses) {
     EXPECT_TRUE(configuration->receive_ring_nft);
     EXPECT_TRUE(configuration->flush_open_sessions_on_stop);
     EXPECT_TRUE(configuration->media_write_repair);
+    EXPECT_TRUE(configuration->write_leg_summary);
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
     EXPECT_EQ(configuration->storage_max_age, 0u);
@@ -210,6 +212,20 @@ TEST_F(WriterConfigurationTest, RepairAndCleanupSafeguardsAreBooleans) {
     EXPECT_TRUE(configuration->media_write_repair);
     EXPECT_TRUE(configuration->storage_cleanup_spare_open_legs);
     EXPECT_TRUE(configuration->storage_cleanup_remove_empty);
+}
+
+TEST_F(WriterConfigurationTest, WriteLegSummaryIsABooleanSetByItsLine) {
+    const std::string path = directory.write_file("writer.conf", "write_leg_summary = true\n");
+    ASSERT_TRUE(configuration->parse_file(path));
+    EXPECT_TRUE(configuration->write_leg_summary);
+    EXPECT_EQ(capture.texts(Level::SYSTEM),
+              (Texts{"CONFIGURATION: reading from file [" + path + "]",
+                     "CONFIGURATION: option [write_leg_summary] is set to [true]"}));
+    ASSERT_TRUE(configuration->parse_args("write_leg_summary=false"));
+    EXPECT_FALSE(configuration->write_leg_summary);
+    expect_refused("write_leg_summary", "on");
+    expect_refused("write_leg_summary", "TRUE");
+    EXPECT_FALSE(configuration->write_leg_summary);
 }
 
 TEST_F(WriterConfigurationTest, CleanupAlgoAndPolicyNames) {

@@ -120,6 +120,7 @@ void set_every_counter(StatisticService& service) {
     service.writer.unwritten_bytes = 46;
     service.writer.repair_cut_bytes = 47;
     service.writer.repair_headers = 48;
+    service.writer.leg_summary_errors = 50;
     media::PacketReaderStatistic& reader = service.packet_reader;
     reader.elements = 31;
     reader.passed_elements = 32;
@@ -294,11 +295,12 @@ TEST(StatisticPeriodTest, MetricsOfAPeriodShowTheNumbersOfItsReport) {
         }
     }
     EXPECT_EQ(rows, 38u);
-    EXPECT_EQ(values.size(), rows + 6);
+    EXPECT_EQ(values.size(), rows + 7);
     // Counters of the metrics file alone; the framed report below does not show them.
     EXPECT_EQ(values.at("quillmarwriter_unwritten_bytes_total"), 46u);
     EXPECT_EQ(values.at("quillmarwriter_repair_cut_bytes_total"), 47u);
     EXPECT_EQ(values.at("quillmarwriter_repair_headers_total"), 48u);
+    EXPECT_EQ(values.at("quillmarwriter_leg_summary_errors_total"), 50u);
     EXPECT_EQ(values.at("quillmarwriter_sessions"), 12u);
     EXPECT_EQ(values.at("quillmarwriter_session_lost_packets_total"), 9u);
     EXPECT_EQ(values.at("quillmarwriter_written_bytes_total"), 5'368'709'120ULL);

@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "catalog/leg_summary.hpp"
 #include "child_process.hpp"
 #include "log_capture.hpp"
 #include "media/data_packet.hpp"
 #include "media/start_packet.hpp"
 #include "media/terminate_packet.hpp"
+#include "media/wire_format.hpp"
 #include "packet_bytes.hpp"
 #include "temp_directory.hpp"
 
@@ -37,6 +39,7 @@ struct FakeClock {
 // The default start packet's leg: ts 1633954638004211 us is 2021-10-11 12:17:18 UTC.
 const std::string LEG_PATH = "2021-10-11/12/17/00112233-4455-6677-8899-aabbccddeeff/media.qm";
 const std::string UUID_TEXT = "00112233-4455-6677-8899-aabbccddeeff";
+const std::string LEG_DIRECTORY = "2021-10-11/12/17/00112233-4455-6677-8899-aabbccddeeff";
 
 Datagram operator+(Datagram left, const Datagram& right) {
     left.insert(left.end(), right.begin(), right.end());
@@ -476,6 +479,153 @@ TEST_F(WritingManagerTest, FailedFinalPushOfALaterBufferDropsAllItsFrames) {
                             ": MAGIC! failed to enqueue buffer for a term writing"));
     EXPECT_EQ(pool_statistic.buffer_pool_elements.load(), 4u);
     EXPECT_EQ(file(), media::encode_file_header(StartFields{}));
+}
+
+}  // namespace
+}  // namespace qm::writer
+
+namespace qm::writer {
+namespace {
+
+// Closed legs get "leg.json". The frames: side 0 skips seq 2, side 1 has one frame; the last one
+// accepted has mt 1480, 980 us after `sync mt` 500, so 980 us after `sync ts`.
+class LegSummaryTest : public WritingManagerTest {
+protected:
+    void SetUp() override {
+        WritingManagerTest::SetUp();
+        settings.write_leg_summary = true;
+        start.header.flags = media::FLAG_OUTBOUND | media::FLAG_START_RULE;
+    }
+
+    void build_described(std::uint64_t count, std::uint64_t media_size = 0) {
+        build(count, media_size, false);
+        manager->describe_recorder("rec-1", 9000);
+        ASSERT_EQ(manager->start(), 0);
+    }
+
+    void feed_leg() {
+        feed_start(start);
+        feed(data(1, 0, 0, 1160, 160));
+        feed(data(1, 1, 0, 1200, 3));
+        feed(data(3, 0, 320, 1480, 160));
+    }
+
+    catalog::LegSummary expected(catalog::LegClose closed_by) const {
+        catalog::LegSummary summary;
+        summary.uuid = UUID_TEXT;
+        summary.session_id = 0x0123456789abcdefULL;
+        summary.call_id = "call-1@example.org";
+        summary.leg = catalog::LegDirection::OUTBOUND;
+        summary.flags = 0x8001;
+        summary.start_us = 1633954638004211;
+        summary.last_packet_us = 1633954638000980;
+        summary.closed_by = closed_by;
+        summary.sides[0] = {2, 320, 0, 320, 1};
+        summary.sides[1] = {1, 3, 0, 0, 0};
+        summary.bytes = 48 + (12 + 320) + (12 + 320) + (12 + 6);
+        summary.host = "rec-1";
+        summary.port = 9000;
+        summary.path = LEG_DIRECTORY;
+        return summary;
+    }
+
+    std::filesystem::path leg_json() const { return storage() / LEG_DIRECTORY / "leg.json"; }
+
+    StartFields start;
+};
+
+TEST_F(LegSummaryTest, TerminatedLegGetsItsSummaryBesideTheFile) {
+    build_described(4);
+
+    feed_leg();
+    feed_terminate();
+    drain();
+
+    EXPECT_EQ(test::read_file(leg_json()), catalog::render(expected(catalog::LegClose::TERMINATE)));
+    EXPECT_EQ(std::filesystem::file_size(storage() / LEG_PATH), expected({}).bytes);
+    EXPECT_FALSE(std::filesystem::exists(leg_json().string() + ".tmp"));
+    EXPECT_EQ(writer_statistic.leg_summary_errors.load(), 0u);
+}
+
+TEST_F(LegSummaryTest, TimedOutLegSaysSo) {
+    build_described(4);
+
+    feed_leg();
+    FakeClock::m_now += media::SessionManager::SESSION_TIMEOUT_US + 1'000'000;
+    ASSERT_TRUE(manager->audit());
+    drain();
+
+    EXPECT_EQ(test::read_file(leg_json()), catalog::render(expected(catalog::LegClose::TIMEOUT)));
+}
+
+TEST_F(LegSummaryTest, LegFlushedAtAStopSaysSo) {
+    build_described(4);
+
+    feed_leg();
+    ASSERT_EQ(manager->flush_open_sessions(), 1u);
+    drain();
+
+    EXPECT_EQ(test::read_file(leg_json()), catalog::render(expected(catalog::LegClose::STOP)));
+}
+
+// Buffers of 344 bytes hold the header and each frame apart (332 + 18 > 344): the summary waits
+// for the last of the four, so its size is the whole file's.
+TEST_F(LegSummaryTest, SummaryIsWrittenOnceTheLastOfManyBuffersIsOnDisk) {
+    build_described(8, 340);
+    start.header.flags = 0;
+
+    feed_leg();
+    feed_terminate();
+    drain();
+
+    catalog::LegSummary summary = expected(catalog::LegClose::TERMINATE);
+    summary.leg = catalog::LegDirection::INBOUND;
+    summary.flags = 0;
+    EXPECT_EQ(writer_statistic.passed_elements.load(), 4u);
+    EXPECT_EQ(test::read_file(leg_json()), catalog::render(summary));
+}
+
+TEST_F(LegSummaryTest, NothingIsWrittenWithoutMedia) {
+    settings.write_media = false;
+    build_described(4);
+
+    feed_leg();
+    feed_terminate();
+    drain();
+
+    EXPECT_FALSE(std::filesystem::exists(storage()));
+}
+
+TEST_F(LegSummaryTest, NoSummaryUnlessAskedFor) {
+    settings.write_leg_summary = false;
+    build_described(4);
+
+    feed_leg();
+    feed_terminate();
+    drain();
+
+    EXPECT_TRUE(std::filesystem::exists(storage() / LEG_PATH));
+    EXPECT_EQ(std::filesystem::directory_iterator(storage() / LEG_DIRECTORY)->path().filename(),
+              "media.qm");
+    EXPECT_FALSE(std::filesystem::exists(leg_json()));
+}
+
+// A directory in the way of the temporary file: the failure is counted and logged, the media
+// file is untouched.
+TEST_F(LegSummaryTest, SummaryThatCannotBeWrittenIsCountedAndLogged) {
+    std::filesystem::create_directories(leg_json().string() + ".tmp");
+    build_described(4);
+
+    feed_leg();
+    feed_terminate();
+    drain();
+
+    EXPECT_EQ(writer_statistic.leg_summary_errors.load(), 1u);
+    EXPECT_THAT(capture.texts(log::Level::WARNING),
+                ElementsAre("MEDIA_WRITER: failed to write the leg summary " + leg_json().string() +
+                            ": Is a directory"));
+    EXPECT_FALSE(std::filesystem::exists(leg_json()));
+    EXPECT_EQ(std::filesystem::file_size(storage() / LEG_PATH), expected({}).bytes);
 }
 
 }  // namespace

@@ -224,7 +224,7 @@ TEST_F(OperationsE2eTest, MetricsFileShowsTheCountersOfTheReportOfItsPeriod) {
 
     EXPECT_TRUE(status.exited_with(0)) << status.describe();
     ASSERT_EQ(report.size(), 38u) << process.standard_error();
-    ASSERT_EQ(samples.size(), report.size() + 6);
+    ASSERT_EQ(samples.size(), report.size() + 7);
     for (std::size_t i = 0; i < report.size(); ++i) {
         std::istringstream fields(samples[i]);
         std::string name, type;
@@ -240,9 +240,10 @@ TEST_F(OperationsE2eTest, MetricsFileShowsTheCountersOfTheReportOfItsPeriod) {
     EXPECT_EQ(samples[38], "quillmarwriter_unwritten_bytes_total counter 0");
     EXPECT_EQ(samples[39], "quillmarwriter_repair_cut_bytes_total counter 0");
     EXPECT_EQ(samples[40], "quillmarwriter_repair_headers_total counter 0");
-    EXPECT_EQ(samples[41].rfind("quillmarwriter_kernel_drops_total counter 0", 0), 0u);
-    EXPECT_EQ(samples[42].rfind("quillmarwriter_resident_memory_bytes gauge ", 0), 0u);
-    EXPECT_EQ(samples[43], "quillmarwriter_refused_datagrams_total counter 0");
+    EXPECT_EQ(samples[41], "quillmarwriter_leg_summary_errors_total counter 0");
+    EXPECT_EQ(samples[42].rfind("quillmarwriter_kernel_drops_total counter 0", 0), 0u);
+    EXPECT_EQ(samples[43].rfind("quillmarwriter_resident_memory_bytes gauge ", 0), 0u);
+    EXPECT_EQ(samples[44], "quillmarwriter_refused_datagrams_total counter 0");
     EXPECT_NE(std::find(samples.begin(), samples.end(),
                         "quillmarwriter_packet_data_type_total counter 20"),
               samples.end());

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, and only those that are missing,
 # so that a machine that already has them does not touch the package registry.
+# `postgresql` also installs and starts a packaged cluster; nothing here uses it: the tests start
+# throwaway servers of their own from its binaries.
 set -euo pipefail
 
 packages=(
@@ -10,6 +12,7 @@ packages=(
     libcli11-dev libsndfile1-dev nlohmann-json3-dev
     libsystemd-dev python3 python3-prometheus-client
     dpkg-dev file systemd groff-base ccache procps nftables
+    libsqlite3-dev libpq-dev postgresql
 )
 
 missing=()

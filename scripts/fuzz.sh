@@ -35,5 +35,11 @@ case "$target" in
         exit 2
         ;;
 esac
-"$dir/fuzz/${target}_fuzzer" "$corpus" "$seeds" \
+extra=()
+if [ "$target" = config_parser ]; then
+    # 10000 random allowed_sources values, each run once before the mutations start.
+    extra=("$dir/fuzz-seeds/allowed_sources")
+    python3 "$root/fuzz/random_allowed_sources.py" "${extra[0]}" 10000
+fi
+"$dir/fuzz/${target}_fuzzer" "$corpus" "$seeds" "${extra[@]}" \
     -max_total_time="$seconds" -max_len="$max_len" -artifact_prefix="$dir/" -print_final_stats=1 "$@"

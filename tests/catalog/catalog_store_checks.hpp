@@ -23,7 +23,7 @@ inline CatalogRow example_row(int n) {
     leg.call_id = "call-" + std::to_string(n);
     leg.leg = n % 2 == 0 ? LegDirection::OUTBOUND : LegDirection::INBOUND;
     leg.flags = 0x8000;
-    leg.start_us = 1795607400000000ULL + static_cast<std::uint64_t>(n) * 60'000'000;
+    leg.start_us = 1795521000000000ULL + static_cast<std::uint64_t>(n) * 60'000'000;
     leg.last_packet_us = leg.start_us + 12'500'000;
     leg.closed_by = LegClose::TERMINATE;
     leg.sides[0] = {3, 480, 0, 320, 1};

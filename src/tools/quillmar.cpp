@@ -1,5 +1,6 @@
-// `quillmar`: look into recordings, turn them into audio, send test calls to a recorder and
-// verify what it recorded. Each subcommand lives in its own file; see "tools/tool_commands.hpp".
+// `quillmar`: look into recordings, turn them into audio, send test calls to a recorder,
+// verify what it recorded, and keep and search the catalogue of recordings. Each subcommand lives
+// in its own file; see "tools/tool_commands.hpp".
 
 #include <CLI/CLI.hpp>
 #include <exception>
@@ -9,7 +10,7 @@
 #include "tools/tool_commands.hpp"
 
 int main(int argc, char** argv) {
-    CLI::App app{"quillmar: inspect, export, send and verify quillmarwriter recordings"};
+    CLI::App app{"quillmar: inspect, export, send, verify and find quillmarwriter recordings"};
     app.set_version_flag("--version", std::string(qm::build::VERSION));
     app.require_subcommand(1);
     int status = 0;
@@ -17,6 +18,8 @@ int main(int argc, char** argv) {
     qm::tools::add_export_command(app, status);
     qm::tools::add_send_command(app, status);
     qm::tools::add_verify_command(app, status);
+    qm::tools::add_catalog_command(app, status);
+    qm::tools::add_find_command(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -12,5 +12,8 @@ void add_inspect_command(CLI::App& app, int& status);
 void add_export_command(CLI::App& app, int& status);
 void add_send_command(CLI::App& app, int& status);
 void add_verify_command(CLI::App& app, int& status);
+// `catalog reindex`.
+void add_catalog_command(CLI::App& app, int& status);
+void add_find_command(CLI::App& app, int& status);
 
 }  // namespace qm::tools

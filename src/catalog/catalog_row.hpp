@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "catalog/leg_summary.hpp"
+
+// What the catalogue holds about one leg, and how it is asked for. A row is keyed by the leg's
+// uuid and its recorder ("host:port", from the summary's host and port): the same leg seen twice
+// by one recorder is one row, and recorders sharing a catalogue never overwrite each other.
+// Plain values; any thread.
+
+namespace qm::catalog {
+
+// `recorded` while the leg's directory is in the storage; `removed` once it has gone.
+enum class RowState : std::uint8_t { RECORDED, REMOVED };
+
+std::string_view state_name(RowState state);
+
+struct CatalogRow {
+    // Every field of the leg's summary; `summary.path` is the leg's directory relative to the
+    // storage root.
+    LegSummary summary;
+    RowState state = RowState::RECORDED;
+    // When the directory was found gone, in microseconds since the epoch; set only when removed.
+    std::optional<std::uint64_t> removed_at_us;
+
+    bool operator==(const CatalogRow&) const = default;
+};
+
+// "host:port" of the recorder that wrote the leg.
+std::string recorder_name(const LegSummary& summary);
+
+// What `find` returns: every filter that is set must hold. Times are microseconds since the
+// epoch and select on the leg's start: `from_us` <= start < `to_us`.
+struct FindQuery {
+    std::optional<std::string> call_id;
+    std::optional<std::string> uuid;
+    std::optional<std::string> recorder;
+    std::optional<std::uint64_t> from_us;
+    std::optional<std::uint64_t> to_us;
+    bool include_removed = false;
+    // Unset: every row.
+    std::optional<std::size_t> limit;
+    std::size_t offset = 0;
+};
+
+// What one `upsert` did: rows new to the catalogue, rows that differed and were rewritten, rows
+// that were already as given.
+struct UpsertCounts {
+    std::size_t added = 0;
+    std::size_t updated = 0;
+    std::size_t unchanged = 0;
+
+    bool operator==(const UpsertCounts&) const = default;
+};
+
+}  // namespace qm::catalog

@@ -1,0 +1,80 @@
+#include "catalog/open_catalog.hpp"
+
+#include <libpq-fe.h>
+
+#include <string_view>
+
+#include "catalog/postgres_connection.hpp"
+#include "catalog/sqlite_connection.hpp"
+
+namespace qm::catalog {
+namespace {
+
+constexpr std::string_view SQLITE_PREFIX = "sqlite:";
+
+bool is_postgres(const std::string& spec) {
+    return spec.starts_with("postgresql://") || spec.starts_with("postgres://");
+}
+
+// Why the URI cannot be used, or empty: libpq's reason when it does not parse, or the password
+// it must not carry.
+std::string postgres_problem(const std::string& spec) {
+    char* message = nullptr;
+    PQconninfoOption* options = PQconninfoParse(spec.c_str(), &message);
+    if (options == nullptr) {
+        std::string reason = message ? message : "out of memory";
+        PQfreemem(message);
+        while (!reason.empty() && reason.back() == '\n') {
+            reason.pop_back();
+        }
+        return "catalogue: not a PostgreSQL URI: " + reason;
+    }
+    std::string problem;
+    for (const PQconninfoOption* option = options; option->keyword != nullptr; ++option) {
+        if (std::string_view(option->keyword) == "password" && option->val != nullptr &&
+            *option->val != '\0') {
+            problem =
+                "catalogue: the PostgreSQL URI holds a password; put it in a password file "
+                "(PGPASSFILE or ~/.pgpass) instead";
+        }
+    }
+    PQconninfoFree(options);
+    return problem;
+}
+
+std::unique_ptr<SqlConnection> connect(const std::string& spec,
+                                       const std::filesystem::path& storage, CatalogOpen mode) {
+    const bool create = mode == CatalogOpen::CREATE;
+    if (spec.starts_with(SQLITE_PREFIX)) {
+        const std::filesystem::path file(spec.substr(SQLITE_PREFIX.size()));
+        if (file.empty()) {
+            throw CatalogError("catalogue: \"" + spec + "\" names no file");
+        }
+        return std::make_unique<SqliteConnection>(file.is_absolute() ? file : storage / file,
+                                                  create);
+    }
+    if (is_postgres(spec)) {
+        if (const std::string problem = postgres_problem(spec); !problem.empty()) {
+            throw CatalogError(problem);
+        }
+        return std::make_unique<PostgresConnection>(spec);
+    }
+    throw CatalogError("catalogue: \"" + spec +
+                       "\" is neither sqlite:PATH nor a postgresql:// URI");
+}
+
+}  // namespace
+
+std::unique_ptr<CatalogStore> open_catalog(const std::string& spec,
+                                           const std::filesystem::path& storage, std::string& error,
+                                           CatalogOpen mode) {
+    try {
+        return std::make_unique<CatalogStore>(connect(spec, storage, mode),
+                                              mode == CatalogOpen::CREATE);
+    } catch (const CatalogError& failure) {
+        error = failure.what();
+    }
+    return nullptr;
+}
+
+}  // namespace qm::catalog

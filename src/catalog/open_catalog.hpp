@@ -1,0 +1,32 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "catalog/catalog_store.hpp"
+
+// Opens the catalogue an operator names:
+//   sqlite:PATH          an SQLite file; a relative PATH is inside `storage` (or the working
+//                        directory when `storage` is empty)
+//   postgresql://...     a libpq URI (also postgres://), passed to libpq as is; the password
+//                        comes from PGPASSFILE, ~/.pgpass or PGSERVICE, never from the URI
+// Any thread; the store it returns belongs to the caller's thread.
+
+namespace qm::catalog {
+
+enum class CatalogOpen {
+    // Create the file and the schema when they are missing (the recorder, `reindex`).
+    CREATE,
+    // Only an existing catalogue (`find`): a missing one is an error, not a new empty file.
+    EXISTING,
+};
+
+// The store, or null with `error` saying why (an unknown kind of spec, a database that cannot be
+// opened or is not a catalogue). A spec holding a password is refused: it would end up in
+// configuration files and process lists.
+std::unique_ptr<CatalogStore> open_catalog(const std::string& spec,
+                                           const std::filesystem::path& storage, std::string& error,
+                                           CatalogOpen mode = CatalogOpen::CREATE);
+
+}  // namespace qm::catalog

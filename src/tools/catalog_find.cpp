@@ -1,0 +1,72 @@
+#include "tools/catalog_find.hpp"
+
+#include <time.h>
+
+#include <cstdio>
+#include <regex>
+
+namespace qm::tools {
+namespace {
+
+int number(const std::ssub_match& match) {
+    return match.matched ? std::stoi(match.str()) : 0;
+}
+
+std::string side_text(const catalog::SideSummary& side) {
+    return std::to_string(side.frames) + "/" + std::to_string(side.lost_packets);
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> parse_utc_time(const std::string& text) {
+    static const std::regex FORM(R"((\d{4})-(\d{2})-(\d{2})[T ](\d{2}):(\d{2})(?::(\d{2}))?Z?)");
+    std::smatch match;
+    if (!std::regex_match(text, match, FORM)) {
+        return std::nullopt;
+    }
+    std::tm fields{};
+    fields.tm_year = number(match[1]) - 1900;
+    fields.tm_mon = number(match[2]) - 1;
+    fields.tm_mday = number(match[3]);
+    fields.tm_hour = number(match[4]);
+    fields.tm_min = number(match[5]);
+    fields.tm_sec = number(match[6]);
+    std::tm normalised = fields;
+    const time_t seconds = ::timegm(&normalised);
+    // timegm() moves 2026-02-30 to March: a date that does not exist comes back changed.
+    if (seconds < 0 || normalised.tm_mday != fields.tm_mday || normalised.tm_mon != fields.tm_mon ||
+        normalised.tm_hour != fields.tm_hour || normalised.tm_min != fields.tm_min ||
+        normalised.tm_sec != fields.tm_sec) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint64_t>(seconds) * 1'000'000;
+}
+
+std::string find_line(const catalog::CatalogRow& row) {
+    const catalog::LegSummary& leg = row.summary;
+    const std::uint64_t duration_ms =
+        leg.last_packet_us > leg.start_us ? (leg.last_packet_us - leg.start_us) / 1000 : 0;
+    char duration[32] = {};
+    std::snprintf(duration, sizeof duration, "%llu.%03llus",
+                  static_cast<unsigned long long>(duration_ms / 1000),
+                  static_cast<unsigned long long>(duration_ms % 1000));
+    return catalog::utc_text(leg.start_us) + " " + duration + " " +
+           (leg.call_id.empty() ? "-" : leg.call_id) + " " + leg.uuid + " " +
+           std::string(catalog::direction_name(leg.leg)) + " side0=" + side_text(leg.sides[0]) +
+           " side1=" + side_text(leg.sides[1]) + " " +
+           (row.state == catalog::RowState::REMOVED ? "removed" : leg.path);
+}
+
+std::string find_json(const catalog::CatalogRow& row) {
+    catalog::Json json = row.summary;
+    json["state"] = catalog::state_name(row.state);
+    json["removed_at_us"] = nullptr;
+    json["removed_at_utc"] = nullptr;
+    if (row.removed_at_us) {
+        json["removed_at_us"] = *row.removed_at_us;
+        json["removed_at_utc"] = catalog::utc_text(*row.removed_at_us);
+    }
+    return json.dump();
+}
+
+}  // namespace qm::tools

@@ -1,0 +1,275 @@
+// `quillmar catalog reindex` and `quillmar find` over a storage the test lays out: summaries
+// written with the catalogue's own writer, a leg with only its media file, and two bad summaries.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "../catalog/catalog_store_checks.hpp"
+#include "catalog/open_catalog.hpp"
+#include "recording_bytes.hpp"
+#include "temp_directory.hpp"
+#include "tool_command_run.hpp"
+#include "tools/catalog_find.hpp"
+#include "tools/catalog_reindex.hpp"
+#include "tools/tool_commands.hpp"
+
+namespace qm::tools {
+namespace {
+
+namespace fs = std::filesystem;
+using catalog::CatalogRow;
+using catalog::test::example_row;
+
+// The default start packet's leg (uuid 00112233-..., ts 1633954638004211): side 0 two frames of 4
+// samples at offsets 0 and 4, side 1 two of 2 at 0 and 2; 48 + 2 * 20 + 2 * 16 = 120 bytes.
+const std::string MEDIA_ONLY_PATH = "2021-10-11/12/17/00112233-4455-6677-8899-aabbccddeeff";
+
+std::string media_only_file() {
+    const auto frame = [](std::uint16_t side, std::uint32_t off,
+                          std::vector<std::uint16_t> samples) {
+        media::DataFields fields;
+        fields.header.flags = side;
+        fields.off = off;
+        fields.payload = std::move(samples);
+        return fields;
+    };
+    return test::text_of(
+        test::recording_bytes(500, {frame(0, 0, {1, 2, 3, 4}), frame(1, 0, {5, 6}),
+                                    frame(0, 4, {7, 8, 9, 10}), frame(1, 2, {11, 12})}));
+}
+
+CatalogRow media_only_row() {
+    CatalogRow row;
+    catalog::LegSummary& leg = row.summary;
+    leg.uuid = "00112233-4455-6677-8899-aabbccddeeff";
+    leg.start_us = 1633954638004211;
+    leg.last_packet_us = 1633954638004211;
+    leg.closed_by = catalog::LegClose::UNKNOWN;
+    leg.sides[0] = {2, 8, 0, 4, 0};
+    leg.sides[1] = {2, 4, 0, 2, 0};
+    leg.bytes = 120;
+    leg.host = "rec-1";
+    leg.port = 9000;
+    leg.path = MEDIA_ONLY_PATH;
+    return row;
+}
+
+class CatalogToolsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        write_leg(m_first.summary.path, "leg.json", catalog::render(m_first.summary));
+        write_leg(m_second.summary.path, "leg.json", catalog::render(m_second.summary));
+        write_leg(MEDIA_ONLY_PATH, "media.qm", media_only_file());
+        const std::string text = catalog::render(example_row(3).summary);
+        write_leg("2026-11-24/11/53/cut", "leg.json", text.substr(0, text.size() / 2));
+        write_leg("2026-11-24/11/54/prose", "leg.json", "not a summary\n");
+        // Neither a leg nor in the layout: left alone.
+        fs::create_directories(m_storage.path() / "lost+found/11/11/x");
+        fs::create_directories(m_storage.path() / "2026-11-24/11/55/empty");
+    }
+
+    void write_leg(const std::string& path, const std::string& name, const std::string& content) {
+        fs::create_directories(m_storage.path() / path);
+        std::ofstream(m_storage.path() / path / name, std::ios::binary) << content;
+    }
+
+    CommandRun run_reindex() {
+        return run_subcommand(&add_catalog_command, "catalog",
+                              {"reindex", "--storage", m_storage.path().string(), "--catalog",
+                               "sqlite:catalog.db", "--recorder", "rec-1:9000"});
+    }
+
+    CommandRun run_find(std::vector<std::string> args) {
+        args.insert(args.begin(),
+                    {"--catalog", "sqlite:catalog.db", "--storage", m_storage.path().string()});
+        return run_subcommand(&add_find_command, "find", args);
+    }
+
+    std::vector<CatalogRow> all_rows() {
+        std::string error;
+        const auto store = catalog::open_catalog("sqlite:catalog.db", m_storage.path(), error);
+        EXPECT_NE(store, nullptr) << error;
+        return store ? store->find(catalog::test::everything()) : std::vector<CatalogRow>{};
+    }
+
+    std::string warnings() const {
+        return "WARNING: " + (m_storage.path() / "2026-11-24/11/53/cut/leg.json").string() +
+               ": not JSON (or cut short); leg skipped\n" +
+               "WARNING: " + (m_storage.path() / "2026-11-24/11/54/prose/leg.json").string() +
+               ": not JSON (or cut short); leg skipped\n";
+    }
+
+    test::TempDirectory m_storage;
+    CatalogRow m_first = example_row(1);
+    CatalogRow m_second = example_row(2);
+};
+
+TEST_F(CatalogToolsTest, ReindexAddsEveryReadableLegOnceAndWarnsOfTheOthers) {
+    const CommandRun first = run_reindex();
+    EXPECT_EQ(first.status, 0);
+    EXPECT_EQ(first.out, "reindexed 3 legs: 3 added, 0 updated, 0 removed, 2 skipped\n");
+    EXPECT_EQ(first.err, warnings());
+    EXPECT_EQ(all_rows(), (std::vector<CatalogRow>{media_only_row(), m_first, m_second}));
+
+    const CommandRun second = run_reindex();
+    EXPECT_EQ(second.status, 0);
+    EXPECT_EQ(second.out, "reindexed 3 legs: 0 added, 0 updated, 0 removed, 2 skipped\n");
+    EXPECT_EQ(all_rows(), (std::vector<CatalogRow>{media_only_row(), m_first, m_second}));
+}
+
+TEST_F(CatalogToolsTest, ReindexUpdatesChangedLegsAndMarksGoneOnesRemoved) {
+    run_reindex();
+    m_first.summary.closed_by = catalog::LegClose::TIMEOUT;
+    write_leg(m_first.summary.path, "leg.json", catalog::render(m_first.summary));
+    fs::remove_all(m_storage.path() / m_second.summary.path);
+
+    std::string error;
+    const auto store = catalog::open_catalog("sqlite:catalog.db", m_storage.path(), error);
+    ASSERT_NE(store, nullptr) << error;
+    ReindexOptions options;
+    options.storage = m_storage.path();
+    options.recorder = "rec-1:9000";
+    options.batch = 1;
+    options.now_us = 1795608000000000;
+    std::ostringstream warned;
+    EXPECT_EQ(reindex(*store, options, warned), (ReindexCounts{2, 0, 1, 1, 2}));
+    EXPECT_EQ(warned.str(), warnings());
+    CatalogRow removed = m_second;
+    removed.state = catalog::RowState::REMOVED;
+    removed.removed_at_us = 1795608000000000;
+    EXPECT_EQ(all_rows(), (std::vector<CatalogRow>{media_only_row(), m_first, removed}));
+
+    EXPECT_EQ(run_reindex().out, "reindexed 2 legs: 0 added, 0 updated, 0 removed, 2 skipped\n");
+}
+
+TEST_F(CatalogToolsTest, ReindexLeavesOtherRecordersRowsAlone) {
+    CatalogRow elsewhere = example_row(4);
+    elsewhere.summary.host = "rec-2";
+    {
+        std::string error;
+        const auto store = catalog::open_catalog("sqlite:catalog.db", m_storage.path(), error);
+        ASSERT_NE(store, nullptr) << error;
+        store->upsert({&elsewhere, 1});
+    }
+    EXPECT_EQ(run_reindex().out, "reindexed 3 legs: 3 added, 0 updated, 0 removed, 2 skipped\n");
+    EXPECT_EQ(all_rows(),
+              (std::vector<CatalogRow>{media_only_row(), m_first, m_second, elsewhere}));
+}
+
+TEST_F(CatalogToolsTest, ReindexRefusesABadRecorderOrCatalogue) {
+    const CommandRun recorder = run_subcommand(&add_catalog_command, "catalog",
+                                               {"reindex", "--storage", m_storage.path().string(),
+                                                "--catalog", "sqlite:c.db", "--recorder", "rec-1"});
+    EXPECT_EQ(recorder.status, 2);
+    EXPECT_EQ(recorder.err, "quillmar catalog reindex: --recorder \"rec-1\" is not HOST:PORT\n");
+
+    m_storage.write_file("notes.db", "plain text, not a database");
+    const CommandRun catalogue = run_subcommand(
+        &add_catalog_command, "catalog",
+        {"reindex", "--storage", m_storage.path().string(), "--catalog", "sqlite:notes.db"});
+    EXPECT_EQ(catalogue.status, 2);
+    EXPECT_EQ(catalogue.out, "");
+    EXPECT_EQ(catalogue.err, "quillmar catalog reindex: catalogue " +
+                                 (m_storage.path() / "notes.db").string() +
+                                 ": not an SQLite database\n");
+}
+
+TEST_F(CatalogToolsTest, FindPrintsOneLinePerLegByStartTime) {
+    run_reindex();
+    const CommandRun all = run_find({});
+    EXPECT_EQ(all.status, 0);
+    EXPECT_EQ(all.out,
+              "2021-10-11T12:17:18.004211Z 0.000s - 00112233-4455-6677-8899-aabbccddeeff inbound "
+              "side0=2/0 side1=2/0 2021-10-11/12/17/00112233-4455-6677-8899-aabbccddeeff\n"
+              "2026-11-24T11:51:00.000000Z 12.500s call-1 00000000-0000-0000-0000-000000000001 "
+              "inbound side0=3/1 side1=0/0 "
+              "2026-11-24/11/51/00000000-0000-0000-0000-000000000001\n"
+              "2026-11-24T11:52:00.000000Z 12.500s call-2 00000000-0000-0000-0000-000000000002 "
+              "outbound side0=3/1 side1=0/0 "
+              "2026-11-24/11/52/00000000-0000-0000-0000-000000000002\n");
+    EXPECT_EQ(all.err, "");
+
+    const CommandRun by_call = run_find({"--call-id", "call-2"});
+    EXPECT_EQ(by_call.status, 0);
+    EXPECT_EQ(by_call.out,
+              "2026-11-24T11:52:00.000000Z 12.500s call-2 00000000-0000-0000-0000-000000000002 "
+              "outbound side0=3/1 side1=0/0 "
+              "2026-11-24/11/52/00000000-0000-0000-0000-000000000002\n");
+
+    const CommandRun range =
+        run_find({"--from", "2026-11-24 11:51", "--to", "2026-11-24T11:52:00Z"});
+    EXPECT_EQ(range.status, 0);
+    EXPECT_EQ(range.out,
+              "2026-11-24T11:51:00.000000Z 12.500s call-1 00000000-0000-0000-0000-000000000001 "
+              "inbound side0=3/1 side1=0/0 "
+              "2026-11-24/11/51/00000000-0000-0000-0000-000000000001\n");
+
+    const CommandRun limited =
+        run_find({"--limit", "1", "--uuid", "00000000-0000-0000-0000-000000000002"});
+    EXPECT_EQ(limited.status, 0);
+    EXPECT_EQ(limited.out, by_call.out);
+}
+
+TEST_F(CatalogToolsTest, FindShowsRemovedLegsOnlyWhenAskedAndAsJson) {
+    run_reindex();
+    fs::remove_all(m_storage.path() / m_second.summary.path);
+    run_reindex();
+
+    const CommandRun hidden = run_find({"--call-id", "call-2"});
+    EXPECT_EQ(hidden.status, 1);
+    EXPECT_EQ(hidden.out, "");
+    EXPECT_EQ(hidden.err, "");
+
+    const CommandRun shown = run_find({"--call-id", "call-2", "--include-removed"});
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_EQ(shown.out,
+              "2026-11-24T11:52:00.000000Z 12.500s call-2 00000000-0000-0000-0000-000000000002 "
+              "outbound side0=3/1 side1=0/0 removed\n");
+
+    const CommandRun json = run_find({"--call-id", "call-1", "--json"});
+    EXPECT_EQ(json.status, 0);
+    catalog::Json expected = m_first.summary;
+    expected["state"] = "recorded";
+    expected["removed_at_us"] = nullptr;
+    expected["removed_at_utc"] = nullptr;
+    EXPECT_EQ(json.out, expected.dump() + "\n");
+}
+
+TEST_F(CatalogToolsTest, FindFailsWithTwoOnABadTimeOrCatalogue) {
+    run_reindex();
+    const CommandRun time = run_find({"--from", "2026-02-30 10:00"});
+    EXPECT_EQ(time.status, 2);
+    EXPECT_EQ(time.out, "");
+    EXPECT_EQ(time.err,
+              "quillmar find: --from \"2026-02-30 10:00\" is not a UTC time like "
+              "2026-11-24T11:52:00Z or \"2026-11-24 11:52\"\n");
+
+    const CommandRun missing =
+        run_subcommand(&add_find_command, "find",
+                       {"--catalog", "sqlite:" + (m_storage.path() / "none.db").string()});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(missing.err, "quillmar find: catalogue " + (m_storage.path() / "none.db").string() +
+                               ": cannot open: unable to open database file\n");
+    EXPECT_FALSE(fs::exists(m_storage.path() / "none.db"));
+
+    EXPECT_THROW(run_subcommand(&add_find_command, "find", {"--call-id", "x"}), CLI::RequiredError);
+}
+
+TEST(ParseUtcTimeTest, ReadsTheAcceptedFormsAndNothingElse) {
+    EXPECT_EQ(parse_utc_time("2026-11-24T11:52:00Z"), 1795521120000000ULL);
+    EXPECT_EQ(parse_utc_time("2026-11-24T11:52:07"), 1795521127000000ULL);
+    EXPECT_EQ(parse_utc_time("2026-11-24 11:52"), 1795521120000000ULL);
+    EXPECT_EQ(parse_utc_time("2026-11-24 11:52:59Z"), 1795521179000000ULL);
+    EXPECT_EQ(parse_utc_time("2026-11-24"), std::nullopt);
+    EXPECT_EQ(parse_utc_time("2026-11-24T24:00"), std::nullopt);
+    EXPECT_EQ(parse_utc_time("2026-11-24T11:52:00+01:00"), std::nullopt);
+    EXPECT_EQ(parse_utc_time("yesterday"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace qm::tools

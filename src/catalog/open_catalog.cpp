@@ -12,15 +12,15 @@ namespace {
 
 constexpr std::string_view SQLITE_PREFIX = "sqlite:";
 
-bool is_postgres(const std::string& spec) {
-    return spec.starts_with("postgresql://") || spec.starts_with("postgres://");
+bool is_postgres(const std::string& location) {
+    return location.starts_with("postgresql://") || location.starts_with("postgres://");
 }
 
 // Why the URI cannot be used, or empty: libpq's reason when it does not parse, or the password
 // it must not carry.
-std::string postgres_problem(const std::string& spec) {
+std::string postgres_problem(const std::string& location) {
     char* message = nullptr;
-    PQconninfoOption* options = PQconninfoParse(spec.c_str(), &message);
+    PQconninfoOption* options = PQconninfoParse(location.c_str(), &message);
     if (options == nullptr) {
         std::string reason = message ? message : "out of memory";
         PQfreemem(message);
@@ -42,34 +42,34 @@ std::string postgres_problem(const std::string& spec) {
     return problem;
 }
 
-std::unique_ptr<SqlConnection> connect(const std::string& spec,
+std::unique_ptr<SqlConnection> connect(const std::string& location,
                                        const std::filesystem::path& storage, CatalogOpen mode) {
     const bool create = mode == CatalogOpen::CREATE;
-    if (spec.starts_with(SQLITE_PREFIX)) {
-        const std::filesystem::path file(spec.substr(SQLITE_PREFIX.size()));
+    if (location.starts_with(SQLITE_PREFIX)) {
+        const std::filesystem::path file(location.substr(SQLITE_PREFIX.size()));
         if (file.empty()) {
-            throw CatalogError("catalogue: \"" + spec + "\" names no file");
+            throw CatalogError("catalogue: \"" + location + "\" names no file");
         }
         return std::make_unique<SqliteConnection>(file.is_absolute() ? file : storage / file,
                                                   create);
     }
-    if (is_postgres(spec)) {
-        if (const std::string problem = postgres_problem(spec); !problem.empty()) {
+    if (is_postgres(location)) {
+        if (const std::string problem = postgres_problem(location); !problem.empty()) {
             throw CatalogError(problem);
         }
-        return std::make_unique<PostgresConnection>(spec);
+        return std::make_unique<PostgresConnection>(location);
     }
-    throw CatalogError("catalogue: \"" + spec +
+    throw CatalogError("catalogue: \"" + location +
                        "\" is neither sqlite:PATH nor a postgresql:// URI");
 }
 
 }  // namespace
 
-std::unique_ptr<CatalogStore> open_catalog(const std::string& spec,
+std::unique_ptr<CatalogStore> open_catalog(const std::string& location,
                                            const std::filesystem::path& storage, std::string& error,
                                            CatalogOpen mode) {
     try {
-        return std::make_unique<CatalogStore>(connect(spec, storage, mode),
+        return std::make_unique<CatalogStore>(connect(location, storage, mode),
                                               mode == CatalogOpen::CREATE);
     } catch (const CatalogError& failure) {
         error = failure.what();

@@ -22,10 +22,10 @@ enum class CatalogOpen {
     EXISTING,
 };
 
-// The store, or null with `error` saying why (an unknown kind of spec, a database that cannot be
-// opened or is not a catalogue). A spec holding a password is refused: it would end up in
+// The store, or null with `error` saying why (an unknown kind of location, a database that cannot
+// be opened or is not a catalogue). A location holding a password is refused: it would end up in
 // configuration files and process lists.
-std::unique_ptr<CatalogStore> open_catalog(const std::string& spec,
+std::unique_ptr<CatalogStore> open_catalog(const std::string& location,
                                            const std::filesystem::path& storage, std::string& error,
                                            CatalogOpen mode = CatalogOpen::CREATE);
 

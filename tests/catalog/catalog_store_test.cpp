@@ -16,10 +16,10 @@ namespace {
 
 class SqliteCatalogTest : public ::testing::Test {
 protected:
-    std::unique_ptr<CatalogStore> open(const std::string& spec,
+    std::unique_ptr<CatalogStore> open(const std::string& location,
                                        CatalogOpen mode = CatalogOpen::CREATE) {
         m_error.clear();
-        return open_catalog(spec, m_storage.path(), m_error, mode);
+        return open_catalog(location, m_storage.path(), m_error, mode);
     }
     std::unique_ptr<CatalogStore> open_fresh() {
         auto store = open("sqlite:catalog.db");

@@ -61,4 +61,6 @@ tail -n 20 build-fuzz/packet_reader.log build-fuzz/files.log
 echo "== optimised build: end-to-end tests"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none -DQM_BUILD_TESTS=ON \
     -DQM_BUILD_BENCHMARKS=ON -DQM_E2E_ONLY=ON
-ctest --test-dir build --output-on-failure
+# Most end-to-end tests wait for report periods and timers: two at a time, except the suites that
+# load the machine, which run alone (SERIAL in tests/e2e/CMakeLists.txt).
+ctest --test-dir build --output-on-failure -j "$jobs"

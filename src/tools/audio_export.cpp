@@ -21,7 +21,7 @@
 #include "io/io_media_channel.hpp"
 #include "io/io_media_frame.hpp"
 #include "io/quillmar_format.hpp"
-#include "tools/recording_file.hpp"
+#include "recording/recording_file.hpp"
 #include "utils/str.hpp"
 
 namespace qm::tools {
@@ -71,7 +71,7 @@ SF_INFO sound_info_for(const ExportOptions& options) {
     if (sf_format_check(&info) == 0) {
         throw failure(options.output, "this libsndfile cannot write " +
                                           options.output.extension().string() + " with " +
-                                          counted(info.channels, "channel") + " at " +
+                                          recording::counted(info.channels, "channel") + " at " +
                                           std::to_string(info.samplerate) + " Hz");
     }
     return info;
@@ -167,7 +167,7 @@ struct Timeline {
     std::uint64_t frame_bytes = 0;
 };
 
-Timeline timeline_of(RecordingFile& file) {
+Timeline timeline_of(recording::RecordingFile& file) {
     std::array<std::vector<io::MediaFrame>, 2> delivered;
     const std::vector<io::MediaChannel*> channels = file.stream().streams();
     Timeline timeline;
@@ -323,9 +323,9 @@ bool write_sound(SNDFILE* sound, const Timeline& timeline, ExportChannels channe
 ExportResult export_audio(const ExportOptions& options) {
     SF_INFO info = sound_info_for(options);
     refuse_existing(options);
-    RecordingFile recording(options.input);
+    recording::RecordingFile recording(options.input);
     if (!recording.session()) {
-        throw failure(options.input, truncated_header(recording.size()));
+        throw failure(options.input, recording::truncated_header(recording.size()));
     }
     const Timeline timeline = timeline_of(recording);
 
@@ -364,18 +364,21 @@ ExportResult export_audio(const ExportOptions& options) {
 
 std::string summary_line(const std::filesystem::path& output, const ExportResult& result) {
     const double seconds = result.rate > 0 ? static_cast<double>(result.samples) / result.rate : 0;
-    return output.string() + ": " + counted(result.channels, "channel") + ", " +
-           counted(result.samples, "sample") + " (" + utils::str::print_double<3>(seconds) +
-           " s at " + std::to_string(result.rate) + " Hz), " + counted(result.gaps, "gap") +
-           " filled with " + counted(result.silence, "sample") + " of silence, " +
-           counted(result.overlapping_frames, "overlapping frame") + " (samples placed first kept)";
+    return output.string() + ": " + recording::counted(result.channels, "channel") + ", " +
+           recording::counted(result.samples, "sample") + " (" +
+           utils::str::print_double<3>(seconds) + " s at " + std::to_string(result.rate) +
+           " Hz), " + recording::counted(result.gaps, "gap") + " filled with " +
+           recording::counted(result.silence, "sample") + " of silence, " +
+           recording::counted(result.overlapping_frames, "overlapping frame") +
+           " (samples placed first kept)";
 }
 
 std::string tail_warning(const std::filesystem::path& input, const ExportResult& result) {
     if (result.tail == 0) {
         return "";
     }
-    return input.string() + ": warning: truncated tail: " + counted(result.tail, "byte") +
+    return input.string() +
+           ": warning: truncated tail: " + recording::counted(result.tail, "byte") +
            " after the last whole frame not exported";
 }
 

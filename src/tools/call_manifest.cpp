@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tools/recording_file.hpp"
+#include "recording/recording_file.hpp"
 #include "utils/str.hpp"
 
 namespace qm::tools {
@@ -73,7 +73,7 @@ SentSide side_from(const json& in) {
 
 SentLeg leg_from(const json& in) {
     SentLeg leg;
-    const std::optional<io::Uuid> uuid = parse_uuid(in.at("uuid").get<std::string>());
+    const std::optional<io::Uuid> uuid = recording::parse_uuid(in.at("uuid").get<std::string>());
     if (!uuid) {
         throw std::runtime_error("bad uuid \"" + in.at("uuid").get<std::string>() + "\"");
     }

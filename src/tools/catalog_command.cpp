@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "catalog/catalog_reindex.hpp"
 #include "catalog/open_catalog.hpp"
-#include "tools/catalog_reindex.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -36,7 +36,7 @@ std::uint64_t now_us() {
 
 int run_reindex(const ReindexCommandOptions& command) {
     const std::string recorder = command.recorder.empty() ? default_recorder() : command.recorder;
-    if (!parse_recorder(recorder)) {
+    if (!catalog::parse_recorder(recorder)) {
         std::cerr << "quillmar catalog reindex: --recorder \"" << recorder << "\" is not HOST:PORT"
                   << std::endl;
         return 2;
@@ -47,12 +47,13 @@ int run_reindex(const ReindexCommandOptions& command) {
         std::cerr << "quillmar catalog reindex: " << error << std::endl;
         return 2;
     }
-    ReindexOptions options;
+    catalog::ReindexOptions options;
     options.storage = command.storage;
     options.recorder = recorder;
     options.now_us = now_us();
     try {
-        std::cout << reindex_line(reindex(*store, options, std::cerr)) << std::endl;
+        std::cout << catalog::reindex_line(catalog::reindex(*store, options, std::cerr))
+                  << std::endl;
     } catch (const catalog::CatalogError& failure) {
         std::cerr << "quillmar catalog reindex: " << failure.what() << std::endl;
         return 2;

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/recording_inspector.hpp"
+#include "recording/recording_inspector.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -19,17 +19,17 @@ struct InspectOptions {
 int run_inspect(const InspectOptions& options) {
     int status = 0;
     for (std::size_t i = 0; i < options.files.size(); ++i) {
-        const RecordingReport report = inspect_recording(options.files[i]);
+        const recording::RecordingReport report = recording::inspect_recording(options.files[i]);
         if (options.json) {
-            std::cout << report_json(report).dump() << '\n';
+            std::cout << recording::report_json(report).dump() << '\n';
         } else {
-            std::cout << (i == 0 ? "" : "\n") << report_text(report);
+            std::cout << (i == 0 ? "" : "\n") << recording::report_text(report);
         }
         std::cout.flush();
-        if (report.state != RecordingState::SOUND) {
-            std::cerr << "quillmar inspect: " << error_text(report) << std::endl;
+        if (report.state != recording::RecordingState::SOUND) {
+            std::cerr << "quillmar inspect: " << recording::error_text(report) << std::endl;
         }
-        status = std::max(status, exit_status(report));
+        status = std::max(status, recording::exit_status(report));
     }
     return status;
 }

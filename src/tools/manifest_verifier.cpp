@@ -8,7 +8,7 @@
 
 #include "io/io_media_channel.hpp"
 #include "io/io_session_path.hpp"
-#include "tools/recording_file.hpp"
+#include "recording/recording_file.hpp"
 #include "utils/str.hpp"
 
 namespace qm::tools {
@@ -107,7 +107,7 @@ void add_findings(std::vector<std::string>& problems, int side, const SideFindin
 }
 
 void check_header(std::vector<std::string>& problems, const SentLeg& leg,
-                  const RecordingFile& file) {
+                  const recording::RecordingFile& file) {
     if (!file.session()) {
         problems.push_back("the file ends inside its header");
         return;
@@ -134,13 +134,13 @@ LegVerdict verify_leg(const SentLeg& leg, const std::filesystem::path& storage) 
         return verdict;
     }
     try {
-        RecordingFile file(verdict.path);
+        recording::RecordingFile file(verdict.path);
         check_header(verdict.problems, leg, file);
         const std::vector<io::MediaChannel*> channels = file.stream().streams();
         for (int side = 0; side < 2; ++side) {
             add_findings(verdict.problems, side, check_side(leg.sides[side], *channels[side]));
         }
-    } catch (const RecordingError& error) {
+    } catch (const recording::RecordingError& error) {
         verdict.problems.push_back(error.what());
     }
     if (!verdict.problems.empty()) {

@@ -10,12 +10,12 @@
 #include <vector>
 
 #include "../catalog/catalog_store_checks.hpp"
+#include "catalog/catalog_reindex.hpp"
 #include "catalog/open_catalog.hpp"
 #include "recording_bytes.hpp"
 #include "temp_directory.hpp"
 #include "tool_command_run.hpp"
 #include "tools/catalog_find.hpp"
-#include "tools/catalog_reindex.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -131,13 +131,13 @@ TEST_F(CatalogToolsTest, ReindexUpdatesChangedLegsAndMarksGoneOnesRemoved) {
     std::string error;
     const auto store = catalog::open_catalog("sqlite:catalog.db", m_storage.path(), error);
     ASSERT_NE(store, nullptr) << error;
-    ReindexOptions options;
+    catalog::ReindexOptions options;
     options.storage = m_storage.path();
     options.recorder = "rec-1:9000";
     options.batch = 1;
     options.now_us = 1795608000000000;
     std::ostringstream warned;
-    EXPECT_EQ(reindex(*store, options, warned), (ReindexCounts{2, 0, 1, 1, 2}));
+    EXPECT_EQ(catalog::reindex(*store, options, warned), (catalog::ReindexCounts{2, 0, 1, 1, 2}));
     EXPECT_EQ(warned.str(), warnings());
     CatalogRow removed = m_second;
     removed.state = catalog::RowState::REMOVED;

@@ -1,4 +1,4 @@
-#include "tools/recording_inspector.hpp"
+#include "recording/recording_inspector.hpp"
 
 #include <gtest/gtest.h>
 
@@ -64,10 +64,10 @@ TEST(RecordingInspectorTest, SoundTwoSideFile) {
     test::TempDirectory dir;
     const std::string path = dir.write_file("media.qm", text_of(sound_file()));
 
-    const RecordingReport report = inspect_recording(path);
+    const recording::RecordingReport report = recording::inspect_recording(path);
 
-    EXPECT_EQ(report.state, RecordingState::SOUND);
-    EXPECT_EQ(exit_status(report), 0);
+    EXPECT_EQ(report.state, recording::RecordingState::SOUND);
+    EXPECT_EQ(recording::exit_status(report), 0);
     EXPECT_EQ(report.size, 120u);
     EXPECT_EQ(report.frames_end, 120u);
     EXPECT_EQ(report.tail, 0u);
@@ -78,7 +78,7 @@ TEST(RecordingInspectorTest, SoundTwoSideFile) {
     EXPECT_EQ(report.sides[1].frames, 2u);
     EXPECT_EQ(report.sides[1].samples, 4u);
     EXPECT_EQ(report.sides[1].last_offset, 2u);
-    EXPECT_EQ(error_text(report), "");
+    EXPECT_EQ(recording::error_text(report), "");
 }
 
 TEST(RecordingInspectorTest, SoundFileTextLines) {
@@ -114,15 +114,15 @@ TEST(RecordingInspectorTest, GapsAreCountedWithTheirMissingSamples) {
                         SYNC_MT, {frame(0, 0, 0, {1, 2, 3, 4}), frame(0, 10, 10, {1, 2, 3, 4}),
                                   frame(0, 14, 14, {1, 2}), frame(0, 20, 20, {1, 2})})));
 
-    const RecordingReport report = inspect_recording(path);
+    const recording::RecordingReport report = recording::inspect_recording(path);
 
-    EXPECT_EQ(report.state, RecordingState::SOUND);
+    EXPECT_EQ(report.state, recording::RecordingState::SOUND);
     EXPECT_EQ(report.sides[0].frames, 4u);
     EXPECT_EQ(report.sides[0].gaps, 2u);
     EXPECT_EQ(report.sides[0].missing_samples, 10u);
     EXPECT_EQ(report.sides[0].overlaps, 0u);
     EXPECT_EQ(report.sides[1].frames, 0u);
-    const std::string text = report_text(report);
+    const std::string text = recording::report_text(report);
     EXPECT_NE(text.find("\nside 0:     4 frames, 12 samples, offsets 0..20, 2 gaps (10 samples "
                         "missing), 0 overlaps, 0 time wraps\n"),
               std::string::npos)
@@ -139,14 +139,15 @@ TEST(RecordingInspectorTest, RepeatedAndOverlappingFramesAreCounted) {
                                   frame(0, 4, 4, {5, 6, 7, 8}), frame(0, 6, 6, {1, 1, 1, 1}),
                                   frame(0, 10, 10, {2, 2})})));
 
-    const RecordingReport report = inspect_recording(path);
+    const recording::RecordingReport report = recording::inspect_recording(path);
 
     EXPECT_EQ(report.sides[0].frames, 5u);
     EXPECT_EQ(report.sides[0].overlaps, 2u);
     EXPECT_EQ(report.sides[0].gaps, 0u);
     EXPECT_EQ(report.sides[0].missing_samples, 0u);
-    EXPECT_EQ(report.state, RecordingState::SOUND);
-    EXPECT_NE(report_text(report).find("0 gaps (0 samples missing), 2 overlaps, 0 time wraps\n"),
+    EXPECT_EQ(report.state, recording::RecordingState::SOUND);
+    EXPECT_NE(recording::report_text(report).find(
+                  "0 gaps (0 samples missing), 2 overlaps, 0 time wraps\n"),
               std::string::npos);
 }
 
@@ -161,7 +162,7 @@ TEST(RecordingInspectorTest, TimeWrapsAreCountedPerSide) {
                                   frame(0, 3, 16, {1}), frame(1, 1, 3, {1}), frame(0, 4, 100, {1}),
                                   frame(0, 5, 50, {1})})));
 
-    const RecordingReport report = inspect_recording(path);
+    const recording::RecordingReport report = recording::inspect_recording(path);
 
     EXPECT_EQ(report.sides[0].frames, 6u);
     EXPECT_EQ(report.sides[0].time_wraps, 1u);
@@ -182,8 +183,8 @@ TEST(RecordingInspectorTest, FileCutInsideAFramesSamplesHasAnInconsistentFrame) 
     EXPECT_EQ(run.err, "quillmar inspect: " + path +
                            ": inconsistent frame: the frame at byte 104 claims more samples than "
                            "the 1 byte after its header hold\n");
-    const RecordingReport report = inspect_recording(path);
-    EXPECT_EQ(report.state, RecordingState::INCONSISTENT_FRAME);
+    const recording::RecordingReport report = recording::inspect_recording(path);
+    EXPECT_EQ(report.state, recording::RecordingState::INCONSISTENT_FRAME);
     EXPECT_EQ(report.size, 117u);
     EXPECT_EQ(report.frames_end, 104u);
     EXPECT_EQ(report.tail, 13u);
@@ -208,8 +209,8 @@ TEST(RecordingInspectorTest, FileCutInsideAFrameHeaderHasATruncatedFrame) {
     EXPECT_EQ(run.err, "quillmar inspect: " + path +
                            ": truncated frame: 7 bytes after the last whole frame, which ends at "
                            "byte 120\n");
-    const RecordingReport report = inspect_recording(path);
-    EXPECT_EQ(report.state, RecordingState::TRUNCATED_FRAME);
+    const recording::RecordingReport report = recording::inspect_recording(path);
+    EXPECT_EQ(report.state, recording::RecordingState::TRUNCATED_FRAME);
     EXPECT_EQ(report.tail, 7u);
     EXPECT_EQ(report.sides[0].frames, 2u);
     EXPECT_EQ(report.sides[1].frames, 2u);
@@ -334,15 +335,15 @@ TEST(RecordingInspectorTest, SeveralFilesAreAllReportedAndTheHighestStatusWins) 
                            "header\n");
     // One block per file, a blank line between them, the sound one whole.
     EXPECT_EQ(two.out, "file:       " + missing + "\nstatus:     unreadable\n\n" +
-                           report_text(inspect_recording(sound)) + "\n" +
-                           report_text(inspect_recording(cut)));
+                           recording::report_text(recording::inspect_recording(sound)) + "\n" +
+                           recording::report_text(recording::inspect_recording(cut)));
     EXPECT_NE(two.out.find("status:     sound\n"), std::string::npos);
 }
 
 TEST(RecordingInspectorTest, UtcTextHasMicroseconds) {
-    EXPECT_EQ(utc_text(0), "1970-01-01 00:00:00.000000 UTC");
-    EXPECT_EQ(utc_text(1633954638004211ULL), "2021-10-11 12:17:18.004211 UTC");
-    EXPECT_EQ(utc_text(951782400000001ULL), "2000-02-29 00:00:00.000001 UTC");
+    EXPECT_EQ(recording::utc_text(0), "1970-01-01 00:00:00.000000 UTC");
+    EXPECT_EQ(recording::utc_text(1633954638004211ULL), "2021-10-11 12:17:18.004211 UTC");
+    EXPECT_EQ(recording::utc_text(951782400000001ULL), "2000-02-29 00:00:00.000001 UTC");
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 // file can be read, it starts with the magic, its format is the media format); what the frames
 // hold is for the caller to judge. Owns the stream; one thread at a time.
 
-namespace qm::tools {
+namespace qm::recording {
 
 // A file the tools cannot read as a recording at all: missing, unreadable, not a recording, or of
 // a format they do not know. `what()` is one line naming the file.
@@ -55,4 +55,4 @@ std::string truncated_header(std::uint64_t size);
 // anything else. `utils::str::print_uuid` writes the form.
 std::optional<io::Uuid> parse_uuid(const std::string& text);
 
-}  // namespace qm::tools
+}  // namespace qm::recording

@@ -1,4 +1,4 @@
-#include "tools/recording_file.hpp"
+#include "recording/recording_file.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -8,7 +8,7 @@
 #include <iterator>
 #include <system_error>
 
-namespace qm::tools {
+namespace qm::recording {
 namespace {
 
 std::string describe(const std::filesystem::path& path, const std::string& problem) {
@@ -98,4 +98,4 @@ std::optional<io::Uuid> parse_uuid(const std::string& text) {
     return uuid;
 }
 
-}  // namespace qm::tools
+}  // namespace qm::recording

@@ -17,7 +17,7 @@
 // marked removed. Running it again over an unchanged storage changes nothing.
 // Reads files and writes the catalogue; one thread.
 
-namespace qm::tools {
+namespace qm::catalog {
 
 struct ReindexOptions {
     std::filesystem::path storage;
@@ -45,12 +45,11 @@ std::optional<std::pair<std::string, std::uint16_t>> parse_recorder(const std::s
 
 // Writes one line per skipped leg to `warnings`:
 //   "WARNING: <file>: <reason>; leg skipped"
-// THROWS: catalog::CatalogError when the catalogue fails (rows of earlier batches stay).
+// THROWS: CatalogError when the catalogue fails (rows of earlier batches stay).
 // REQUIRES: `options.recorder` parses.
-ReindexCounts reindex(catalog::CatalogStore& store, const ReindexOptions& options,
-                      std::ostream& warnings);
+ReindexCounts reindex(CatalogStore& store, const ReindexOptions& options, std::ostream& warnings);
 
 // "reindexed N legs: A added, U updated, R removed, S skipped"
 std::string reindex_line(const ReindexCounts& counts);
 
-}  // namespace qm::tools
+}  // namespace qm::catalog

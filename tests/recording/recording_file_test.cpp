@@ -1,4 +1,4 @@
-#include "tools/recording_file.hpp"
+#include "recording/recording_file.hpp"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include "temp_directory.hpp"
 #include "utils/str.hpp"
 
-namespace qm::tools {
+namespace qm::recording {
 namespace {
 
 using media::DataFields;
@@ -165,4 +165,4 @@ TEST(ParseUuidTest, RefusesAnythingElse) {
 }
 
 }  // namespace
-}  // namespace qm::tools
+}  // namespace qm::recording

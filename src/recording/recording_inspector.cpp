@@ -1,4 +1,4 @@
-#include "tools/recording_inspector.hpp"
+#include "recording/recording_inspector.hpp"
 
 #include <time.h>
 
@@ -10,10 +10,10 @@
 
 #include "io/io_media_channel.hpp"
 #include "io/io_media_frame.hpp"
-#include "tools/recording_file.hpp"
+#include "recording/recording_file.hpp"
 #include "utils/str.hpp"
 
-namespace qm::tools {
+namespace qm::recording {
 namespace {
 
 using nlohmann::json;
@@ -251,4 +251,4 @@ std::string utc_text(std::uint64_t microseconds) {
     return std::string(date) + fraction;
 }
 
-}  // namespace qm::tools
+}  // namespace qm::recording

@@ -1,4 +1,4 @@
-#include "tools/catalog_reindex.hpp"
+#include "catalog/catalog_reindex.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -10,14 +10,13 @@
 #include <vector>
 
 #include "catalog/leg_summary.hpp"
-#include "tools/recording_inspector.hpp"
+#include "recording/recording_inspector.hpp"
 #include "utils/str.hpp"
 
-namespace qm::tools {
+namespace qm::catalog {
 namespace {
 
 namespace fs = std::filesystem;
-using catalog::CatalogRow;
 
 // Whether `name` is `pattern` with every '9' standing for a digit.
 bool matches(const std::string& name, std::string_view pattern) {
@@ -74,29 +73,30 @@ std::optional<CatalogRow> row_from_summary(const fs::path& file, std::string& re
     if (!text) {
         return std::nullopt;
     }
-    std::optional<catalog::LegSummary> summary = catalog::parse(*text, reason);
+    std::optional<LegSummary> summary = parse(*text, reason);
     if (!summary) {
         return std::nullopt;
     }
-    return CatalogRow{std::move(*summary), catalog::RowState::RECORDED, std::nullopt};
+    return CatalogRow{std::move(*summary), RowState::RECORDED, std::nullopt};
 }
 
 std::optional<CatalogRow> row_from_media(const fs::path& file, const ReindexOptions& options,
                                          std::string& reason) {
-    const RecordingReport report = inspect_recording(file);
-    if (report.state == RecordingState::UNREADABLE || !report.session) {
-        reason = report.state == RecordingState::UNREADABLE ? report.unreadable_reason
-                                                            : state_name(report.state);
+    const recording::RecordingReport report = recording::inspect_recording(file);
+    if (report.state == recording::RecordingState::UNREADABLE || !report.session) {
+        reason = report.state == recording::RecordingState::UNREADABLE
+                     ? report.unreadable_reason
+                     : recording::state_name(report.state);
         return std::nullopt;
     }
     CatalogRow row;
-    catalog::LegSummary& leg = row.summary;
+    LegSummary& leg = row.summary;
     leg.uuid = utils::str::print_uuid(report.session->uuid);
     leg.start_us = report.session->ts;
     leg.last_packet_us = report.session->ts;
-    leg.closed_by = catalog::LegClose::UNKNOWN;
+    leg.closed_by = LegClose::UNKNOWN;
     for (std::size_t side = 0; side < leg.sides.size(); ++side) {
-        const SideReport& found = report.sides[side];
+        const recording::SideReport& found = report.sides[side];
         leg.sides[side].frames = found.frames;
         leg.sides[side].samples = found.samples;
         if (found.frames != 0) {
@@ -130,13 +130,13 @@ std::optional<CatalogRow> read_leg(const fs::path& relative, const ReindexOption
 
 class Reindexer {
 public:
-    Reindexer(catalog::CatalogStore& store, const ReindexOptions& options)
+    Reindexer(CatalogStore& store, const ReindexOptions& options)
         : m_store(store), m_options(options) {
         m_recorders.insert(options.recorder);
     }
 
     void add(CatalogRow row) {
-        m_recorders.insert(catalog::recorder_name(row.summary));
+        m_recorders.insert(recorder_name(row.summary));
         m_batch.push_back(std::move(row));
         if (m_batch.size() >= m_options.batch) {
             flush();
@@ -157,7 +157,7 @@ public:
 
 private:
     void flush() {
-        const catalog::UpsertCounts counts = m_store.upsert(m_batch);
+        const UpsertCounts counts = m_store.upsert(m_batch);
         m_counts.legs += m_batch.size();
         m_counts.added += counts.added;
         m_counts.updated += counts.updated;
@@ -165,7 +165,7 @@ private:
     }
 
     void mark_gone(const std::string& recorder) {
-        catalog::FindQuery query;
+        FindQuery query;
         query.recorder = recorder;
         std::vector<std::string> gone;
         for (const CatalogRow& row : m_store.find(query)) {
@@ -176,7 +176,7 @@ private:
         m_counts.removed += m_store.mark_removed(recorder, gone, m_options.now_us);
     }
 
-    catalog::CatalogStore& m_store;
+    CatalogStore& m_store;
     const ReindexOptions& m_options;
     std::vector<CatalogRow> m_batch;
     std::set<std::string> m_recorders;
@@ -201,8 +201,7 @@ std::optional<std::pair<std::string, std::uint16_t>> parse_recorder(const std::s
     return std::make_pair(text.substr(0, colon), port);
 }
 
-ReindexCounts reindex(catalog::CatalogStore& store, const ReindexOptions& options,
-                      std::ostream& warnings) {
+ReindexCounts reindex(CatalogStore& store, const ReindexOptions& options, std::ostream& warnings) {
     Reindexer reindexer(store, options);
     for (const fs::path& relative : leg_directories(options.storage)) {
         reindexer.present(relative);
@@ -226,4 +225,4 @@ std::string reindex_line(const ReindexCounts& counts) {
            " skipped";
 }
 
-}  // namespace qm::tools
+}  // namespace qm::catalog

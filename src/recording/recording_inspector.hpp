@@ -24,7 +24,7 @@
 // fewer than 12 bytes for a frame header cut short, 12 or more for a frame header claiming more
 // samples than the file still holds.
 
-namespace qm::tools {
+namespace qm::recording {
 
 struct SideReport {
     std::uint64_t frames = 0;
@@ -106,4 +106,4 @@ nlohmann::json report_json(const RecordingReport& report);
 // the calendar cannot hold it.
 std::string utc_text(std::uint64_t microseconds);
 
-}  // namespace qm::tools
+}  // namespace qm::recording

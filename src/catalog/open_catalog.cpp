@@ -12,10 +12,6 @@ namespace {
 
 constexpr std::string_view SQLITE_PREFIX = "sqlite:";
 
-bool is_postgres(const std::string& location) {
-    return location.starts_with("postgresql://") || location.starts_with("postgres://");
-}
-
 // Why the URI cannot be used, or empty: libpq's reason when it does not parse, or the password
 // it must not carry.
 std::string postgres_problem(const std::string& location) {
@@ -44,26 +40,34 @@ std::string postgres_problem(const std::string& location) {
 
 std::unique_ptr<SqlConnection> connect(const std::string& location,
                                        const std::filesystem::path& storage, CatalogOpen mode) {
-    const bool create = mode == CatalogOpen::CREATE;
-    if (location.starts_with(SQLITE_PREFIX)) {
-        const std::filesystem::path file(location.substr(SQLITE_PREFIX.size()));
-        if (file.empty()) {
-            throw CatalogError("catalogue: \"" + location + "\" names no file");
-        }
-        return std::make_unique<SqliteConnection>(file.is_absolute() ? file : storage / file,
-                                                  create);
+    if (const std::string problem = location_problem(location); !problem.empty()) {
+        throw CatalogError(problem);
     }
-    if (is_postgres(location)) {
-        if (const std::string problem = postgres_problem(location); !problem.empty()) {
-            throw CatalogError(problem);
-        }
+    if (is_postgres_location(location)) {
         return std::make_unique<PostgresConnection>(location);
     }
-    throw CatalogError("catalogue: \"" + location +
-                       "\" is neither sqlite:PATH nor a postgresql:// URI");
+    const std::filesystem::path file(location.substr(SQLITE_PREFIX.size()));
+    return std::make_unique<SqliteConnection>(file.is_absolute() ? file : storage / file,
+                                              mode == CatalogOpen::CREATE);
 }
 
 }  // namespace
+
+bool is_postgres_location(const std::string& location) {
+    return location.starts_with("postgresql://") || location.starts_with("postgres://");
+}
+
+std::string location_problem(const std::string& location) {
+    if (location.starts_with(SQLITE_PREFIX)) {
+        return location.size() == SQLITE_PREFIX.size()
+                   ? "catalogue: \"" + location + "\" names no file"
+                   : std::string();
+    }
+    if (is_postgres_location(location)) {
+        return postgres_problem(location);
+    }
+    return "catalogue: \"" + location + "\" is neither sqlite:PATH nor a postgresql:// URI";
+}
 
 std::unique_ptr<CatalogStore> open_catalog(const std::string& location,
                                            const std::filesystem::path& storage, std::string& error,

@@ -22,6 +22,14 @@ enum class CatalogOpen {
     EXISTING,
 };
 
+// Whether the location names a PostgreSQL database (a server that may be down for a while, where
+// an SQLite file is the recorder's own).
+bool is_postgres_location(const std::string& location);
+
+// Why the location cannot name a catalogue (neither form, an SQLite form without a file, a URI
+// that libpq refuses or that holds a password), or empty when its form is right. Opens nothing.
+std::string location_problem(const std::string& location);
+
 // The store, or null with `error` saying why (an unknown kind of location, a database that cannot
 // be opened or is not a catalogue). A location holding a password is refused: it would end up in
 // configuration files and process lists.

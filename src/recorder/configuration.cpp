@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "catalog/open_catalog.hpp"
 #include "utils/str.hpp"
 #include "utils/time.hpp"
 
@@ -159,6 +160,10 @@ int Configuration::set_flag(const std::string& key, std::ostringstream& detail) 
         allowed_sources = net::SourceFilter();
         return APPLIED;
     }
+    if (key == "catalog") {
+        catalog.clear();
+        return APPLIED;
+    }
     return StatExtension::set_flag(key, detail);
 }
 
@@ -235,6 +240,14 @@ int Configuration::set_value(const std::string& key, const std::string& value,
         }
         detail << error;
         return FAILED_WITH_DETAIL;
+    }
+    if (key == "catalog") {
+        if (const std::string problem = catalog::location_problem(value); !problem.empty()) {
+            detail << problem;
+            return FAILED_WITH_DETAIL;
+        }
+        catalog = value;
+        return APPLIED;
     }
     if (key == "write_media") {
         return to_status(conf::try_parse_bool(value, write_media));

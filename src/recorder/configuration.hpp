@@ -84,6 +84,10 @@ public:
     // packet reader sees them. Empty (the default, also "allowed_sources =" with no value) takes
     // every sender.
     net::SourceFilter allowed_sources;
+    // Where the closed legs are catalogued: "sqlite:PATH" (relative to the storage) or a
+    // "postgresql://" URI; empty (the default, also "catalog =" with no value) keeps none. A
+    // catalogue needs the leg summaries, so it writes them whatever `write_leg_summary` says.
+    std::string catalog;
 
     static constexpr std::uint64_t MAX_RECEIVE_BATCH = 1024;
 

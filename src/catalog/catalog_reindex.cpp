@@ -1,11 +1,12 @@
 #include "catalog/catalog_reindex.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <fstream>
 #include <iterator>
-#include <ostream>
 #include <set>
 #include <vector>
 
@@ -109,8 +110,20 @@ std::optional<CatalogRow> row_from_media(const fs::path& file, const ReindexOpti
     return row;
 }
 
-// Reads the leg at `relative`: its row, none for a directory that holds no leg, or none with
-// `reason` set (and `file` naming what was read) for one that cannot be read.
+// Whether the media file was last written before `before_us`.
+bool written_before(const fs::path& file, std::uint64_t before_us) {
+    struct stat status {};
+    if (::stat(file.c_str(), &status) != 0) {
+        return false;
+    }
+    const auto written_us = static_cast<std::uint64_t>(status.st_mtim.tv_sec) * 1'000'000 +
+                            static_cast<std::uint64_t>(status.st_mtim.tv_nsec) / 1'000;
+    return written_us < before_us;
+}
+
+// Reads the leg at `relative`: its row, none for a directory that holds no leg (or a media file
+// too new to take), or none with `reason` set (and `file` naming what was read) for one that
+// cannot be read.
 std::optional<CatalogRow> read_leg(const fs::path& relative, const ReindexOptions& options,
                                    fs::path& file, std::string& reason) {
     const fs::path directory = options.storage / relative;
@@ -119,7 +132,10 @@ std::optional<CatalogRow> read_leg(const fs::path& relative, const ReindexOption
     if (file = directory / "leg.json"; fs::exists(file, error)) {
         row = row_from_summary(file, reason);
     } else if (file = directory / "media.qm"; fs::exists(file, error)) {
-        row = row_from_media(file, options, reason);
+        if (!options.media_written_before_us ||
+            written_before(file, *options.media_written_before_us)) {
+            row = row_from_media(file, options, reason);
+        }
     }
     if (row) {
         // Where the leg is now, whatever its summary says.
@@ -133,6 +149,16 @@ public:
     Reindexer(CatalogStore& store, const ReindexOptions& options)
         : m_store(store), m_options(options) {
         m_recorders.insert(options.recorder);
+        if (options.only_missing) {
+            for (CatalogRow& row : recorded_rows(options.recorder)) {
+                m_known.insert(std::move(row.summary.path));
+            }
+        }
+    }
+
+    // Whether the leg at `relative` is to be read.
+    bool wanted(const fs::path& relative) const {
+        return m_known.count(relative.generic_string()) == 0;
     }
 
     void add(CatalogRow row) {
@@ -164,11 +190,15 @@ private:
         m_batch.clear();
     }
 
-    void mark_gone(const std::string& recorder) {
+    std::vector<CatalogRow> recorded_rows(const std::string& recorder) {
         FindQuery query;
         query.recorder = recorder;
+        return m_store.find(query);
+    }
+
+    void mark_gone(const std::string& recorder) {
         std::vector<std::string> gone;
-        for (const CatalogRow& row : m_store.find(query)) {
+        for (const CatalogRow& row : recorded_rows(recorder)) {
             if (m_present.count(row.summary.path) == 0) {
                 gone.push_back(row.summary.path);
             }
@@ -181,6 +211,8 @@ private:
     std::vector<CatalogRow> m_batch;
     std::set<std::string> m_recorders;
     std::set<std::string> m_present;
+    // With `only_missing`: the paths the recorder's rows hold as recorded.
+    std::set<std::string> m_known;
     ReindexCounts m_counts;
 };
 
@@ -201,17 +233,21 @@ std::optional<std::pair<std::string, std::uint16_t>> parse_recorder(const std::s
     return std::make_pair(text.substr(0, colon), port);
 }
 
-ReindexCounts reindex(CatalogStore& store, const ReindexOptions& options, std::ostream& warnings) {
+ReindexCounts reindex(CatalogStore& store, const ReindexOptions& options,
+                      const SkippedLeg& skipped) {
     Reindexer reindexer(store, options);
     for (const fs::path& relative : leg_directories(options.storage)) {
         reindexer.present(relative);
+        if (!reindexer.wanted(relative)) {
+            continue;
+        }
         fs::path file;
         std::string reason;
         std::optional<CatalogRow> row = read_leg(relative, options, file, reason);
         if (row) {
             reindexer.add(std::move(*row));
         } else if (!reason.empty()) {
-            warnings << "WARNING: " << file.string() << ": " << reason << "; leg skipped\n";
+            skipped(file, reason);
             reindexer.skip();
         }
     }

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <iosfwd>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -15,6 +15,11 @@
 // "unknown", leg "inbound", no lost packets). A leg whose summary or file cannot be read is
 // skipped with one warning line. Rows of the storage's recorders whose directory is gone are
 // marked removed. Running it again over an unchanged storage changes nothing.
+//
+// The recorder catches its catalogue up with the same walk, reading only what its rows miss: a
+// leg directory its recorder holds as recorded is not read again, and a directory with only a
+// media file is taken only when that file was last written before the recorder started (a leg
+// the recorder still writes has no summary yet, and gets its row when it closes).
 // Reads files and writes the catalogue; one thread.
 
 namespace qm::catalog {
@@ -27,6 +32,11 @@ struct ReindexOptions {
     std::size_t batch = 500;
     // The time recorded for the rows marked removed.
     std::uint64_t now_us = 0;
+    // Read only the legs the catalogue does not hold as recorded for `recorder`.
+    bool only_missing = false;
+    // When set, a leg with only a media file is taken only when the file was last written before
+    // this time (microseconds since the epoch).
+    std::optional<std::uint64_t> media_written_before_us;
 };
 
 struct ReindexCounts {
@@ -43,11 +53,14 @@ struct ReindexCounts {
 // The recorder's host and port from "host:port" (port 0..65535, host not empty); none otherwise.
 std::optional<std::pair<std::string, std::uint16_t>> parse_recorder(const std::string& text);
 
-// Writes one line per skipped leg to `warnings`:
-//   "WARNING: <file>: <reason>; leg skipped"
+// Told of each leg that is skipped: the file that could not be read and why.
+using SkippedLeg =
+    std::function<void(const std::filesystem::path& file, const std::string& reason)>;
+
 // THROWS: CatalogError when the catalogue fails (rows of earlier batches stay).
 // REQUIRES: `options.recorder` parses.
-ReindexCounts reindex(CatalogStore& store, const ReindexOptions& options, std::ostream& warnings);
+ReindexCounts reindex(CatalogStore& store, const ReindexOptions& options,
+                      const SkippedLeg& skipped);
 
 // "reindexed N legs: A added, U updated, R removed, S skipped"
 std::string reindex_line(const ReindexCounts& counts);

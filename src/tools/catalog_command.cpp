@@ -34,6 +34,10 @@ std::uint64_t now_us() {
                                           .count());
 }
 
+void print_skipped(const std::filesystem::path& file, const std::string& reason) {
+    std::cerr << "WARNING: " << file.string() << ": " << reason << "; leg skipped\n";
+}
+
 int run_reindex(const ReindexCommandOptions& command) {
     const std::string recorder = command.recorder.empty() ? default_recorder() : command.recorder;
     if (!catalog::parse_recorder(recorder)) {
@@ -52,7 +56,7 @@ int run_reindex(const ReindexCommandOptions& command) {
     options.recorder = recorder;
     options.now_us = now_us();
     try {
-        std::cout << catalog::reindex_line(catalog::reindex(*store, options, std::cerr))
+        std::cout << catalog::reindex_line(catalog::reindex(*store, options, print_skipped))
                   << std::endl;
     } catch (const catalog::CatalogError& failure) {
         std::cerr << "quillmar catalog reindex: " << failure.what() << std::endl;

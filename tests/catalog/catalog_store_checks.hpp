@@ -126,4 +126,30 @@ inline void check_mark_removed(CatalogStore& store) {
     EXPECT_EQ(store.find(everything()), (std::vector<CatalogRow>{rows[0], rows[1], third}));
 }
 
+// Rows 1 to 3 start in minutes 11:51 to 11:53 of 2026-11-24; rows 4 and 5 in 12:54 and 12:55.
+inline void check_mark_removed_under(CatalogStore& store) {
+    std::vector<CatalogRow> rows = {example_row(1), example_row(2), example_row(3), example_row(4),
+                                    example_row(5)};
+    rows[3].summary.path = "2026-11-24/12/54/" + rows[3].summary.uuid;
+    rows[4].summary.path = "2026-11-24/12/55/" + rows[4].summary.uuid;
+    store.upsert(rows);
+    const auto removed = [](CatalogRow row, std::uint64_t at_us) {
+        row.state = RowState::REMOVED;
+        row.removed_at_us = at_us;
+        return row;
+    };
+    EXPECT_EQ(store.mark_removed_under("rec-2:9000", "2026-11-24/11", 1795608000000000), 0U);
+    // "2026-11-24/1" names no directory of these rows: the prefix ends at a whole name.
+    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/1", 1795608000000000), 0U);
+    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/11/52", 1795608000000000), 1U);
+    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/11", 1795609000000000), 2U);
+    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/11", 1795609999000000), 0U);
+    EXPECT_EQ(store.find(everything()),
+              (std::vector<CatalogRow>{removed(rows[0], 1795609000000000),
+                                       removed(rows[1], 1795608000000000),
+                                       removed(rows[2], 1795609000000000), rows[3], rows[4]}));
+    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24", 1795610000000000), 2U);
+    EXPECT_EQ(store.find(FindQuery{}), (std::vector<CatalogRow>{}));
+}
+
 }  // namespace qm::catalog::test

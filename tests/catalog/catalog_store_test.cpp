@@ -75,6 +75,11 @@ TEST_F(SqliteCatalogTest, MarksRemovedLegs) {
     test::check_mark_removed(*store);
 }
 
+TEST_F(SqliteCatalogTest, MarksTheLegsOfARemovedDirectory) {
+    auto store = open_fresh();
+    test::check_mark_removed_under(*store);
+}
+
 TEST_F(SqliteCatalogTest, AFailedBatchLeavesNothing) {
     auto store = open_fresh();
     std::vector<CatalogRow> rows = {test::example_row(1), test::example_row(2)};

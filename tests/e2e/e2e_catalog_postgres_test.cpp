@@ -69,6 +69,12 @@ TEST_F(PostgresCatalogTest, MarksRemovedLegs) {
     test::check_mark_removed(*store);
 }
 
+TEST_F(PostgresCatalogTest, MarksTheLegsOfARemovedDirectory) {
+    auto store = open();
+    ASSERT_NE(store, nullptr);
+    test::check_mark_removed_under(*store);
+}
+
 TEST_F(PostgresCatalogTest, KeepsRowsAcrossARestartAndReportsAnOutage) {
     const CatalogRow row = test::example_row(2);
     open()->upsert({&row, 1});

@@ -9,6 +9,7 @@
 
 #include "app/app_notify.hpp"
 #include "build_version.hpp"
+#include "catalog/open_catalog.hpp"
 #include "conf/configuration.hpp"
 #include "log/logger.hpp"
 #include "media/media_packet_reader.hpp"
@@ -19,6 +20,7 @@
 #include "stats/statistic_service.hpp"
 #include "storage/storage_manager.hpp"
 #include "utils/path.hpp"
+#include "utils/time.hpp"
 #include "writer/writing_manager.hpp"
 
 namespace qm::recorder {
@@ -52,6 +54,19 @@ void start_statistics(const Configuration& configuration) {
     const int started = statistics.start();
     if (started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start statistic service, error: " << started);
+    }
+}
+
+// Starts the catalogue's thread for the recorder `recorder` and has the media writer feed it. A
+// thread that cannot start leaves the recorder running without its catalogue (the storage still
+// has every leg's summary for a reindex) rather than refusing to record.
+void start_catalog(catalog::CatalogWriter& catalog, writer::WritingManager& writing,
+                   std::string recorder) {
+    catalog.describe_recorder(std::move(recorder), utils::time::now_us());
+    writing.catalogue_legs(catalog);
+    const int started = catalog.start();
+    if (started != 0) {
+        QM_LOG_ERROR("SERVICE: failed to start the catalogue writer, error: " << started);
     }
 }
 
@@ -126,7 +141,15 @@ bool Service::on_start() {
     // One cleanup pass before any thread starts, then the report thread, then the cleanup
     // thread. A cleanup thread that cannot start leaves the recorder running without periodic
     // cleanup rather than refusing to record.
+    if (!prepare_catalog()) {
+        return false;
+    }
     storage::StorageManager storage(configuration->storage, *configuration, open_legs);
+    if (m_catalog) {
+        storage.on_removed([&catalog = *m_catalog](std::string directory, std::uint64_t at_us) {
+            catalog.directory_removed(std::move(directory), at_us);
+        });
+    }
     storage.cleanup();
     log_pending_signals();
     start_statistics(*configuration);
@@ -149,11 +172,35 @@ bool Service::on_start() {
     // Also when the socket could not be bound: no thread may log while the frame puts the
     // logger away. A failed join is logged by the thread's owner; there is nothing else to do.
     static_cast<void>(storage.stop());
+    if (m_catalog) {
+        static_cast<void>(m_catalog->stop());
+        m_catalog.reset();
+    }
     static_cast<void>(stats::StatisticService::Instance.stop());
     rule.remove();
     ring.close();
     socket.close();
     return recorded;
+}
+
+bool Service::prepare_catalog() {
+    const std::string& location = configuration->catalog;
+    if (location.empty()) {
+        return true;
+    }
+    std::string error;
+    std::unique_ptr<catalog::CatalogStore> store =
+        catalog::open_catalog(location, configuration->storage, error);
+    if (!store && !catalog::is_postgres_location(location)) {
+        QM_LOG_ERROR("SERVICE: failed to open the catalogue: " << error);
+        return false;
+    }
+    configuration->write_leg_summary = true;
+    stats::StatisticService::Instance.catalog_metrics = true;
+    m_catalog =
+        std::make_unique<catalog::CatalogWriter>(location, configuration->storage, std::move(store),
+                                                 stats::StatisticService::Instance.catalog);
+    return true;
 }
 
 void Service::prepare_receiving(net::Socket& socket, net::PacketRing& ring,
@@ -199,7 +246,11 @@ bool Service::record(net::Socket& socket, net::PacketRing& ring,
     if (open_legs != nullptr) {
         writing->track_open_legs(*open_legs);
     }
-    writing->describe_recorder(net::get_host_name(), socket.local_port());
+    const std::string host = net::get_host_name();
+    writing->describe_recorder(host, socket.local_port());
+    if (m_catalog) {
+        start_catalog(*m_catalog, *writing, host + ":" + std::to_string(socket.local_port()));
+    }
     const int writing_started = writing->start();
     if (writing_started != 0) {
         QM_LOG_ERROR("SERVICE: failed to start writing manager, error: " << writing_started);

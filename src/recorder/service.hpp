@@ -1,6 +1,9 @@
 #pragma once
 
+#include <memory>
+
 #include "app/configured_service.hpp"
+#include "catalog/catalog_writer.hpp"
 #include "media/media_packet_reader.hpp"
 #include "net/net_socket.hpp"
 #include "net/nft_port_rule.hpp"
@@ -34,6 +37,12 @@ protected:
     [[nodiscard]] bool on_start() override;
 
 private:
+    // With `catalog` set, builds the catalogue writer (its thread starts with the recording) and
+    // turns the leg summaries on. False when the catalogue is an SQLite file that cannot be
+    // opened as one: that is the recorder's own file and a mistake to fix, where a PostgreSQL
+    // server that does not answer yet is an outage the writer rides out.
+    bool prepare_catalog();
+
     // Sizes the socket's receive buffer and, with `receive_ring_size` set, opens `ring` on the
     // socket's port, and with `receive_ring_nft` also puts `rule` in place so that the socket's
     // copies stop before UDP. The report watches the drops of what is read: the ring's when it is
@@ -42,7 +51,8 @@ private:
 
     // Builds the writing manager and the packet reader behind the open `socket` (or `ring` when
     // open), receives until a stop, and takes them down in reverse: the media writer drains
-    // before this returns. Every recorded leg counts in `open_legs`, when given, while it is open.
+    // before this returns. Every recorded leg counts in `open_legs`, when given, while it is open,
+    // and goes to the catalogue writer, when there is one, once it is closed.
     // False when a part could not be built or started.
     bool record(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer,
                 writer::OpenLegs* open_legs);
@@ -53,6 +63,9 @@ private:
     // counted in the report's `refused_sources` and not handed on.
     void receive(net::Socket& socket, net::PacketRing& ring, net::Socket::ReadBuffer& read_buffer,
                  media::PacketReader& reader);
+
+    // Built by `prepare_catalog`, stopped at the end of `on_start` after everything that feeds it.
+    std::unique_ptr<catalog::CatalogWriter> m_catalog;
 };
 
 }  // namespace qm::recorder

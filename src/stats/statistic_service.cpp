@@ -283,7 +283,7 @@ std::vector<ReportRow> StatisticService::writer_rows() const {
 }
 
 std::vector<ReportRow> StatisticService::metrics_only_rows() const {
-    return {
+    std::vector<ReportRow> rows = {
         {"media bytes the system did not take (disk full, quota, I/O error)",
          writer.unwritten_bytes.load(), true, "unwritten_bytes_total"},
         {"media bytes cut off a file again after a write failed part-way",
@@ -293,6 +293,21 @@ std::vector<ReportRow> StatisticService::metrics_only_rows() const {
         {"leg summaries (leg.json) the media writer failed to write",
          writer.leg_summary_errors.load(), false, "leg_summary_errors_total"},
     };
+    if (catalog_metrics) {
+        rows.insert(
+            rows.end(),
+            {
+                {"closed legs written to the catalogue", catalog.rows_written.load(), false,
+                 "catalog_rows_written_total"},
+                {"attempts to reach or write the catalogue that failed",
+                 catalog.write_failures.load(), false, "catalog_write_failures_total"},
+                {"closed legs and removed directories waiting for the catalogue",
+                 catalog.rows_waiting.load(), false, "catalog_rows_waiting", true},
+                {"closed legs and removed directories that found the catalogue's queue full",
+                 catalog.rows_overflowed.load(), false, "catalog_rows_overflowed_total"},
+            });
+    }
+    return rows;
 }
 
 std::vector<ReportRow> StatisticService::packet_reader_rows() const {

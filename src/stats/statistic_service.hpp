@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "catalog/catalog_writer_statistic.hpp"
 #include "core/thread.hpp"
 #include "media/packet_reader_statistic.hpp"
 #include "net/packet_ring.hpp"
@@ -91,6 +92,8 @@ public:
     writer::WritingManagerStatistic manager{};
     writer::MediaWriterStatistic writer{};
     writer::MediaBufferPoolStatistic pool{};
+    // Counted by the catalogue writer; in the metrics file only while `catalog_metrics` is set.
+    catalog::CatalogWriterStatistic catalog{};
     // Counted by the receiving thread when `allowed_sources` refuses a datagram's sender.
     net::RefusedSources refused_sources{};
 
@@ -101,6 +104,8 @@ public:
     bool transfer_enabled = false;
     // Where the metrics go every period; empty writes none.
     std::string metrics_file;
+    // The recorder keeps a catalogue: its counters join the metrics file.
+    bool catalog_metrics = false;
     std::string transfer_host = "127.0.0.1";
     std::uint16_t transfer_port = 0;
     sockaddr_in transfer_address{};

@@ -575,6 +575,12 @@ StorageManager::Removal StorageManager::remove_once(const std::string& path,
         QM_LOG_ERROR("STORAGE_MANAGER: failed to remove, error: " << error.message());
         return Removal::failed;
     }
+    if (m_on_removed) {
+        const auto at =
+            std::chrono::duration_cast<std::chrono::microseconds>(m_files.now().time_since_epoch());
+        m_on_removed(fs::path(path).lexically_relative(m_storage).generic_string(),
+                     static_cast<std::uint64_t>(at.count()));
+    }
     return Removal::done;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <set>
 #include <string>
@@ -83,6 +84,13 @@ public:
     // One pass every `timer()`, the first one period after the start.
     void run() override;
 
+    // Told of every day, hour or minute a pass removed with what it held (not of the emptied
+    // parents), by its path relative to the storage ("2026-11-24/13/05") and the time of the
+    // removal in microseconds since the epoch; called on the thread of the pass. REQUIRES: no pass
+    // runs yet.
+    using RemovedHook = std::function<void(std::string directory, std::uint64_t removed_at_us)>;
+    void on_removed(RemovedHook hook) { m_on_removed = std::move(hook); }
+
     // The period in microseconds; warns and gives DEFAULT_TIMER_US when it is configured as 0.
     std::uint64_t timer() const;
 
@@ -152,6 +160,7 @@ private:
     const CleanupSettings m_settings;
     const writer::OpenLegs* const m_open_legs;
     FileSystem& m_files;
+    RemovedHook m_on_removed;
     std::promise<void> m_stop;
 };
 

@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <limits.h>
-#include <chrono>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -9,6 +8,7 @@
 #include "catalog/catalog_reindex.hpp"
 #include "catalog/open_catalog.hpp"
 #include "tools/tool_commands.hpp"
+#include "utils/time.hpp"
 
 namespace qm::tools {
 namespace {
@@ -26,12 +26,6 @@ std::string default_recorder() {
         return "localhost:0";
     }
     return std::string(name) + ":0";
-}
-
-std::uint64_t now_us() {
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                          std::chrono::system_clock::now().time_since_epoch())
-                                          .count());
 }
 
 void print_skipped(const std::filesystem::path& file, const std::string& reason) {
@@ -54,7 +48,7 @@ int run_reindex(const ReindexCommandOptions& command) {
     catalog::ReindexOptions options;
     options.storage = command.storage;
     options.recorder = recorder;
-    options.now_us = now_us();
+    options.now_us = utils::time::now_us();
     try {
         std::cout << catalog::reindex_line(catalog::reindex(*store, options, print_skipped))
                   << std::endl;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <string_view>
 
@@ -58,6 +59,12 @@ bool try_parse_timer(const std::string& text, std::uint64_t& out) {
         }
     }
     return false;
+}
+
+std::uint64_t now_us() {
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                          std::chrono::system_clock::now().time_since_epoch())
+                                          .count());
 }
 
 }  // namespace qm::utils::time

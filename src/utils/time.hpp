@@ -3,7 +3,8 @@
 #include <cstdint>
 #include <string>
 
-// Time helpers. Pure functions of their arguments; safe to call from any thread.
+// Time helpers. Pure functions of their arguments (but the wall clock's); safe to call from any
+// thread.
 namespace qm::utils::time {
 
 // The longest timer: 36500 days, about 100 years. Far beyond any useful period, and far enough
@@ -18,5 +19,8 @@ inline constexpr std::uint64_t MAX_TIMER_US = 36500ULL * 86400000000ULL;
 // MAX_TIMER_US, also when the unit's multiplication overflows. Once digits were read `out` holds
 // the plain number, even when the suffix or the duration is then refused.
 [[nodiscard]] bool try_parse_timer(const std::string& text, std::uint64_t& out);
+
+// The wall clock in microseconds since the epoch.
+std::uint64_t now_us();
 
 }  // namespace qm::utils::time

@@ -115,9 +115,9 @@ void MediaWriter::handle_buffer(MediaBuffer* buffer) {
         return;
     }
     write_file(session, *buffer);
-    if (m_settings.write_leg_summary &&
+    if ((m_settings.write_leg_summary || m_catalog != nullptr) &&
         session.final_buffer.load(std::memory_order_relaxed) == buffer) {
-        write_leg_summary(session);
+        close_leg(session);
     }
 }
 
@@ -243,15 +243,26 @@ void MediaWriter::cut_back(WritingSession& session, off_t length, std::uint64_t 
     }
 }
 
+void MediaWriter::close_leg(WritingSession& session) {
+    const bool found = complete_leg_summary(session);
+    write_leg_summary(session);
+    if (found && m_catalog != nullptr) {
+        m_catalog->leg_closed(session.summary);
+    }
+}
+
 // The file's size is what the system holds now: whatever failed along the way, the summary says
 // what a reader will find.
-void MediaWriter::write_leg_summary(WritingSession& session) {
+bool MediaWriter::complete_leg_summary(WritingSession& session) {
     struct stat status {};
-    session.summary.bytes = ::stat(session.file_path.c_str(), &status) == 0
-                                ? static_cast<std::uint64_t>(status.st_size)
-                                : 0;
+    const bool found = ::stat(session.file_path.c_str(), &status) == 0;
+    session.summary.bytes = found ? static_cast<std::uint64_t>(status.st_size) : 0;
     session.summary.host = m_host;
     session.summary.port = m_port;
+    return found;
+}
+
+void MediaWriter::write_leg_summary(const WritingSession& session) {
     const std::string directory = session.file_path.substr(0, session.file_path.rfind('/') + 1);
     const std::string path = directory + "leg.json";
     const std::string temporary = path + ".tmp";

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "catalog/catalog_writer.hpp"
 #include "core/queue_reader.hpp"
 #include "writer/media_buffer.hpp"
 #include "writer/media_buffer_pool.hpp"
@@ -32,6 +33,9 @@
 // "leg.json": written whole as "leg.json.tmp" in the same directory, then renamed over it, so a
 // reader finds the whole summary or none. A summary that cannot be written is counted in
 // `leg_summary_errors` and logged at WARNING, once per leg as each leg has one.
+//
+// Given a catalogue writer, the writer also hands it each closed leg's summary, whether or not
+// "leg.json" could be written, as long as the leg has a file to find.
 //
 // Every failure is counted; each kind is logged once per session until a success of that kind
 // re-arms it (except a buffer without a session, logged every time). No failure stops the thread
@@ -84,6 +88,10 @@ public:
         m_port = port;
     }
 
+    // Every closed leg's summary also goes to `catalog`. REQUIRES: the thread does not run yet;
+    // `catalog` outlives it.
+    void catalogue_legs(catalog::CatalogWriter& catalog) { m_catalog = &catalog; }
+
 private:
     // Makes sure the file's directory exists, once per session; false when the buffer must be
     // dropped.
@@ -103,13 +111,19 @@ private:
     // Cuts the `added` bytes off the end of the file again, back to `length` (the file goes when
     // that is 0).
     void cut_back(WritingSession& session, off_t length, std::uint64_t added);
-    // Completes the session's summary with the file's size and the recorder, and writes it.
-    void write_leg_summary(WritingSession& session);
+    // Writes the closed leg's summary and hands it to the catalogue.
+    void close_leg(WritingSession& session);
+    // Completes the session's summary with the file's size and the recorder; false when the file
+    // is not there.
+    bool complete_leg_summary(WritingSession& session);
+    // Puts the summary beside the file as "leg.json".
+    void write_leg_summary(const WritingSession& session);
 
     const RecordingSettings m_settings;
     MediaBufferPool& m_pool;
     std::string m_host;
     std::uint16_t m_port = 0;
+    catalog::CatalogWriter* m_catalog = nullptr;
 };
 
 }  // namespace qm::writer

@@ -66,6 +66,10 @@ public:
         m_writer.describe_recorder(std::move(host), port);
     }
 
+    // Every closed leg's summary also goes to `catalog`. REQUIRES: the media writer does not run
+    // yet; `catalog` outlives it.
+    void catalogue_legs(catalog::CatalogWriter& catalog) { m_writer.catalogue_legs(catalog); }
+
     // Starts and stops the media writer's thread; the results are the thread's.
     [[nodiscard]] int start();
     [[nodiscard]] int stop();

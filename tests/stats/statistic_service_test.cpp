@@ -121,6 +121,11 @@ void set_every_counter(StatisticService& service) {
     service.writer.repair_cut_bytes = 47;
     service.writer.repair_headers = 48;
     service.writer.leg_summary_errors = 50;
+    service.catalog_metrics = true;
+    service.catalog.rows_written = 51;
+    service.catalog.write_failures = 52;
+    service.catalog.rows_waiting = 53;
+    service.catalog.rows_overflowed = 54;
     media::PacketReaderStatistic& reader = service.packet_reader;
     reader.elements = 31;
     reader.passed_elements = 32;
@@ -295,12 +300,16 @@ TEST(StatisticPeriodTest, MetricsOfAPeriodShowTheNumbersOfItsReport) {
         }
     }
     EXPECT_EQ(rows, 38u);
-    EXPECT_EQ(values.size(), rows + 7);
+    EXPECT_EQ(values.size(), rows + 11);
     // Counters of the metrics file alone; the framed report below does not show them.
     EXPECT_EQ(values.at("quillmarwriter_unwritten_bytes_total"), 46u);
     EXPECT_EQ(values.at("quillmarwriter_repair_cut_bytes_total"), 47u);
     EXPECT_EQ(values.at("quillmarwriter_repair_headers_total"), 48u);
     EXPECT_EQ(values.at("quillmarwriter_leg_summary_errors_total"), 50u);
+    EXPECT_EQ(values.at("quillmarwriter_catalog_rows_written_total"), 51u);
+    EXPECT_EQ(values.at("quillmarwriter_catalog_write_failures_total"), 52u);
+    EXPECT_EQ(values.at("quillmarwriter_catalog_rows_waiting"), 53u);
+    EXPECT_EQ(values.at("quillmarwriter_catalog_rows_overflowed_total"), 54u);
     EXPECT_EQ(values.at("quillmarwriter_sessions"), 12u);
     EXPECT_EQ(values.at("quillmarwriter_session_lost_packets_total"), 9u);
     EXPECT_EQ(values.at("quillmarwriter_written_bytes_total"), 5'368'709'120ULL);

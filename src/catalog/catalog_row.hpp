@@ -48,6 +48,15 @@ struct FindQuery {
     std::size_t offset = 0;
 };
 
+// A directory of the storage (a day, an hour or a minute, relative to the storage root:
+// "2026-11-24/13") that was removed with the legs under it, and when.
+struct RemovedDirectory {
+    std::string directory;
+    std::uint64_t removed_at_us = 0;
+
+    bool operator==(const RemovedDirectory&) const = default;
+};
+
 // What one `upsert` did: rows new to the catalogue, rows that differed and were rewritten, rows
 // that were already as given.
 struct UpsertCounts {

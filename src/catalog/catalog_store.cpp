@@ -340,14 +340,18 @@ std::size_t CatalogStore::mark_removed(const std::string& recorder,
 // The prefix is compared with substr rather than LIKE, which would take '_' and '%' in a
 // directory name as patterns, or a range, which a server's collation may order otherwise.
 std::size_t CatalogStore::mark_removed_under(const std::string& recorder,
-                                             const std::string& directory,
-                                             std::uint64_t removed_at_us) {
-    const std::string prefix = directory + "/";
-    return m_connection->execute(
-        "UPDATE legs SET state = 'removed', removed_at_us = $1 "
-        "WHERE recorder = $2 AND state = 'recorded' "
-        "AND substr(path, 1, length(CAST($3 AS TEXT))) = $3",
-        {signed_of(removed_at_us), recorder, prefix});
+                                             std::span<const RemovedDirectory> directories) {
+    std::size_t marked = 0;
+    Transaction transaction(*m_connection);
+    for (const RemovedDirectory& removed : directories) {
+        marked += m_connection->execute(
+            "UPDATE legs SET state = 'removed', removed_at_us = $1 "
+            "WHERE recorder = $2 AND state = 'recorded' "
+            "AND substr(path, 1, length(CAST($3 AS TEXT))) = $3",
+            {signed_of(removed.removed_at_us), recorder, removed.directory + "/"});
+    }
+    transaction.commit();
+    return marked;
 }
 
 std::vector<CatalogRow> CatalogStore::find(const FindQuery& query) {

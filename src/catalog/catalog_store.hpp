@@ -43,11 +43,11 @@ public:
     std::size_t mark_removed(const std::string& recorder, std::span<const std::string> paths,
                              std::uint64_t removed_at_us);
 
-    // Marks the rows of `recorder` whose path lies under `directory` (a day, an hour or a minute,
-    // relative to the storage: "2026-11-24/13"), which are still recorded, as removed at
-    // `removed_at_us`; returns how many changed. THROWS: CatalogError.
-    std::size_t mark_removed_under(const std::string& recorder, const std::string& directory,
-                                   std::uint64_t removed_at_us);
+    // Marks the rows of `recorder` under each of the directories, which are still recorded, as
+    // removed at the directory's time, in one transaction; returns how many changed.
+    // THROWS: CatalogError.
+    std::size_t mark_removed_under(const std::string& recorder,
+                                   std::span<const RemovedDirectory> directories);
 
     // The rows the query selects, by start time (then uuid, then recorder).
     // THROWS: CatalogError.

@@ -165,32 +165,27 @@ bool CatalogWriter::catch_up() {
 
 bool CatalogWriter::write(const std::deque<Work>& batch) {
     std::vector<CatalogRow> rows;
-    try {
-        for (const Work& work : batch) {
-            if (const auto* leg = std::get_if<LegSummary>(&work)) {
-                rows.push_back(CatalogRow{*leg, RowState::RECORDED, std::nullopt});
-                continue;
-            }
-            // A leg closed before its directory went is written before it is marked removed.
-            upsert(rows);
-            const auto& removed = std::get<RemovedDirectory>(work);
-            m_store->mark_removed_under(m_recorder, removed.directory, removed.removed_at_us);
+    std::vector<RemovedDirectory> removed;
+    for (const Work& work : batch) {
+        if (const auto* leg = std::get_if<LegSummary>(&work)) {
+            rows.push_back(CatalogRow{*leg, RowState::RECORDED, std::nullopt});
+        } else {
+            removed.push_back(std::get<RemovedDirectory>(work));
         }
-        upsert(rows);
+    }
+    try {
+        if (!rows.empty()) {
+            m_store->upsert(rows);
+            m_statistic.rows_written += rows.size();
+        }
+        if (!removed.empty()) {
+            m_store->mark_removed_under(m_recorder, removed);
+        }
         return true;
     } catch (const CatalogError& failure) {
         fail(failure.what());
     }
     return false;
-}
-
-void CatalogWriter::upsert(std::vector<CatalogRow>& rows) {
-    if (rows.empty()) {
-        return;
-    }
-    m_store->upsert(rows);
-    m_statistic.rows_written += rows.size();
-    rows.clear();
 }
 
 void CatalogWriter::fail(const std::string& reason) {

@@ -71,10 +71,6 @@ public:
     [[nodiscard]] int stop() override;
 
 private:
-    struct RemovedDirectory {
-        std::string directory;
-        std::uint64_t removed_at_us = 0;
-    };
     using Work = std::variant<LegSummary, RemovedDirectory>;
 
     void queue(Work work);
@@ -85,9 +81,9 @@ private:
     bool connect();
     // Writes the queue and walks the storage, when a catch-up is due; false when that failed.
     bool catch_up();
+    // Writes the batch's legs, then marks its removed directories: a leg is handed over only
+    // while its file is there, so none of them was closed after its directory went.
     bool write(const std::deque<Work>& batch);
-    // Writes the rows in one transaction and empties `rows`. THROWS: CatalogError.
-    void upsert(std::vector<CatalogRow>& rows);
     // The failure of an open, a catch-up or a write: counted, its WARNING when an outage begins.
     void fail(const std::string& reason);
     // Sleeps out the wait before the next try; false when a stop came.

@@ -138,17 +138,24 @@ inline void check_mark_removed_under(CatalogStore& store) {
         row.removed_at_us = at_us;
         return row;
     };
-    EXPECT_EQ(store.mark_removed_under("rec-2:9000", "2026-11-24/11", 1795608000000000), 0U);
+    const auto mark = [&store](const std::string& recorder, const std::string& directory,
+                               std::uint64_t at_us) {
+        const RemovedDirectory removed{directory, at_us};
+        return store.mark_removed_under(recorder, {&removed, 1});
+    };
+    EXPECT_EQ(mark("rec-2:9000", "2026-11-24/11", 1795608000000000), 0U);
     // "2026-11-24/1" names no directory of these rows: the prefix ends at a whole name.
-    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/1", 1795608000000000), 0U);
-    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/11/52", 1795608000000000), 1U);
-    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/11", 1795609000000000), 2U);
-    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24/11", 1795609999000000), 0U);
+    EXPECT_EQ(mark("rec-1:9000", "2026-11-24/1", 1795608000000000), 0U);
+    EXPECT_EQ(mark("rec-1:9000", "2026-11-24/11/52", 1795608000000000), 1U);
+    EXPECT_EQ(mark("rec-1:9000", "2026-11-24/11", 1795609000000000), 2U);
+    EXPECT_EQ(mark("rec-1:9000", "2026-11-24/11", 1795609999000000), 0U);
     EXPECT_EQ(store.find(everything()),
               (std::vector<CatalogRow>{removed(rows[0], 1795609000000000),
                                        removed(rows[1], 1795608000000000),
                                        removed(rows[2], 1795609000000000), rows[3], rows[4]}));
-    EXPECT_EQ(store.mark_removed_under("rec-1:9000", "2026-11-24", 1795610000000000), 2U);
+    const std::vector<RemovedDirectory> both = {{"2026-11-24/12/54", 1795610000000000},
+                                                {"2026-11-24/12/55", 1795610000000001}};
+    EXPECT_EQ(store.mark_removed_under("rec-1:9000", both), 2U);
     EXPECT_EQ(store.find(FindQuery{}), (std::vector<CatalogRow>{}));
 }
 

@@ -5,14 +5,15 @@
 
 #include "catalog/open_catalog.hpp"
 #include "tools/catalog_find.hpp"
+#include "tools/recorder_catalog.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
 namespace {
 
 struct FindOptions {
-    std::string catalog;
-    std::string storage;
+    std::string config = default_recorder_config();
+    CatalogPlace place;
     std::optional<std::string> call_id;
     std::optional<std::string> uuid;
     std::optional<std::string> from;
@@ -49,8 +50,13 @@ int run_find(const FindOptions& options) {
         return 2;
     }
     std::string error;
-    const auto store = catalog::open_catalog(options.catalog, options.storage, error,
-                                             catalog::CatalogOpen::EXISTING);
+    CatalogPlace place = options.place;
+    if (place.catalog.empty() && !fill_from_recorder_config(options.config, place, error)) {
+        std::cerr << "quillmar find: " << error << std::endl;
+        return 2;
+    }
+    const auto store =
+        catalog::open_catalog(place.catalog, place.storage, error, catalog::CatalogOpen::EXISTING);
     if (!store) {
         std::cerr << "quillmar find: " << error << std::endl;
         return 2;
@@ -75,12 +81,16 @@ void add_find_command(CLI::App& app, int& status) {
     auto options = std::make_shared<FindOptions>();
     CLI::App* command =
         app.add_subcommand("find", "find recorded legs in the catalogue by call id, uuid or time");
+    command->add_option(
+        "--catalog", options->place.catalog,
+        "sqlite:PATH or a postgresql:// URI (default: the catalog key of --config)");
+    command->add_option("--storage", options->place.storage,
+                        "the directory a relative sqlite:PATH is in (default: the storage key of "
+                        "--config when the catalogue comes from there, else the working one)");
     command
-        ->add_option("--catalog", options->catalog,
-                     "sqlite:PATH or a postgresql:// URI, as the recorder's catalogue key")
-        ->required();
-    command->add_option("--storage", options->storage,
-                        "the directory a relative sqlite:PATH is in (default: the working one)");
+        ->add_option("--config", options->config,
+                     "the recorder's configuration file, read when --catalog is not given")
+        ->capture_default_str();
     command->add_option("--call-id", options->call_id, "the call's id");
     command->add_option("--uuid", options->uuid, "the leg's uuid");
     command->add_option("--from", options->from, "legs that started at or after this UTC time");

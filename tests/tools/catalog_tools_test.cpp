@@ -1,5 +1,6 @@
 // `quillmar catalog reindex` and `quillmar find` over a storage the test lays out: summaries
-// written with the catalogue's own writer, a leg with only its media file, and two bad summaries.
+// written with the catalogue's own writer, a leg with only its media file, and two bad summaries;
+// the catalogue named on the command line or in a recorder's configuration file.
 
 #include <gtest/gtest.h>
 
@@ -12,10 +13,13 @@
 #include "../catalog/catalog_store_checks.hpp"
 #include "catalog/catalog_reindex.hpp"
 #include "catalog/open_catalog.hpp"
+#include "log/logger.hpp"
+#include "log_capture.hpp"
 #include "recording_bytes.hpp"
 #include "temp_directory.hpp"
 #include "tool_command_run.hpp"
 #include "tools/catalog_find.hpp"
+#include "tools/recorder_catalog.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -104,7 +108,19 @@ protected:
                ": not JSON (or cut short); leg skipped\n";
     }
 
+    // A recorder's configuration file with `text`, beside the storage rather than in it.
+    std::string write_config(const std::string& text) {
+        return m_etc.write_file("writer.conf", text);
+    }
+
+    std::string call_2_line() const {
+        return "2026-11-24T11:52:00.000000Z 12.500s call-2 00000000-0000-0000-0000-000000000002 "
+               "outbound side0=3/1 side1=0/0 "
+               "2026-11-24/11/52/00000000-0000-0000-0000-000000000002\n";
+    }
+
     test::TempDirectory m_storage;
+    test::TempDirectory m_etc;
     CatalogRow m_first = example_row(1);
     CatalogRow m_second = example_row(2);
 };
@@ -259,8 +275,104 @@ TEST_F(CatalogToolsTest, FindFailsWithTwoOnABadTimeOrCatalogue) {
     EXPECT_EQ(missing.err, "quillmar find: catalogue " + (m_storage.path() / "none.db").string() +
                                ": cannot open: unable to open database file\n");
     EXPECT_FALSE(fs::exists(m_storage.path() / "none.db"));
+}
 
-    EXPECT_THROW(run_subcommand(&add_find_command, "find", {"--call-id", "x"}), CLI::RequiredError);
+TEST_F(CatalogToolsTest, ReindexAndFindTakeTheCatalogueFromTheRecorderConfiguration) {
+    const std::string config =
+        write_config("# the recorder's own file\nstorage = " + m_storage.path().string() +
+                     "\nreceive_batch = 64\ncatalog = sqlite:catalog.db\n");
+    // Whatever sink is installed, the parser's "CONFIGURATION: ..." lines reach none of it.
+    test::LogCapture log;
+    const CommandRun reindexed =
+        run_subcommand(&add_catalog_command, "catalog",
+                       {"reindex", "--config", config, "--recorder", "rec-1:9000"});
+    EXPECT_EQ(reindexed.status, 0);
+    EXPECT_EQ(reindexed.out, "reindexed 3 legs: 3 added, 0 updated, 0 removed, 2 skipped\n");
+    EXPECT_EQ(reindexed.err, warnings());
+    EXPECT_EQ(all_rows(), (std::vector<CatalogRow>{media_only_row(), m_first, m_second}));
+
+    const CommandRun found =
+        run_subcommand(&add_find_command, "find", {"--config", config, "--call-id", "call-2"});
+    EXPECT_EQ(found.status, 0);
+    EXPECT_EQ(found.out, call_2_line());
+    EXPECT_EQ(found.err, "");
+    // ... and the sink the test installed is back in place.
+    QM_LOG_WARNING("after the tool");
+    EXPECT_EQ(log.texts(), std::vector<std::string>{"after the tool"});
+}
+
+TEST_F(CatalogToolsTest, TheCommandLineWinsOverTheRecorderConfiguration) {
+    run_reindex();
+    const std::string config =
+        write_config("storage = /nonexistent\ncatalog = sqlite:elsewhere.db\n");
+    // --storage alone: the catalogue comes from the file, its directory from the command line.
+    const CommandRun storage = run_subcommand(
+        &add_find_command, "find",
+        {"--config", config, "--storage", m_storage.path().string(), "--call-id", "call-2"});
+    EXPECT_EQ(storage.err, "quillmar find: catalogue " +
+                               (m_storage.path() / "elsewhere.db").string() +
+                               ": cannot open: unable to open database file\n");
+    EXPECT_EQ(storage.status, 2);
+
+    // --catalog: the file is not read at all.
+    const CommandRun catalogue = run_subcommand(
+        &add_find_command, "find",
+        {"--config", (m_etc.path() / "none.conf").string(), "--catalog", "sqlite:catalog.db",
+         "--storage", m_storage.path().string(), "--call-id", "call-2"});
+    EXPECT_EQ(catalogue.status, 0);
+    EXPECT_EQ(catalogue.out, call_2_line());
+    EXPECT_EQ(catalogue.err, "");
+
+    const CommandRun reindexed =
+        run_subcommand(&add_catalog_command, "catalog",
+                       {"reindex", "--config", config, "--storage", m_storage.path().string(),
+                        "--catalog", "sqlite:catalog.db", "--recorder", "rec-1:9000"});
+    EXPECT_EQ(reindexed.status, 0);
+    EXPECT_EQ(reindexed.out, "reindexed 3 legs: 0 added, 0 updated, 0 removed, 2 skipped\n");
+    EXPECT_FALSE(fs::exists(m_storage.path() / "elsewhere.db"));
+}
+
+TEST_F(CatalogToolsTest, FindFailsWithTwoOnAConfigurationWithoutACatalogue) {
+    const std::string none = (m_etc.path() / "none.conf").string();
+    const CommandRun missing = run_subcommand(&add_find_command, "find", {"--config", none});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(missing.out, "");
+    EXPECT_EQ(missing.err, "quillmar find: recorder configuration " + none +
+                               ": failed to open file [" + none + "]\n");
+
+    const std::string bad = write_config("storage = /tmp\ncatalog = mysql://db\n");
+    const CommandRun refused = run_subcommand(&add_find_command, "find", {"--config", bad});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_EQ(refused.err, "quillmar find: recorder configuration " + bad +
+                               ": failed to set option [catalog] to [mysql://db]: catalogue: "
+                               "\"mysql://db\" is neither sqlite:PATH nor a postgresql:// URI\n");
+
+    const std::string unset = write_config("storage = /tmp\ncatalog =\n");
+    const CommandRun off = run_subcommand(&add_find_command, "find", {"--config", unset});
+    EXPECT_EQ(off.status, 2);
+    EXPECT_EQ(off.out, "");
+    EXPECT_EQ(off.err, "quillmar find: recorder configuration " + unset +
+                           " sets no catalogue: give --catalog or set its catalog key\n");
+
+    EXPECT_EQ(default_recorder_config(), "/etc/varnholt/quillmar/writer.conf");
+}
+
+TEST_F(CatalogToolsTest, ReindexFailsWithTwoWithoutAStorage) {
+    const std::string config = write_config("catalog = sqlite:catalog.db\n");
+    const CommandRun unset =
+        run_subcommand(&add_catalog_command, "catalog", {"reindex", "--config", config});
+    EXPECT_EQ(unset.status, 2);
+    EXPECT_EQ(unset.out, "");
+    EXPECT_EQ(unset.err, "quillmar catalog reindex: recorder configuration " + config +
+                             " sets no storage: give --storage or set its storage key\n");
+
+    const std::string gone = (m_etc.path() / "gone").string();
+    const CommandRun missing = run_subcommand(&add_catalog_command, "catalog",
+                                              {"reindex", "--config", config, "--storage", gone});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(missing.err, "quillmar catalog reindex: storage " + gone + " is not a directory\n");
+    EXPECT_FALSE(fs::exists(gone));
 }
 
 TEST(ParseUtcTimeTest, ReadsTheAcceptedFormsAndNothingElse) {

@@ -73,6 +73,7 @@ TEST_F(CatalogWriterTest, WritesQueuedLegsAndRemovalsInOrder) {
     // Queued before the thread runs, as the first cleanup pass and the media writer may.
     catalog->leg_closed(first.summary);
     catalog->leg_closed(second.summary);
+    std::filesystem::remove_all(m_storage.path() / "2026-11-24/11/51");
     catalog->directory_removed("2026-11-24/11/51", 1795608000000000);
     EXPECT_EQ(m_statistic.rows_waiting.load(), 3U);
     ASSERT_EQ(catalog->start(), 0);
@@ -93,6 +94,7 @@ TEST_F(CatalogWriterTest, CatchesUpFromTheStorageAtStart) {
         std::string error;
         open_catalog("sqlite:catalog.sqlite", m_storage.path(), error)->upsert({&gone, 1});
     }
+    std::filesystem::create_directories(m_storage.path() / "2026-11-24/11/53/bad");
     m_storage.write_file("2026-11-24/11/53/bad/leg.json", "{\"schema\": 1, \"uuid\": ");
     const auto catalog = writer("sqlite:catalog.sqlite");
     ASSERT_EQ(catalog->start(), 0);
@@ -148,13 +150,13 @@ TEST_F(CatalogWriterTest, TakesAMediaOnlyLegOnlyWhenWrittenBeforeTheStart) {
     const auto catalog = writer("sqlite:catalog.sqlite", 1);
     ASSERT_EQ(catalog->start(), 0);
     ASSERT_TRUE(m_capture.wait_for("CATALOG_WRITER: thread ["));
-    catalog->leg_closed(test::example_row(2).summary);
+    catalog->leg_closed(leg_on_disk(2).summary);
     EXPECT_TRUE(rows_become({test::example_row(2)}));
     EXPECT_EQ(catalog->stop(), 0);
     EXPECT_TRUE(m_capture.texts(log::Level::WARNING).empty());
 }
 
-TEST_F(CatalogWriterTest, AFullQueueIsCountedAndCaughtUpFromTheStorage) {
+TEST_F(CatalogWriterTest, AFullQueueIsCountedAndItsLegsComeFromTheStorage) {
     const auto catalog = writer("sqlite:catalog.sqlite");
     for (std::size_t i = 0; i < CatalogWriter::QUEUE_CAPACITY; ++i) {
         catalog->directory_removed("2026-11-24/00/00", 1);

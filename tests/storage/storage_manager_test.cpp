@@ -84,6 +84,9 @@ protected:
 
     std::vector<std::string> pass() {
         StorageManager manager(storage().string(), settings, open_legs, files);
+        manager.on_removed([this](std::string directory, std::uint64_t at_us) {
+            reported.emplace_back(std::move(directory), at_us);
+        });
         capture.clear();
         manager.cleanup();
         return capture.texts();
@@ -126,6 +129,8 @@ protected:
     FakeFileSystem files;
     // Given to the manager once a test sets it.
     const writer::OpenLegs* open_legs = nullptr;
+    // What the manager told of its removals: directory and time.
+    std::vector<std::pair<std::string, std::uint64_t>> reported;
     writer::OpenLegs legs;
 };
 
@@ -201,6 +206,22 @@ TEST_F(StorageManagerTest, HourPolicyRemovesOldestHoursUntilBelowTheThreshold) {
     EXPECT_THAT(pass(), ElementsAre(STARTED, used(40, 25), removed("2024-01-01/00"), used(30, 25),
                                     removed("2024-01-01/01"), removed("2024-01-01"), used(20, 25),
                                     STOPPED));
+}
+
+// Only what was removed with its legs is told, not the parents it emptied, at the pass's time.
+TEST_F(StorageManagerTest, RemovalsAreToldRelativeToTheStorageWithTheirTime) {
+    settings.storage_cleanup_policy = cleanup_policy::HOUR;
+    settings.storage_cleanup_threshold = 15;
+    file("2024-01-01/00/00/a/media.qm", 10);
+    file("2024-01-01/01/00/b/media.qm", 10);
+    file("2024-01-02/00/00/c/media.qm", 10);
+    now(std::chrono::hours(3));
+
+    pass();
+    const std::uint64_t at_us = 1704078000000000;
+    EXPECT_THAT(reported,
+                ElementsAre(std::pair<std::string, std::uint64_t>{"2024-01-01/00", at_us},
+                            std::pair<std::string, std::uint64_t>{"2024-01-01/01", at_us}));
 }
 
 TEST_F(StorageManagerTest, DayPolicyRemovesTheOldestDayWhole) {
@@ -635,6 +656,16 @@ TEST_F(StorageMaxAgeTest, MinuteWhoseEndIsTheMaxAgeAgoGoesAndYoungerOnesStay) {
                                     STOPPED));
     EXPECT_TRUE(minute_exists("08"));
     EXPECT_TRUE(minute_exists("09"));
+}
+
+TEST_F(StorageMaxAgeTest, MinutesRemovedByAgeAreTold) {
+    now(minutes(10));
+
+    pass();
+    const std::uint64_t at_us = 1704067800000000;
+    EXPECT_THAT(reported,
+                ElementsAre(std::pair<std::string, std::uint64_t>{"2024-01-01/00/06", at_us},
+                            std::pair<std::string, std::uint64_t>{"2024-01-01/00/07", at_us}));
 }
 
 TEST_F(StorageMaxAgeTest, MinuteOneMicrosecondShortOfTheMaxAgeStays) {

@@ -6,7 +6,8 @@
 #               reader fed with arbitrary bytes, each for a bounded time
 #   build       GCC, optimised, as shipped: the end-to-end tests, the load test and the package (the
 #               unit suites already ran under the sanitizers)
-# Warnings are errors in all four. The plain build runs last, so its ctest summary closes the log.
+# Warnings are errors in all four. The plain build runs last, so its ctest summary ends the log,
+# followed by the run's total time.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -27,6 +28,11 @@ if command -v ccache >/dev/null; then
     export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
 fi
 
+# Each phase's heading says when it began, so that a run's log shows where the time goes.
+phase() {
+    echo "== $* (at ${SECONDS} s)"
+}
+
 configure() {
     local dir=$1
     shift
@@ -34,18 +40,18 @@ configure() {
     cmake --build "$dir" -j "$jobs"
 }
 
-echo "== ASan+UBSan unit tests"
+phase "ASan+UBSan unit tests"
 configure build-asan -DQM_SANITIZE=address -DCMAKE_BUILD_TYPE=Debug -DQM_BUILD_BENCHMARKS=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
-echo "== TSan threaded tests"
+phase "TSan threaded tests"
 configure build-tsan -DQM_SANITIZE=thread -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQM_BUILD_BENCHMARKS=OFF
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     ctest --test-dir build-tsan --output-on-failure
 
-echo "== fuzzing: packet reader ${fuzz_seconds} s, beside it configuration parser ${config_fuzz_seconds} s then media file reader ${media_fuzz_seconds} s"
+phase "fuzzing: packet reader ${fuzz_seconds} s, beside it configuration parser ${config_fuzz_seconds} s then media file reader ${media_fuzz_seconds} s"
 configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQM_BUILD_TESTS=OFF -DQM_BUILD_BENCHMARKS=OFF
 # A fuzzer runs on one core: the two lines run side by side, each into its own log, shown after.
@@ -58,9 +64,10 @@ wait "$packet_reader_fuzzing" || status=$?
 tail -n 20 build-fuzz/packet_reader.log build-fuzz/files.log
 [ "$status" -eq 0 ] || { echo "fuzzing found a fault (status $status)"; exit 1; }
 
-echo "== optimised build: end-to-end tests"
+phase "optimised build: end-to-end tests"
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQM_SANITIZE=none -DQM_BUILD_TESTS=ON \
     -DQM_BUILD_BENCHMARKS=ON -DQM_E2E_ONLY=ON
 # Most end-to-end tests wait for report periods and timers: two at a time, except the suites that
 # load the machine, which run alone (SERIAL in tests/e2e/CMakeLists.txt).
 ctest --test-dir build --output-on-failure -j "$jobs"
+echo "== all tests passed in ${SECONDS} s"

@@ -53,10 +53,25 @@ Result run(PGconn* connection, const std::string& sql, const std::vector<SqlValu
     return result;
 }
 
+// How long a connection may take before it counts as failed, unless PGCONNECT_TIMEOUT or the URI
+// says otherwise: libpq's own default waits for the system's TCP time-out, minutes during which
+// the recorder's catalogue thread could not even be stopped.
+constexpr const char* CONNECT_TIMEOUT_S = "10";
+
+PGconn* connect(const std::string& conninfo) {
+    if (std::getenv("PGCONNECT_TIMEOUT") != nullptr) {
+        return PQconnectdb(conninfo.c_str());
+    }
+    // The URI comes after the default, so that a connect_timeout in it wins.
+    const char* const keywords[] = {"connect_timeout", "dbname", nullptr};
+    const char* const values[] = {CONNECT_TIMEOUT_S, conninfo.c_str(), nullptr};
+    return PQconnectdbParams(keywords, values, 1);
+}
+
 }  // namespace
 
 PostgresConnection::PostgresConnection(const std::string& conninfo)
-    : m_connection(PQconnectdb(conninfo.c_str())) {
+    : m_connection(connect(conninfo)) {
     if (m_connection == nullptr) {
         throw CatalogError("catalogue: cannot connect to PostgreSQL: out of memory");
     }

@@ -170,6 +170,7 @@ protected:
                          bool open = false) const {
         media::StartFields start = numbered_start(number);
         start.ts = ts;
+        start.sync_ts = ts;
         send(media::encode_start(start));
         for (std::uint32_t seq = 1; seq <= frames; ++seq) {
             send(media::encode_data(numbered_frame(number, seq)));
@@ -248,7 +249,7 @@ void expect_row_of(const json& row, const SentLeg& leg, const std::string& call_
 // Fifty calls in two sends, the second with loss, so that every call id names two legs; a leg
 // from 2021 stays outside the time window of the sends.
 TEST_F(CatalogE2eTest, FindGivesTheLegsOfACallIdAndOfATimeWindow) {
-    start_recorder(std::string("catalog = ") + IN_STORAGE + "\n");
+    ChildProcess& recorder = start_recorder(std::string("catalog = ") + IN_STORAGE + "\n");
     send_leg(1, media::StartFields{}.ts, 3);
     const std::uint64_t before = now_us();
     const CallManifest clean = send_calls(25);
@@ -316,6 +317,9 @@ TEST_F(CatalogE2eTest, FindGivesTheLegsOfACallIdAndOfATimeWindow) {
     EXPECT_TRUE(missing.status.exited_with(1)) << missing.status.describe();
     EXPECT_EQ(missing.out, "");
     EXPECT_EQ(missing.err, "");
+    // The finds read while the recorder wrote, and never kept it from writing.
+    EXPECT_EQ(texts(log_lines(recorder), "WARNING", "catalog_writer.cpp"),
+              std::vector<std::string>{});
 }
 
 // Killed with 30 legs closed and one still open: the restart catches up from the storage, each
@@ -355,6 +359,8 @@ TEST_F(CatalogE2eTest, ARestartAfterAKillCatchesUpEveryLegOnce) {
     EXPECT_EQ(cut[0].at("sides").at(0).at("frames"), 1);
     EXPECT_EQ(cut[0].at("sides").at(1).at("frames"), 0);
     EXPECT_TRUE(stop(restarted).exited_with(0)) << restarted.standard_error();
+    EXPECT_EQ(texts(log_lines(restarted), "WARNING", "catalog_writer.cpp"),
+              std::vector<std::string>{});
 }
 
 // Legs of ten and nine minutes ago and one of now, about 7.5 kB each with their summaries,

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
 namespace qm::catalog {
@@ -11,11 +12,22 @@ namespace {
 
 using Result = std::unique_ptr<PGresult, decltype(&PQclear)>;
 
-// libpq's message without its final newline.
+// libpq's message on one line. It ends in a line break and often has more (a hint, a second
+// message, the statement's position), while it goes into one log line or one line of a tool's
+// errors: each line break, with the indentation after it, becomes one blank.
 std::string message_of(const PGconn* connection) {
-    std::string message = PQerrorMessage(connection);
-    while (!message.empty() && message.back() == '\n') {
-        message.pop_back();
+    std::string message;
+    bool after_break = false;
+    for (const char c : std::string_view(PQerrorMessage(connection))) {
+        if (c == '\n' || (after_break && (c == '\t' || c == ' '))) {
+            after_break = true;
+            continue;
+        }
+        if (after_break && !message.empty()) {
+            message += ' ';
+        }
+        after_break = false;
+        message += c;
     }
     return message;
 }

@@ -82,6 +82,8 @@ TEST_F(PostgresCatalogTest, KeepsRowsAcrossARestartAndReportsAnOutage) {
     std::string error;
     EXPECT_EQ(open_catalog(m_server->uri("recordings"), "", error), nullptr);
     EXPECT_TRUE(error.starts_with("catalogue: cannot connect to PostgreSQL: ")) << error;
+    // libpq's reason has a hint on a line of its own; the log line must not break.
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
     m_server->start();
     const auto store = open(CatalogOpen::EXISTING);
     ASSERT_NE(store, nullptr);

@@ -73,20 +73,6 @@ std::size_t lost_of(const tools::SentSide& side) {
         std::count(side.expectations.begin(), side.expectations.end(), Expectation::LOST));
 }
 
-// The samples of a metrics file by name.
-std::map<std::string, std::uint64_t> metric_samples(const std::filesystem::path& file) {
-    std::map<std::string, std::uint64_t> values;
-    std::istringstream lines(read_file(file));
-    std::string line;
-    while (std::getline(lines, line)) {
-        const std::size_t blank = line.find(' ');
-        if (!line.empty() && line[0] != '#' && blank != std::string::npos) {
-            values[line.substr(0, blank)] = std::stoull(line.substr(blank + 1));
-        }
-    }
-    return values;
-}
-
 class CatalogRecordersE2eTest : public RecorderE2eTest {
 protected:
     static void SetUpTestSuite() {

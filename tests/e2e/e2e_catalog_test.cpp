@@ -43,12 +43,6 @@ constexpr std::chrono::milliseconds FIND_INTERVAL{100};
 // The metrics file is written once per report period (5 s).
 constexpr std::chrono::milliseconds METRICS_TIMEOUT{15000};
 
-struct ToolRun {
-    ExitStatus status;
-    std::string out;
-    std::string err;
-};
-
 std::uint64_t now_us() {
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
@@ -100,13 +94,6 @@ std::size_t summaries_in(const fs::path& storage) {
 
 class CatalogE2eTest : public RecorderE2eTest {
 protected:
-    ToolRun run_tool(std::vector<std::string> args) {
-        ChildProcess& tool = start_tool(std::move(args));
-        const std::optional<ExitStatus> status = tool.wait_exit(std::chrono::seconds(60));
-        EXPECT_TRUE(status.has_value()) << "quillmar did not end";
-        return {status.value_or(ExitStatus{}), tool.standard_output(), tool.standard_error()};
-    }
-
     // `quillmar send` of `calls` short calls to the recorder started last, with `options`; what
     // it sent.
     CallManifest send_calls(std::size_t calls, std::vector<std::string> options = {}) {
@@ -200,25 +187,11 @@ protected:
         std::map<std::string, std::uint64_t> values;
         EXPECT_TRUE(poll_until(
             [&] {
-                values = metrics();
+                values = metric_samples(metrics_file());
                 return values["quillmarwriter_catalog_rows_written_total"] == rows;
             },
             METRICS_TIMEOUT, FIND_INTERVAL))
             << values["quillmarwriter_catalog_rows_written_total"] << " rows written, not " << rows;
-        return values;
-    }
-
-    // The samples of the metrics file by name.
-    std::map<std::string, std::uint64_t> metrics() const {
-        std::map<std::string, std::uint64_t> values;
-        std::istringstream lines(read_file(metrics_file()));
-        std::string line;
-        while (std::getline(lines, line)) {
-            const std::size_t blank = line.find(' ');
-            if (!line.empty() && line[0] != '#' && blank != std::string::npos) {
-                values[line.substr(0, blank)] = std::stoull(line.substr(blank + 1));
-            }
-        }
         return values;
     }
 

@@ -516,7 +516,7 @@ protected:
         std::map<std::string, std::uint64_t> values;
         const bool settled = poll_until(
             [&] {
-                values = samples();
+                values = metric_samples(metrics());
                 return values["quillmarwriter_written_bytes_total"] == sent();
             },
             TIMEOUT);
@@ -557,19 +557,6 @@ protected:
     const Leg c = make_leg(12, 300);
 
 private:
-    std::map<std::string, std::uint64_t> samples() const {
-        std::map<std::string, std::uint64_t> values;
-        std::istringstream lines(read_file(metrics()));
-        std::string line;
-        while (std::getline(lines, line)) {
-            const std::size_t blank = line.find(' ');
-            if (!line.empty() && line[0] != '#' && blank != std::string::npos) {
-                values[line.substr(0, blank)] = std::stoull(line.substr(blank + 1));
-            }
-        }
-        return values;
-    }
-
     bool m_mounted = false;
 };
 

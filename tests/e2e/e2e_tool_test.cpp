@@ -42,12 +42,6 @@ constexpr const char* BATCHED =
 // Two seconds of a 1 kHz tone: a whole number of 160-sample frames.
 constexpr int TONE_SAMPLES = 16000;
 
-struct ToolRun {
-    ExitStatus status;
-    std::string out;
-    std::string err;
-};
-
 // 16-bit mono or multi-channel audio, interleaved.
 struct Audio {
     int channels = 0;
@@ -110,13 +104,6 @@ void delete_frame(const std::filesystem::path& path, int side, int nth) {
 
 class ToolE2eTest : public RecorderE2eTest {
 protected:
-    ToolRun run_tool(std::vector<std::string> args) {
-        ChildProcess& tool = start_tool(std::move(args));
-        const std::optional<ExitStatus> status = tool.wait_exit(std::chrono::seconds(60));
-        EXPECT_TRUE(status.has_value()) << "quillmar did not end";
-        return {status.value_or(ExitStatus{}), tool.standard_output(), tool.standard_error()};
-    }
-
     // `quillmar send` to the recorder started last, writing the manifest.
     ToolRun send_calls(std::vector<std::string> options) {
         std::vector<std::string> args = {"send", "--to", "127.0.0.1:" + std::to_string(port),

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <regex>
@@ -183,6 +184,27 @@ inline std::optional<std::uint64_t> udp_counter(const std::string& name) {
     return std::nullopt;
 }
 
+// The samples of a metrics file (the recorder's `metrics_file`) by name; none when it is missing.
+inline std::map<std::string, std::uint64_t> metric_samples(const std::filesystem::path& file) {
+    std::map<std::string, std::uint64_t> values;
+    std::istringstream lines(read_file(file));
+    std::string line;
+    while (std::getline(lines, line)) {
+        const std::size_t blank = line.find(' ');
+        if (!line.empty() && line[0] != '#' && blank != std::string::npos) {
+            values[line.substr(0, blank)] = std::stoull(line.substr(blank + 1));
+        }
+    }
+    return values;
+}
+
+// How a run of the `quillmar` tool ended, and what it printed.
+struct ToolRun {
+    ExitStatus status;
+    std::string out;
+    std::string err;
+};
+
 class RecorderE2eTest : public ::testing::Test {
 protected:
     // Starts the binary with its output in a directory of its own under the test's directory.
@@ -195,6 +217,14 @@ protected:
     // Starts the `quillmar` tool with its output in a directory of its own.
     ChildProcess& start_tool(std::vector<std::string> args) {
         return start_program(QM_TOOL_PATH, std::move(args), {});
+    }
+
+    // Runs the `quillmar` tool to its end (a minute at most).
+    ToolRun run_tool(std::vector<std::string> args) {
+        ChildProcess& tool = start_tool(std::move(args));
+        const std::optional<ExitStatus> status = tool.wait_exit(std::chrono::seconds(60));
+        EXPECT_TRUE(status.has_value()) << "quillmar did not end";
+        return {status.value_or(ExitStatus{}), tool.standard_output(), tool.standard_error()};
     }
 
     // Starts the recorder (or `binary`) as the unprivileged user nobody, for what root would be

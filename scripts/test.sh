@@ -48,8 +48,9 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 phase "TSan threaded tests"
 configure build-tsan -DQM_SANITIZE=thread -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DQM_BUILD_BENCHMARKS=OFF
+# Two at a time, as the other suites: each waits on its own deadlines, not on the machine.
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    ctest --test-dir build-tsan --output-on-failure
+    ctest --test-dir build-tsan --output-on-failure -j "$jobs"
 
 phase "fuzzing: packet reader ${fuzz_seconds} s, beside it configuration parser ${config_fuzz_seconds} s then media file reader ${media_fuzz_seconds} s"
 configure build-fuzz -DQM_SANITIZE=fuzzer -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -89,9 +89,12 @@ std::optional<pid_t> wait_for_pid(const std::filesystem::path& path,
 
 class SignalE2eTest : public RecorderE2eTest {
 protected:
+    // A small media buffer pool: taking the default 4000 buffers costs each start about a second,
+    // long after the moments these tests stop the recorder in, and their runs add up.
     std::string write_config(const std::string& name, const std::string& settings = {}) {
         return directory.write_file(name, "storage = " + storage().string() + "\nport = " +
-                                              std::to_string(pick_port()) + "\n" + settings);
+                                              std::to_string(pick_port()) +
+                                              "\nmedia_buffers_count = 64\n" + settings);
     }
 
     std::mt19937 random{20261122};

@@ -15,5 +15,7 @@ void add_verify_command(CLI::App& app, int& status);
 // `catalog reindex`.
 void add_catalog_command(CLI::App& app, int& status);
 void add_find_command(CLI::App& app, int& status);
+// `passwd FILE NAME`: the users of `quillmar serve`.
+void add_passwd_command(CLI::App& app, int& status);
 
 }  // namespace qm::tools

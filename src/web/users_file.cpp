@@ -142,11 +142,10 @@ bool UsersFile::set(const std::string& name, std::string_view password) {
             crypto_pwhash_MEMLIMIT_INTERACTIVE, crypto_pwhash_ALG_ARGON2ID13) != 0) {
         throw std::runtime_error("the password cannot be hashed (out of memory)");
     }
-    for (auto& [user, stored] : m_users) {
-        if (user == name) {
-            stored = hash;
-            return false;
-        }
+    // find() hands out a const pointer into m_users, which this non-const member owns.
+    if (std::string* stored = const_cast<std::string*>(find(name))) {
+        *stored = hash;
+        return false;
     }
     m_users.emplace_back(name, hash);
     return true;

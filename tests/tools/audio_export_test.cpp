@@ -1,4 +1,4 @@
-#include "tools/audio_export.hpp"
+#include "recording/audio_export.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,6 +29,11 @@ namespace {
 
 using media::DataFields;
 using media::Datagram;
+using recording::export_audio;
+using recording::ExportChannels;
+using recording::ExportOptions;
+using recording::ExportResult;
+using recording::summary_line;
 using test::recording_bytes;
 using test::text_of;
 using ::testing::ElementsAre;

@@ -15,5 +15,6 @@ void add_verify_command(CLI::App& app, int& status);
 // `catalog reindex`.
 void add_catalog_command(CLI::App& app, int& status);
 void add_find_command(CLI::App& app, int& status);
+void add_serve_command(CLI::App& app, int& status);
 
 }  // namespace qm::tools

@@ -10,7 +10,7 @@ import re
 import sys
 
 LAYERS = ["log", "utils", "core", "net", "conf", "media", "io", "recording", "catalog", "writer", "storage",
-          "app", "stats", "recorder", "tools"]
+          "app", "stats", "recorder", "web", "tools"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([a-z_]+)/', re.MULTILINE)
 
 

@@ -107,6 +107,10 @@ TEST_F(ServeE2eTest, AnswersLegsAudioRangesAndPeaksAsTheToolsDo) {
         ASSERT_EQ(rows.size(), 1u) << call;
         EXPECT_EQ(rows[0].at("uuid"), uuid_text(sent.legs[call]));
         EXPECT_EQ(rows[0].at("state"), "recorded");
+        const ToolRun found =
+            run_tool({"find", "--catalog", "sqlite:catalog.sqlite", "--storage", storage().string(),
+                      "--call-id", "quillmar-send-" + std::to_string(call), "--json"});
+        EXPECT_EQ(rows[0], json::parse(found.out)) << found.err;
     }
 
     // A leg that lost packets on a side.
@@ -133,6 +137,12 @@ TEST_F(ServeE2eTest, AnswersLegsAudioRangesAndPeaksAsTheToolsDo) {
     EXPECT_EQ(audio->get_header_value("Content-Length"), std::to_string(wav.size()));
     EXPECT_EQ(audio->get_header_value("Accept-Ranges"), "bytes");
     EXPECT_TRUE(audio->body == wav) << "the served audio differs from the export";
+
+    const httplib::Result head = client->Head(base + "/audio.wav");
+    ASSERT_TRUE(head);
+    EXPECT_EQ(head->status, 200);
+    EXPECT_EQ(head->get_header_value("Content-Length"), std::to_string(wav.size()));
+    EXPECT_EQ(head->body, "");
 
     const httplib::Result part = client->Get(base + "/audio.wav", {{"Range", "bytes=1000-1999"}});
     ASSERT_TRUE(part);
@@ -200,6 +210,13 @@ TEST_F(ServeE2eTest, RefusesTraversalMalformedParametersAndRemovedLegs) {
     EXPECT_EQ(status_of("/api/legs?uuid=../x"), 400);
     EXPECT_EQ(status_of("/api/nothing"), 404);
     EXPECT_EQ(status_of("/api/status"), 404);
+    const httplib::Result posted = client->Post("/api/legs", "{}", "application/json");
+    ASSERT_TRUE(posted);
+    EXPECT_EQ(posted->status, 405);
+    EXPECT_EQ(json::parse(posted->body).at("error"), "POST is not answered here: read only");
+    const httplib::Result traversal = client->Get("/api/legs/..%2F..%2Fetc%2Fpasswd");
+    ASSERT_TRUE(traversal);
+    EXPECT_EQ(json::parse(traversal->body).at("error"), "nothing at /api/legs/../../etc/passwd");
 
     // The leg's directory goes, and a reindex marks its row removed.
     const fs::path media = media_of(sent.legs[0]);

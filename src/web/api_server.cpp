@@ -3,7 +3,9 @@
 #include <httplib.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <mutex>

@@ -44,7 +44,7 @@ class ServeE2eTest : public RecorderE2eTest {
 protected:
     // A recorder with its catalogue in the storage, CALLS calls sent to it with loss, and serve
     // answering on a free port once every leg is in the catalogue.
-    void record_and_serve() {
+    void record_and_serve(const std::vector<std::string>& serve_options = {}) {
         start_recorder("catalog = sqlite:catalog.sqlite\n");
         const fs::path manifest = directory.path() / "manifest.json";
         const ToolRun run =
@@ -55,9 +55,11 @@ protected:
         sent = tools::read_manifest(manifest);
         ASSERT_EQ(sent.legs.size(), CALLS);
 
-        ChildProcess& serve =
-            start_tool({"serve", "--no-auth", "--listen", "127.0.0.1:0", "--catalog",
-                        "sqlite:catalog.sqlite", "--storage", storage().string()});
+        std::vector<std::string> args = {"serve",       "--no-auth",       "--listen",
+                                         "127.0.0.1:0", "--catalog",       "sqlite:catalog.sqlite",
+                                         "--storage",   storage().string()};
+        args.insert(args.end(), serve_options.begin(), serve_options.end());
+        ChildProcess& serve = start_tool(std::move(args));
         const std::string prefix = "listening on http://127.0.0.1:";
         ASSERT_TRUE(poll_until(
             [&] { return serve.standard_output().find('\n') != std::string::npos; }, TIMEOUT))
@@ -99,7 +101,17 @@ protected:
 };
 
 TEST_F(ServeE2eTest, AnswersLegsAudioRangesAndPeaksAsTheToolsDo) {
-    ASSERT_NO_FATAL_FAILURE(record_and_serve());
+    const std::string metrics =
+        directory.write_file("metrics.prom",
+                             "# TYPE quillmarwriter_calls_open gauge\nquillmarwriter_calls_open 2\n"
+                             "quillmarwriter_kernel_drops_total 17\n");
+    ASSERT_NO_FATAL_FAILURE(record_and_serve({"--metrics", metrics}));
+
+    const httplib::Result status = client->Get("/api/status");
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->status, 200);
+    EXPECT_EQ(json::parse(status->body),
+              (json{{"quillmarwriter_calls_open", 2}, {"quillmarwriter_kernel_drops_total", 17}}));
 
     // Each call id names exactly its own leg.
     for (std::size_t call = 0; call < CALLS; ++call) {

@@ -1,7 +1,6 @@
 #include "web/api_server.hpp"
 
 #include <httplib.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <charconv>
@@ -21,6 +20,7 @@
 #include "web/byte_range.hpp"
 #include "web/leg_request.hpp"
 #include "web/metrics_json.hpp"
+#include "web/worker_pool.hpp"
 
 namespace qm::web {
 namespace {
@@ -30,6 +30,8 @@ using catalog::Json;
 constexpr std::size_t DEFAULT_LIMIT = 100;
 constexpr std::size_t MAX_LIMIT = 1000;
 constexpr std::size_t MAX_WIDTH = 10000;
+// Connections answered at once; more wait for a free worker.
+constexpr std::size_t WORKERS = 8;
 // The leg's recording in its directory.
 constexpr const char* MEDIA_FILE = "media.qm";
 
@@ -125,15 +127,6 @@ Json peaks_json(const recording::LegPeaks& peaks, std::size_t width) {
         sides.push_back({{"side", side}, {"columns", columns}, {"gaps", gaps}});
     }
     return Json{{"samples", peaks.samples}, {"width", width}, {"sides", sides}};
-}
-
-// Names the library's worker thread the first time it answers.
-void name_worker_thread() {
-    thread_local bool named = false;
-    if (!named) {
-        pthread_setname_np(pthread_self(), "HTTP_WORKER");
-        named = true;
-    }
 }
 
 }  // namespace
@@ -319,7 +312,6 @@ void ApiServer::State::add_routes() {
     };
     server.set_pre_routing_handler(
         [](const httplib::Request& request, httplib::Response& response) {
-            name_worker_thread();
             if (request.method != "GET" && request.method != "HEAD") {
                 send_error(response, 405, request.method + " is not answered here: read only");
                 return httplib::Server::HandlerResponse::Handled;
@@ -354,6 +346,7 @@ ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<Sta
     if (!state.store) {
         throw std::runtime_error(why);
     }
+    state.server.new_task_queue = [] { return new WorkerPool(WORKERS); };
     state.add_routes();
 }
 

@@ -20,9 +20,9 @@
 // resolved, and refused unless it lies inside the resolved storage. Nothing is ever written.
 //
 // Threads: construct, bind and serve on one thread; serve() blocks, answering requests on a pool
-// of the HTTP library's threads, which inherit the caller's signal mask (block every signal
-// first) and name themselves "HTTP_WORKER". stop() from any thread but never from a signal
-// handler. The catalogue's connection is shared by the workers under a mutex.
+// of eight "HTTP_WORKER" threads (WorkerPool), started with every signal blocked. stop() from any
+// thread but never from a signal handler. The catalogue's connection is shared by the workers under
+// a mutex.
 
 namespace qm::web {
 

@@ -13,7 +13,7 @@ packages=(
     libsystemd-dev python3 python3-prometheus-client
     dpkg-dev file systemd groff-base ccache procps nftables
     libsqlite3-dev libpq-dev postgresql
-    libsodium-dev
+    libsodium-dev libcpp-httplib-dev
 )
 
 missing=()

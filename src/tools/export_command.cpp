@@ -4,11 +4,15 @@
 #include <stdexcept>
 #include <string>
 
-#include "tools/audio_export.hpp"
+#include "recording/audio_export.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
 namespace {
+
+using recording::ExportChannels;
+using recording::ExportOptions;
+using recording::ExportResult;
 
 struct ExportCommandOptions {
     std::string input;

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "catalog/catalog_find.hpp"
 #include "catalog/open_catalog.hpp"
-#include "tools/catalog_find.hpp"
 #include "tools/recorder_catalog.hpp"
 #include "tools/tool_commands.hpp"
 
@@ -30,7 +30,7 @@ bool read_time(const char* name, const std::optional<std::string>& text,
     if (!text) {
         return true;
     }
-    out = parse_utc_time(*text);
+    out = catalog::parse_utc_time(*text);
     if (!out) {
         std::cerr << "quillmar find: " << name << " \"" << *text
                   << "\" is not a UTC time like 2026-11-24T11:52:00Z or \"2026-11-24 11:52\""
@@ -69,7 +69,7 @@ int run_find(const FindOptions& options) {
         return 2;
     }
     for (const catalog::CatalogRow& row : rows) {
-        std::cout << (options.json ? find_json(row) : find_line(row)) << '\n';
+        std::cout << (options.json ? catalog::find_json(row) : catalog::find_line(row)) << '\n';
     }
     std::cout.flush();
     return rows.empty() ? 1 : 0;

@@ -17,5 +17,6 @@ void add_catalog_command(CLI::App& app, int& status);
 void add_find_command(CLI::App& app, int& status);
 // `passwd FILE NAME`: the users of `quillmar serve`.
 void add_passwd_command(CLI::App& app, int& status);
+void add_serve_command(CLI::App& app, int& status);
 
 }  // namespace qm::tools

@@ -1,4 +1,4 @@
-#include "tools/audio_export.hpp"
+#include "recording/audio_export.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,6 +29,16 @@ namespace {
 
 using media::DataFields;
 using media::Datagram;
+using recording::export_audio;
+using recording::export_audio_bytes;
+using recording::ExportChannels;
+using recording::ExportOptions;
+using recording::ExportResult;
+using recording::leg_peaks;
+using recording::LegPeaks;
+using recording::PeakColumn;
+using recording::SideGap;
+using recording::summary_line;
 using test::recording_bytes;
 using test::text_of;
 using ::testing::ElementsAre;
@@ -553,6 +563,50 @@ TEST(AudioExportTest, RecordingWithoutFramesGivesEmptyAudio) {
     const Audio audio = read_audio(options.output.string());
     EXPECT_EQ(audio.info.channels, 2);
     EXPECT_EQ(audio.info.frames, 0);
+}
+
+TEST(AudioExportTest, ExportInMemoryHasTheBytesOfTheFile) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm", text_of(recording_bytes(
+                        SYNC_MT, {frame(0, 0, {1, 2}), frame(1, 0, {3}), frame(0, 5, {4, 5, 6})})));
+    for (const std::string name : {"out.wav", "out.flac"}) {
+        ExportOptions options{input, dir.path() / name};
+        export_audio(options);
+
+        options.output = name;
+        EXPECT_EQ(export_audio_bytes(options), contents_of((dir.path() / name).string())) << name;
+    }
+}
+
+// Side 0: 1 -2 (gap of 2) 5 6; side 1 has no frame and is silent, without gaps.
+TEST(AudioExportTest, PeaksAreTheMinAndMaxOfEachColumnAndTheGapsBetweenFrames) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 10, {1, -2}), frame(0, 14, {5, 6})})));
+
+    const LegPeaks peaks = leg_peaks(input, 3);
+
+    EXPECT_EQ(peaks.samples, 6u);
+    EXPECT_THAT(peaks.columns[0],
+                ElementsAre(PeakColumn{-2, 1}, PeakColumn{0, 0}, PeakColumn{5, 6}));
+    EXPECT_THAT(peaks.columns[1],
+                ElementsAre(PeakColumn{0, 0}, PeakColumn{0, 0}, PeakColumn{0, 0}));
+    EXPECT_THAT(peaks.gaps[0], ElementsAre(SideGap{2, 2}));
+    EXPECT_THAT(peaks.gaps[1], ElementsAre());
+}
+
+// More columns than samples: sample s is in column 2s, the columns between are empty.
+TEST(AudioExportTest, PeaksWiderThanTheTimelineLeaveColumnsEmpty) {
+    test::TempDirectory dir;
+    const std::string input =
+        dir.write_file("media.qm", text_of(recording_bytes(SYNC_MT, {frame(1, 0, {-3, 7})})));
+
+    const LegPeaks peaks = leg_peaks(input, 4);
+
+    EXPECT_THAT(peaks.columns[1], ElementsAre(PeakColumn{-3, -3}, PeakColumn{0, 0},
+                                              PeakColumn{7, 7}, PeakColumn{0, 0}));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "../catalog/catalog_store_checks.hpp"
+#include "catalog/catalog_find.hpp"
 #include "catalog/catalog_reindex.hpp"
 #include "catalog/open_catalog.hpp"
 #include "log/logger.hpp"
@@ -18,7 +19,6 @@
 #include "recording_bytes.hpp"
 #include "temp_directory.hpp"
 #include "tool_command_run.hpp"
-#include "tools/catalog_find.hpp"
 #include "tools/recorder_catalog.hpp"
 #include "tools/tool_commands.hpp"
 
@@ -27,6 +27,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using catalog::CatalogRow;
+using catalog::find_json;
+using catalog::find_line;
+using catalog::parse_utc_time;
 using catalog::test::example_row;
 
 // The default start packet's leg (uuid 00112233-..., ts 1633954638004211): side 0 two frames of 4

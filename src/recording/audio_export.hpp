@@ -1,8 +1,10 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 // `quillmar export`: a recording turned into an audio file through libsndfile, the format chosen
 // by the output's extension (.wav 16-bit PCM, .flac 16-bit, .ogg Vorbis, .opus when this
@@ -20,7 +22,7 @@
 // of the recording (which the reader holds) and not the length of its gaps.
 // One export per call; any thread.
 
-namespace qm::tools {
+namespace qm::recording {
 
 enum class ExportChannels {
     // Side 0 left, side 1 right.
@@ -65,6 +67,42 @@ struct ExportResult {
 // replaces the output itself, a symbolic link too, not the file it points to.
 ExportResult export_audio(const ExportOptions& options);
 
+// The bytes export_audio would write, made in memory: `options.output` only names the format
+// (its extension) and is neither read nor written; `force` is ignored.
+// THROWS: std::runtime_error as export_audio, for the input or for libsndfile.
+std::string export_audio_bytes(const ExportOptions& options);
+
+// One column of a waveform: the smallest and largest sample of a side in it; 0 and 0 for a
+// column the timeline does not reach (a timeline shorter than the columns are many).
+struct PeakColumn {
+    std::int16_t min = 0;
+    std::int16_t max = 0;
+
+    bool operator==(const PeakColumn&) const = default;
+};
+
+// Samples missing between two frames of a side, from the start of the timeline.
+struct SideGap {
+    std::uint64_t start_sample = 0;
+    std::uint64_t samples = 0;
+
+    bool operator==(const SideGap&) const = default;
+};
+
+// A leg's waveform over the export's timeline: the timeline's `samples` split into `width`
+// columns (sample s in column s * width / samples), per side; silence where a side has no sample,
+// as in the export. Per side the gaps between consecutive frames in order of offset: for frames
+// recorded in order these are the gaps (and missing samples) inspect_recording counts; the silence
+// before a side's first frame and after its last is not a gap there and not here.
+struct LegPeaks {
+    std::uint64_t samples = 0;
+    std::array<std::vector<PeakColumn>, 2> columns;
+    std::array<std::vector<SideGap>, 2> gaps;
+};
+
+// REQUIRES: width > 0. THROWS: std::runtime_error naming the input as export_audio.
+LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width);
+
 // "OUT: 2 channels, 40000 samples (5.000 s at 8000 Hz), 3 gaps filled with 480 samples of
 // silence, 0 overlapping frames (samples placed first kept)".
 std::string summary_line(const std::filesystem::path& output, const ExportResult& result);
@@ -73,4 +111,4 @@ std::string summary_line(const std::filesystem::path& output, const ExportResult
 // tail.
 std::string tail_warning(const std::filesystem::path& input, const ExportResult& result);
 
-}  // namespace qm::tools
+}  // namespace qm::recording

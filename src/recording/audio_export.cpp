@@ -1,4 +1,4 @@
-#include "tools/audio_export.hpp"
+#include "recording/audio_export.hpp"
 
 #include <fcntl.h>
 #include <sndfile.h>
@@ -24,7 +24,7 @@
 #include "recording/recording_file.hpp"
 #include "utils/str.hpp"
 
-namespace qm::tools {
+namespace qm::recording {
 namespace {
 
 // Sample frames produced and written at a time.
@@ -71,7 +71,7 @@ SF_INFO sound_info_for(const ExportOptions& options) {
     if (sf_format_check(&info) == 0) {
         throw failure(options.output, "this libsndfile cannot write " +
                                           options.output.extension().string() + " with " +
-                                          recording::counted(info.channels, "channel") + " at " +
+                                          counted(info.channels, "channel") + " at " +
                                           std::to_string(info.samplerate) + " Hz");
     }
     return info;
@@ -215,6 +215,18 @@ void count_side(const std::vector<PlacedFrame>& frames, std::uint64_t length,
     }
 }
 
+// The stretches between one frame's end and the next frame's start, in sorted order.
+std::vector<SideGap> gaps_between_frames(const std::vector<PlacedFrame>& frames) {
+    std::vector<SideGap> gaps;
+    for (std::size_t i = 1; i < frames.size(); ++i) {
+        const std::uint64_t end = frames[i - 1].end();
+        if (frames[i].start > end) {
+            gaps.push_back({end, frames[i].start - end});
+        }
+    }
+    return gaps;
+}
+
 // One side's samples from the start of the timeline on, a run at a time. The sample at a position
 // is that of the first frame, in sorted order, covering it, which is the frame that placed it
 // first; without one it is silence.
@@ -318,68 +330,178 @@ bool write_sound(SNDFILE* sound, const Timeline& timeline, ExportChannels channe
     return true;
 }
 
-}  // namespace
-
-ExportResult export_audio(const ExportOptions& options) {
-    SF_INFO info = sound_info_for(options);
-    refuse_existing(options);
-    recording::RecordingFile recording(options.input);
-    if (!recording.session()) {
-        throw failure(options.input, recording::truncated_header(recording.size()));
-    }
-    const Timeline timeline = timeline_of(recording);
-
-    ExportResult result;
-    result.channels = info.channels;
-    result.samples = timeline.length;
-    result.rate = info.samplerate;
-    result.tail = recording.tail_after(timeline.frame_bytes);
-    if (options.channels != ExportChannels::SIDE_1) {
-        count_side(timeline.sides[0], timeline.length, result);
-    }
-    if (options.channels != ExportChannels::SIDE_0) {
-        count_side(timeline.sides[1], timeline.length, result);
+// The recording opened and its frames placed, for one export or one set of peaks.
+class PlacedRecording {
+public:
+    // THROWS: std::runtime_error naming the input (see export_audio).
+    explicit PlacedRecording(const std::filesystem::path& input) : m_file(input) {
+        if (!m_file.session()) {
+            throw failure(input, truncated_header(m_file.size()));
+        }
+        m_timeline = timeline_of(m_file);
     }
 
-    const auto failed = [&options](const std::string& reason) {
-        return failure(options.output, "cannot write: " + reason);
-    };
-    PendingOutput pending(options.output);
-    // Declared after `pending`: an abandoned sound file is closed before its file is removed.
-    std::unique_ptr<SNDFILE, SoundFileCloser> sound(
-        sf_open_fd(pending.fd(), SFM_WRITE, &info, SF_FALSE));
+    const Timeline& timeline() const { return m_timeline; }
+
+    ExportResult result_for(const SF_INFO& info, ExportChannels channels) {
+        ExportResult result;
+        result.channels = info.channels;
+        result.samples = m_timeline.length;
+        result.rate = info.samplerate;
+        result.tail = m_file.tail_after(m_timeline.frame_bytes);
+        if (channels != ExportChannels::SIDE_1) {
+            count_side(m_timeline.sides[0], m_timeline.length, result);
+        }
+        if (channels != ExportChannels::SIDE_0) {
+            count_side(m_timeline.sides[1], m_timeline.length, result);
+        }
+        return result;
+    }
+
+private:
+    // Holds the payloads the timeline points into.
+    RecordingFile m_file;
+    Timeline m_timeline;
+};
+
+// Writes the whole timeline into `sound` and closes it; `failed` makes the exception.
+template <typename Failure>
+void write_and_close(std::unique_ptr<SNDFILE, SoundFileCloser> sound, const Timeline& timeline,
+                     ExportChannels channels, const Failure& failed) {
     if (!sound) {
         throw failed(sf_strerror(nullptr));
     }
-    if (!write_sound(sound.get(), timeline, options.channels)) {
+    if (!write_sound(sound.get(), timeline, channels)) {
         throw failed(sf_strerror(sound.get()));
     }
     const int closed = sf_close(sound.release());
     if (closed != 0) {
         throw failed(sf_error_number(closed));
     }
+}
+
+// A growing file in memory for libsndfile's virtual I/O: writers seek back to fill in headers.
+struct MemoryFile {
+    std::string bytes;
+    sf_count_t position = 0;
+
+    static MemoryFile& of(void* user) { return *static_cast<MemoryFile*>(user); }
+
+    static sf_count_t length(void* user) { return static_cast<sf_count_t>(of(user).bytes.size()); }
+
+    static sf_count_t seek(sf_count_t offset, int whence, void* user) {
+        MemoryFile& file = of(user);
+        const sf_count_t base = whence == SEEK_CUR   ? file.position
+                                : whence == SEEK_END ? length(user)
+                                                     : 0;
+        if (base + offset < 0) {
+            return -1;
+        }
+        file.position = base + offset;
+        return file.position;
+    }
+
+    static sf_count_t read(void* out, sf_count_t count, void* user) {
+        MemoryFile& file = of(user);
+        const sf_count_t available = std::max<sf_count_t>(0, length(user) - file.position);
+        const sf_count_t taken = std::min(count, available);
+        std::memcpy(out, file.bytes.data() + file.position, static_cast<std::size_t>(taken));
+        file.position += taken;
+        return taken;
+    }
+
+    static sf_count_t write(const void* in, sf_count_t count, void* user) {
+        MemoryFile& file = of(user);
+        const auto end = static_cast<std::size_t>(file.position + count);
+        if (end > file.bytes.size()) {
+            file.bytes.resize(end);
+        }
+        std::memcpy(file.bytes.data() + file.position, in, static_cast<std::size_t>(count));
+        file.position += count;
+        return count;
+    }
+
+    static sf_count_t tell(void* user) { return of(user).position; }
+};
+
+}  // namespace
+
+ExportResult export_audio(const ExportOptions& options) {
+    SF_INFO info = sound_info_for(options);
+    refuse_existing(options);
+    PlacedRecording placed(options.input);
+    const ExportResult result = placed.result_for(info, options.channels);
+
+    const auto failed = [&options](const std::string& reason) {
+        return failure(options.output, "cannot write: " + reason);
+    };
+    PendingOutput pending(options.output);
+    // Made after `pending`: an abandoned sound file is closed before its file is removed.
+    write_and_close(std::unique_ptr<SNDFILE, SoundFileCloser>(
+                        sf_open_fd(pending.fd(), SFM_WRITE, &info, SF_FALSE)),
+                    placed.timeline(), options.channels, failed);
     pending.publish();
     return result;
 }
 
+std::string export_audio_bytes(const ExportOptions& options) {
+    SF_INFO info = sound_info_for(options);
+    PlacedRecording placed(options.input);
+    MemoryFile memory;
+    SF_VIRTUAL_IO io{&MemoryFile::length, &MemoryFile::seek, &MemoryFile::read, &MemoryFile::write,
+                     &MemoryFile::tell};
+    const auto failed = [&options](const std::string& reason) {
+        return failure(options.input, "cannot export: " + reason);
+    };
+    write_and_close(
+        std::unique_ptr<SNDFILE, SoundFileCloser>(sf_open_virtual(&io, SFM_WRITE, &info, &memory)),
+        placed.timeline(), options.channels, failed);
+    return std::move(memory.bytes);
+}
+
+LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width) {
+    PlacedRecording placed(input);
+    const Timeline& timeline = placed.timeline();
+    LegPeaks peaks;
+    peaks.samples = timeline.length;
+    std::vector<std::int16_t> block(BLOCK_FRAMES);
+    for (std::size_t side = 0; side < timeline.sides.size(); ++side) {
+        std::vector<PeakColumn>& columns = peaks.columns[side];
+        columns.assign(width, PeakColumn{});
+        std::vector<bool> touched(width, false);
+        SideTrack track(timeline.sides[side]);
+        for (std::uint64_t position = 0; position < timeline.length;) {
+            const auto count = static_cast<std::size_t>(
+                std::min<std::uint64_t>(BLOCK_FRAMES, timeline.length - position));
+            track.fill(block.data(), count);
+            for (std::size_t i = 0; i < count; ++i, ++position) {
+                const auto column = static_cast<std::size_t>(position * width / timeline.length);
+                PeakColumn& peak = columns[column];
+                peak.min = touched[column] ? std::min(peak.min, block[i]) : block[i];
+                peak.max = touched[column] ? std::max(peak.max, block[i]) : block[i];
+                touched[column] = true;
+            }
+        }
+        peaks.gaps[side] = gaps_between_frames(timeline.sides[side]);
+    }
+    return peaks;
+}
+
 std::string summary_line(const std::filesystem::path& output, const ExportResult& result) {
     const double seconds = result.rate > 0 ? static_cast<double>(result.samples) / result.rate : 0;
-    return output.string() + ": " + recording::counted(result.channels, "channel") + ", " +
-           recording::counted(result.samples, "sample") + " (" +
-           utils::str::print_double<3>(seconds) + " s at " + std::to_string(result.rate) +
-           " Hz), " + recording::counted(result.gaps, "gap") + " filled with " +
-           recording::counted(result.silence, "sample") + " of silence, " +
-           recording::counted(result.overlapping_frames, "overlapping frame") +
-           " (samples placed first kept)";
+    return output.string() + ": " + counted(result.channels, "channel") + ", " +
+           counted(result.samples, "sample") + " (" + utils::str::print_double<3>(seconds) +
+           " s at " + std::to_string(result.rate) + " Hz), " + counted(result.gaps, "gap") +
+           " filled with " + counted(result.silence, "sample") + " of silence, " +
+           counted(result.overlapping_frames, "overlapping frame") + " (samples placed first kept)";
 }
 
 std::string tail_warning(const std::filesystem::path& input, const ExportResult& result) {
     if (result.tail == 0) {
         return "";
     }
-    return input.string() +
-           ": warning: truncated tail: " + recording::counted(result.tail, "byte") +
+    return input.string() + ": warning: truncated tail: " + counted(result.tail, "byte") +
            " after the last whole frame not exported";
 }
 
-}  // namespace qm::tools
+}  // namespace qm::recording

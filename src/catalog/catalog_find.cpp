@@ -1,18 +1,18 @@
-#include "tools/catalog_find.hpp"
+#include "catalog/catalog_find.hpp"
 
 #include <time.h>
 
 #include <cstdio>
 #include <regex>
 
-namespace qm::tools {
+namespace qm::catalog {
 namespace {
 
 int number(const std::ssub_match& match) {
     return match.matched ? std::stoi(match.str()) : 0;
 }
 
-std::string side_text(const catalog::SideSummary& side) {
+std::string side_text(const SideSummary& side) {
     return std::to_string(side.frames) + "/" + std::to_string(side.lost_packets);
 }
 
@@ -42,31 +42,35 @@ std::optional<std::uint64_t> parse_utc_time(const std::string& text) {
     return static_cast<std::uint64_t>(seconds) * 1'000'000;
 }
 
-std::string find_line(const catalog::CatalogRow& row) {
-    const catalog::LegSummary& leg = row.summary;
+std::string find_line(const CatalogRow& row) {
+    const LegSummary& leg = row.summary;
     const std::uint64_t duration_ms =
         leg.last_packet_us > leg.start_us ? (leg.last_packet_us - leg.start_us) / 1000 : 0;
     char duration[32] = {};
     std::snprintf(duration, sizeof duration, "%llu.%03llus",
                   static_cast<unsigned long long>(duration_ms / 1000),
                   static_cast<unsigned long long>(duration_ms % 1000));
-    return catalog::utc_text(leg.start_us) + " " + duration + " " +
+    return utc_text(leg.start_us) + " " + duration + " " +
            (leg.call_id.empty() ? "-" : leg.call_id) + " " + leg.uuid + " " +
-           std::string(catalog::direction_name(leg.leg)) + " side0=" + side_text(leg.sides[0]) +
+           std::string(direction_name(leg.leg)) + " side0=" + side_text(leg.sides[0]) +
            " side1=" + side_text(leg.sides[1]) + " " +
-           (row.state == catalog::RowState::REMOVED ? "removed" : leg.path);
+           (row.state == RowState::REMOVED ? "removed" : leg.path);
 }
 
-std::string find_json(const catalog::CatalogRow& row) {
-    catalog::Json json = row.summary;
-    json["state"] = catalog::state_name(row.state);
+Json row_json(const CatalogRow& row) {
+    Json json = row.summary;
+    json["state"] = state_name(row.state);
     json["removed_at_us"] = nullptr;
     json["removed_at_utc"] = nullptr;
     if (row.removed_at_us) {
         json["removed_at_us"] = *row.removed_at_us;
-        json["removed_at_utc"] = catalog::utc_text(*row.removed_at_us);
+        json["removed_at_utc"] = utc_text(*row.removed_at_us);
     }
-    return json.dump();
+    return json;
 }
 
-}  // namespace qm::tools
+std::string find_json(const CatalogRow& row) {
+    return row_json(row).dump();
+}
+
+}  // namespace qm::catalog

@@ -1,0 +1,139 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "core/thread.hpp"
+#include "tools/recorder_catalog.hpp"
+#include "tools/tool_commands.hpp"
+#include "web/api_server.hpp"
+#include "web/listen_address.hpp"
+
+namespace qm::tools {
+namespace {
+
+constexpr const char* AUTH_REFUSED =
+    "quillmar serve: --users is not supported yet; give --no-auth on a loopback address";
+
+struct ServeOptions {
+    std::string config = default_recorder_config();
+    CatalogPlace place;
+    std::string listen = "127.0.0.1:8090";
+    std::optional<std::string> metrics;
+    bool no_auth = false;
+};
+
+// Answers requests on a thread of its own, so that the main thread can wait for the signals that
+// stop it. Should the server end by itself, the thread raises SIGTERM so that the main thread
+// wakes up and the command ends.
+class ServeThread : public Thread {
+public:
+    explicit ServeThread(web::ApiServer& server) : m_server(server) { set_name("HTTP_LISTENER"); }
+
+    void run() override {
+        m_server.serve();
+        if (is_running()) {
+            ::kill(::getpid(), SIGTERM);
+        }
+    }
+
+    int stop() override {
+        request_stop();
+        m_server.stop();
+        return join();
+    }
+
+private:
+    web::ApiServer& m_server;
+};
+
+// SIGINT and SIGTERM blocked on the calling thread, so that sigwait() takes them.
+sigset_t stop_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+int run_serve(const ServeOptions& options) {
+    const std::optional<web::ListenAddress> address = web::parse_listen_address(options.listen);
+    if (!address) {
+        std::cerr << "quillmar serve: --listen \"" << options.listen
+                  << "\" is not ADDR:PORT with a numeric address (127.0.0.1:8090, [::1]:8090)"
+                  << std::endl;
+        return 2;
+    }
+    if (!options.no_auth || !web::is_loopback(*address)) {
+        std::cerr << AUTH_REFUSED << std::endl;
+        return 2;
+    }
+    std::string error;
+    CatalogPlace place = options.place;
+    if (place.catalog.empty() && !fill_from_recorder_config(options.config, place, error)) {
+        std::cerr << "quillmar serve: " << error << std::endl;
+        return 2;
+    }
+    web::ApiSettings settings;
+    settings.catalog = place.catalog;
+    settings.storage = place.storage.empty() ? "." : place.storage;
+    if (options.metrics) {
+        settings.metrics = *options.metrics;
+    }
+    std::unique_ptr<web::ApiServer> server;
+    try {
+        server = std::make_unique<web::ApiServer>(settings);
+    } catch (const std::runtime_error& failure) {
+        std::cerr << "quillmar serve: " << failure.what() << std::endl;
+        return 2;
+    }
+    if (!server->bind(address->host, address->port)) {
+        std::cerr << "quillmar serve: cannot listen on " << web::address_text(*address)
+                  << std::endl;
+        return 2;
+    }
+    const sigset_t signals = stop_signals();
+    ServeThread thread(*server);
+    if (thread.start() != 0) {
+        std::cerr << "quillmar serve: cannot start the server's thread" << std::endl;
+        return 2;
+    }
+    std::cout << "listening on http://" << web::address_text({address->host, server->port()})
+              << std::endl;
+    int received = 0;
+    sigwait(&signals, &received);
+    static_cast<void>(thread.stop());
+    return 0;
+}
+
+}  // namespace
+
+void add_serve_command(CLI::App& app, int& status) {
+    auto options = std::make_shared<ServeOptions>();
+    CLI::App* command = app.add_subcommand(
+        "serve", "answer a read-only JSON API over HTTP on the catalogue and its recordings");
+    command->add_option("--listen", options->listen, "ADDR:PORT to listen on")
+        ->capture_default_str();
+    command->add_option(
+        "--catalog", options->place.catalog,
+        "sqlite:PATH or a postgresql:// URI (default: the catalog key of --config)");
+    command->add_option("--storage", options->place.storage,
+                        "the recordings' root (default: the storage key of --config when the "
+                        "catalogue comes from there, else the working directory)");
+    command
+        ->add_option("--config", options->config,
+                     "the recorder's configuration file, read when --catalog is not given")
+        ->capture_default_str();
+    command->add_option("--metrics", options->metrics,
+                        "the recorder's metrics file, answered at /api/status");
+    command->add_flag("--no-auth", options->no_auth,
+                      "answer everyone: allowed only on a loopback address");
+    command->callback([options, &status] { status = run_serve(*options); });
+}
+
+}  // namespace qm::tools

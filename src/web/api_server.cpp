@@ -1,0 +1,377 @@
+#include "web/api_server.hpp"
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "catalog/catalog_find.hpp"
+#include "catalog/catalog_store.hpp"
+#include "catalog/open_catalog.hpp"
+#include "recording/audio_export.hpp"
+#include "recording/recording_inspector.hpp"
+#include "web/byte_range.hpp"
+#include "web/leg_request.hpp"
+#include "web/metrics_json.hpp"
+#include "web/worker_pool.hpp"
+
+namespace qm::web {
+namespace {
+
+using catalog::Json;
+
+constexpr std::size_t DEFAULT_LIMIT = 100;
+constexpr std::size_t MAX_LIMIT = 1000;
+constexpr std::size_t MAX_WIDTH = 10000;
+// Connections answered at once; more wait for a free worker.
+constexpr std::size_t WORKERS = 8;
+// The leg's recording in its directory.
+constexpr const char* MEDIA_FILE = "media.qm";
+
+// A query parameter that does not parse: the request is answered 400 with this text.
+class BadParameter : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+void send_json(httplib::Response& response, int status, const Json& body) {
+    response.status = status;
+    response.set_content(body.dump(), "application/json");
+}
+
+void send_error(httplib::Response& response, int status, const std::string& text) {
+    send_json(response, status, Json{{"error", text}});
+}
+
+// The parameter's value; none when it is absent or empty, as a search form sends empty fields.
+std::optional<std::string> text_param(const httplib::Request& request, const char* name) {
+    if (!request.has_param(name) || request.get_param_value(name).empty()) {
+        return std::nullopt;
+    }
+    return request.get_param_value(name);
+}
+
+std::size_t count_param(const httplib::Request& request, const char* name, std::size_t fallback,
+                        std::size_t low, std::size_t high) {
+    const std::optional<std::string> text = text_param(request, name);
+    if (!text) {
+        return fallback;
+    }
+    std::size_t value = 0;
+    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+    if (error != std::errc{} || end != text->data() + text->size() || value < low || value > high) {
+        throw BadParameter(std::string(name) + " \"" + *text + "\" is not a whole number from " +
+                           std::to_string(low) + " to " + std::to_string(high));
+    }
+    return value;
+}
+
+bool flag_param(const httplib::Request& request, const char* name) {
+    const std::optional<std::string> text = text_param(request, name);
+    if (!text || *text == "0" || *text == "false") {
+        return false;
+    }
+    if (*text == "1" || *text == "true") {
+        return true;
+    }
+    throw BadParameter(std::string(name) + " \"" + *text + "\" is not true, false, 1 or 0");
+}
+
+std::optional<std::uint64_t> time_param(const httplib::Request& request, const char* name) {
+    const std::optional<std::string> text = text_param(request, name);
+    if (!text) {
+        return std::nullopt;
+    }
+    const std::optional<std::uint64_t> time = catalog::parse_utc_time(*text);
+    if (!time) {
+        throw BadParameter(std::string(name) + " \"" + *text +
+                           "\" is not a UTC time like 2026-11-24T11:52:00Z or "
+                           "\"2026-11-24 11:52\"");
+    }
+    return time;
+}
+
+catalog::FindQuery query_of(const httplib::Request& request) {
+    catalog::FindQuery query;
+    query.call_id = text_param(request, "call_id");
+    query.uuid = text_param(request, "uuid");
+    if (query.uuid && !is_leg_uuid(*query.uuid)) {
+        throw BadParameter("uuid \"" + *query.uuid + "\" is not a leg uuid");
+    }
+    query.from_us = time_param(request, "from");
+    query.to_us = time_param(request, "to");
+    query.include_removed = flag_param(request, "include_removed");
+    query.limit = count_param(request, "limit", DEFAULT_LIMIT, 1, MAX_LIMIT);
+    query.offset = count_param(request, "offset", 0, 0, SIZE_MAX);
+    return query;
+}
+
+Json peaks_json(const recording::LegPeaks& peaks, std::size_t width) {
+    Json sides = Json::array();
+    for (std::size_t side = 0; side < peaks.columns.size(); ++side) {
+        Json columns = Json::array();
+        for (const recording::PeakColumn& column : peaks.columns[side]) {
+            columns.push_back({{"min", column.min}, {"max", column.max}});
+        }
+        Json gaps = Json::array();
+        for (const recording::SideGap& gap : peaks.gaps[side]) {
+            gaps.push_back({{"start_sample", gap.start_sample}, {"samples", gap.samples}});
+        }
+        sides.push_back({{"side", side}, {"columns", columns}, {"gaps", gaps}});
+    }
+    return Json{{"samples", peaks.samples}, {"width", width}, {"sides", sides}};
+}
+
+}  // namespace
+
+struct ApiServer::State {
+    ApiSettings settings;
+    std::filesystem::path storage_root;
+    // The connection serves one thread at a time; lookups are short.
+    std::mutex catalog_mutex;
+    std::unique_ptr<catalog::CatalogStore> store;
+    httplib::Server server;
+    int port = 0;
+
+    std::vector<catalog::CatalogRow> find(const catalog::FindQuery& query) {
+        const std::lock_guard lock(catalog_mutex);
+        return store->find(query);
+    }
+
+    // The leg the request's uuid names and its recording, or false with the answer sent.
+    bool find_leg(const httplib::Request& request, httplib::Response& response,
+                  catalog::CatalogRow& row, std::filesystem::path& file);
+
+    void list_legs(const httplib::Request& request, httplib::Response& response);
+    void show_leg(const httplib::Request& request, httplib::Response& response);
+    void send_audio(const httplib::Request& request, httplib::Response& response);
+    void send_peaks(const httplib::Request& request, httplib::Response& response);
+    void send_status(httplib::Response& response) const;
+    void add_routes();
+};
+
+bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Response& response,
+                                catalog::CatalogRow& row, std::filesystem::path& file) {
+    const std::string uuid = request.matches[1];
+    if (!is_leg_uuid(uuid)) {
+        send_error(response, 400, "\"" + uuid + "\" is not a leg uuid");
+        return false;
+    }
+    catalog::FindQuery query;
+    query.uuid = uuid;
+    query.include_removed = true;
+    const std::vector<catalog::CatalogRow> rows = find(query);
+    if (rows.empty()) {
+        send_error(response, 404, "no leg " + uuid + " in the catalogue");
+        return false;
+    }
+    // A leg seen by several recorders: the one still recorded.
+    auto recorded = std::find_if(rows.begin(), rows.end(), [](const catalog::CatalogRow& r) {
+        return r.state == catalog::RowState::RECORDED;
+    });
+    row = recorded != rows.end() ? *recorded : rows.front();
+    if (row.state == catalog::RowState::REMOVED) {
+        send_json(
+            response, 410,
+            Json{{"error", "leg " + uuid + " has been removed"},
+                 {"removed_at", row.removed_at_us ? Json(catalog::utc_text(*row.removed_at_us))
+                                                  : Json(nullptr)}});
+        return false;
+    }
+    const std::optional<std::filesystem::path> inside =
+        path_inside(storage_root, std::filesystem::path(row.summary.path) / MEDIA_FILE);
+    if (!inside) {
+        send_error(response, 404, "leg " + uuid + " lies outside the storage");
+        return false;
+    }
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(*inside, error)) {
+        send_json(
+            response, 410,
+            Json{{"error", "the recording of leg " + uuid + " has gone"}, {"removed_at", nullptr}});
+        return false;
+    }
+    file = *inside;
+    return true;
+}
+
+void ApiServer::State::list_legs(const httplib::Request& request, httplib::Response& response) {
+    catalog::FindQuery query;
+    try {
+        query = query_of(request);
+    } catch (const BadParameter& bad) {
+        send_error(response, 400, bad.what());
+        return;
+    }
+    Json legs = Json::array();
+    for (const catalog::CatalogRow& row : find(query)) {
+        legs.push_back(catalog::row_json(row));
+    }
+    send_json(response, 200, legs);
+}
+
+void ApiServer::State::show_leg(const httplib::Request& request, httplib::Response& response) {
+    catalog::CatalogRow row;
+    std::filesystem::path file;
+    if (find_leg(request, response, row, file)) {
+        send_json(response, 200,
+                  Json{{"leg", catalog::row_json(row)},
+                       {"inspect", recording::report_json(recording::inspect_recording(file))}});
+    }
+}
+
+void ApiServer::State::send_audio(const httplib::Request& request, httplib::Response& response) {
+    catalog::CatalogRow row;
+    std::filesystem::path file;
+    if (!find_leg(request, response, row, file)) {
+        return;
+    }
+    const std::string format = request.matches[2];
+    recording::ExportOptions options;
+    options.input = file;
+    options.output = "leg." + format;
+    const std::string audio = recording::export_audio_bytes(options);
+    const std::string type = format == "wav" ? "audio/wav" : "audio/flac";
+    response.set_header("Accept-Ranges", "bytes");
+    // The library would cut the body by the request's ranges again; the answer below is whole.
+    // The request object is the library's own, not a const one.
+    const_cast<httplib::Request&>(request).ranges.clear();
+    const RangeAnswer answer = answer_range(request.get_header_value("Range"), audio.size());
+    switch (answer.kind) {
+        case RangeKind::WHOLE:
+            response.status = 200;
+            response.set_content(audio, type);
+            break;
+        case RangeKind::PART:
+            response.status = 206;
+            response.set_header("Content-Range", "bytes " + std::to_string(answer.range.first) +
+                                                     "-" + std::to_string(answer.range.last) + "/" +
+                                                     std::to_string(audio.size()));
+            response.set_content(
+                audio.substr(answer.range.first, answer.range.last - answer.range.first + 1), type);
+            break;
+        case RangeKind::UNSATISFIABLE:
+            response.set_header("Content-Range", "bytes */" + std::to_string(audio.size()));
+            send_error(response, 416,
+                       "the range lies outside the " + std::to_string(audio.size()) +
+                           " bytes of the audio");
+            break;
+    }
+}
+
+void ApiServer::State::send_peaks(const httplib::Request& request, httplib::Response& response) {
+    std::size_t width = 0;
+    try {
+        if (!text_param(request, "width")) {
+            throw BadParameter("width is missing");
+        }
+        width = count_param(request, "width", 0, 1, MAX_WIDTH);
+    } catch (const BadParameter& bad) {
+        send_error(response, 400, bad.what());
+        return;
+    }
+    catalog::CatalogRow row;
+    std::filesystem::path file;
+    if (find_leg(request, response, row, file)) {
+        send_json(response, 200, peaks_json(recording::leg_peaks(file, width), width));
+    }
+}
+
+void ApiServer::State::send_status(httplib::Response& response) const {
+    if (!settings.metrics) {
+        send_error(response, 404, "no metrics file was given (--metrics)");
+        return;
+    }
+    std::ifstream in(*settings.metrics, std::ios::binary);
+    if (!in) {
+        send_error(response, 503, "cannot read " + settings.metrics->string());
+        return;
+    }
+    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    send_json(response, 200, metrics_json(text));
+}
+
+void ApiServer::State::add_routes() {
+    // Every answer is made inside a guard: a recording or catalogue that fails is a 500 with its
+    // reason, never a dropped connection.
+    const auto guarded = [this](auto member) {
+        return [this, member](const httplib::Request& request, httplib::Response& response) {
+            try {
+                (this->*member)(request, response);
+            } catch (const std::exception& failure) {
+                send_error(response, 500, failure.what());
+            }
+        };
+    };
+    server.set_pre_routing_handler(
+        [](const httplib::Request& request, httplib::Response& response) {
+            if (request.method != "GET" && request.method != "HEAD") {
+                send_error(response, 405, request.method + " is not answered here: read only");
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
+    server.Get("/api/legs", guarded(&State::list_legs));
+    server.Get(R"(/api/legs/([^/]+))", guarded(&State::show_leg));
+    server.Get(R"(/api/legs/([^/]+)/audio\.(wav|flac))", guarded(&State::send_audio));
+    server.Get(R"(/api/legs/([^/]+)/peaks)", guarded(&State::send_peaks));
+    server.Get("/api/status", [this](const httplib::Request&, httplib::Response& response) {
+        send_status(response);
+    });
+    server.set_error_handler([](const httplib::Request& request, httplib::Response& response) {
+        if (response.body.empty()) {
+            send_error(response, response.status, "nothing at " + request.path);
+        }
+    });
+}
+
+ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<State>()) {
+    State& state = *m_state;
+    state.settings = settings;
+    std::error_code error;
+    state.storage_root = std::filesystem::canonical(settings.storage, error);
+    if (error || !std::filesystem::is_directory(state.storage_root)) {
+        throw std::runtime_error("storage " + settings.storage.string() + " is not a directory");
+    }
+    std::string why;
+    state.store = catalog::open_catalog(settings.catalog, state.storage_root, why,
+                                        catalog::CatalogOpen::EXISTING);
+    if (!state.store) {
+        throw std::runtime_error(why);
+    }
+    state.server.new_task_queue = [] { return new WorkerPool(WORKERS); };
+    state.add_routes();
+}
+
+ApiServer::~ApiServer() = default;
+
+bool ApiServer::bind(const std::string& host, int port) {
+    State& state = *m_state;
+    if (port == 0) {
+        state.port = state.server.bind_to_any_port(host);
+        return state.port > 0;
+    }
+    state.port = port;
+    return state.server.bind_to_port(host, port);
+}
+
+int ApiServer::port() const {
+    return m_state->port;
+}
+
+void ApiServer::serve() {
+    m_state->server.listen_after_bind();
+}
+
+void ApiServer::stop() {
+    m_state->server.stop();
+}
+
+}  // namespace qm::web

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+// The read-only JSON API of `quillmar serve` over HTTP, under /api/:
+//   GET /api/legs?call_id=&uuid=&from=&to=&include_removed=&limit=&offset=   legs, as `find --json`
+//   GET /api/legs/UUID                      {"leg": the catalogue's row, "inspect": the report}
+//   GET /api/legs/UUID/audio.wav|audio.flac the leg as `quillmar export` writes it (stereo), with
+//                                           single byte ranges answered for seeking players
+//   GET /api/legs/UUID/peaks?width=N        per side N columns {min, max} and the gaps
+//   GET /api/status                         the recorder's metrics file, {name: value}
+// Every answer is JSON except the audio; errors are {"error": "..."}: 400 for a malformed
+// parameter or uuid, 404 for what does not exist, 410 for a leg whose recording has gone. Only
+// GET and HEAD.
+//
+// Files are reached only through the catalogue: a leg's path is the row's, joined to the storage,
+// resolved, and refused unless it lies inside the resolved storage. Nothing is ever written.
+//
+// Threads: construct, bind and serve on one thread; serve() blocks, answering requests on a pool
+// of eight "HTTP_WORKER" threads (WorkerPool), started with every signal blocked. stop() from any
+// thread but never from a signal handler. The catalogue's connection is shared by the workers under
+// a mutex.
+
+namespace qm::web {
+
+struct ApiSettings {
+    // As `quillmar find --catalog` takes it, and the directory a relative sqlite:PATH is in.
+    std::string catalog;
+    // The recordings' root; the catalogue's paths are relative to it.
+    std::filesystem::path storage;
+    // The recorder's metrics file; none: /api/status is 404.
+    std::optional<std::filesystem::path> metrics;
+};
+
+class ApiServer {
+public:
+    // Opens the catalogue (an existing one, never created). THROWS: std::runtime_error with one
+    // line saying why when it cannot be opened or the storage is not a directory.
+    explicit ApiServer(const ApiSettings& settings);
+    ~ApiServer();
+
+    ApiServer(const ApiServer&) = delete;
+    ApiServer& operator=(const ApiServer&) = delete;
+
+    // Binds the listening socket; port 0 picks a free one. False when it cannot be bound.
+    [[nodiscard]] bool bind(const std::string& host, int port);
+
+    // The bound port. REQUIRES: bind() succeeded.
+    int port() const;
+
+    // Answers requests until stop(). REQUIRES: bind() succeeded.
+    void serve();
+
+    // Makes serve() return; any thread.
+    void stop();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+}  // namespace qm::web

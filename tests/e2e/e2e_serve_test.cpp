@@ -1,0 +1,263 @@
+// `quillmar serve` against a real recorder's storage and SQLite catalogue: the legs of a call id,
+// a leg's audio byte for byte as `quillmar export` writes it, byte ranges, peaks whose gaps are
+// inspect's, a removed leg, traversal attempts, and the refusal to answer everyone off loopback.
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "recorder_e2e.hpp"
+#include "tools/call_manifest.hpp"
+#include "utils/str.hpp"
+
+namespace qm::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using tools::CallManifest;
+using tools::Expectation;
+using tools::SentLeg;
+
+constexpr std::size_t CALLS = 5;
+constexpr std::chrono::milliseconds LOOK_INTERVAL{50};
+
+std::string uuid_text(const SentLeg& leg) {
+    return utils::str::print_uuid(leg.uuid.data());
+}
+
+std::uint64_t lost_of(const tools::SentSide& side) {
+    return static_cast<std::uint64_t>(
+        std::count(side.expectations.begin(), side.expectations.end(), Expectation::LOST));
+}
+
+class ServeE2eTest : public RecorderE2eTest {
+protected:
+    // A recorder with its catalogue in the storage, CALLS calls sent to it with loss, and serve
+    // answering on a free port once every leg is in the catalogue.
+    void record_and_serve(const std::vector<std::string>& serve_options = {}) {
+        start_recorder("catalog = sqlite:catalog.sqlite\n");
+        const fs::path manifest = directory.path() / "manifest.json";
+        const ToolRun run =
+            run_tool({"send", "--to", "127.0.0.1:" + std::to_string(port), "--calls",
+                      std::to_string(CALLS), "--duration", "0.4", "--rate", "4000", "--loss", "0.1",
+                      "--seed", "7", "--manifest", manifest.string()});
+        ASSERT_TRUE(run.status.exited_with(0)) << run.err;
+        sent = tools::read_manifest(manifest);
+        ASSERT_EQ(sent.legs.size(), CALLS);
+
+        std::vector<std::string> args = {"serve",       "--no-auth",       "--listen",
+                                         "127.0.0.1:0", "--catalog",       "sqlite:catalog.sqlite",
+                                         "--storage",   storage().string()};
+        args.insert(args.end(), serve_options.begin(), serve_options.end());
+        ChildProcess& serve = start_tool(std::move(args));
+        const std::string prefix = "listening on http://127.0.0.1:";
+        ASSERT_TRUE(poll_until(
+            [&] { return serve.standard_output().find('\n') != std::string::npos; }, TIMEOUT))
+            << serve.standard_error();
+        const std::string line = serve.standard_output();
+        ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
+        client =
+            std::make_unique<httplib::Client>("127.0.0.1", std::stoi(line.substr(prefix.size())));
+        serve_process = &serve;
+        ASSERT_TRUE(poll_until([&] { return legs("?limit=1000").size() == CALLS; }, TIMEOUT,
+                               LOOK_INTERVAL));
+    }
+
+    // The documents of /api/legs with `query`; none unless it answered 200.
+    std::vector<json> legs(const std::string& query) {
+        const httplib::Result result = client->Get("/api/legs" + query);
+        if (!result || result->status != 200) {
+            return {};
+        }
+        return json::parse(result->body).get<std::vector<json>>();
+    }
+
+    // The recording of a sent leg in the storage.
+    fs::path media_of(const SentLeg& leg) {
+        const std::vector<json> rows = legs("?uuid=" + uuid_text(leg));
+        EXPECT_EQ(rows.size(), 1u);
+        return rows.empty() ? fs::path()
+                            : storage() / rows[0].at("path").get<std::string>() / "media.qm";
+    }
+
+    int status_of(const std::string& path) {
+        const httplib::Result result = client->Get(path);
+        return result ? result->status : -1;
+    }
+
+    CallManifest sent;
+    std::unique_ptr<httplib::Client> client;
+    ChildProcess* serve_process = nullptr;
+};
+
+TEST_F(ServeE2eTest, AnswersLegsAudioRangesAndPeaksAsTheToolsDo) {
+    const std::string metrics =
+        directory.write_file("metrics.prom",
+                             "# TYPE quillmarwriter_calls_open gauge\nquillmarwriter_calls_open 2\n"
+                             "quillmarwriter_kernel_drops_total 17\n");
+    ASSERT_NO_FATAL_FAILURE(record_and_serve({"--metrics", metrics}));
+
+    const httplib::Result status = client->Get("/api/status");
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->status, 200);
+    EXPECT_EQ(json::parse(status->body),
+              (json{{"quillmarwriter_calls_open", 2}, {"quillmarwriter_kernel_drops_total", 17}}));
+
+    // Each call id names exactly its own leg.
+    for (std::size_t call = 0; call < CALLS; ++call) {
+        const std::vector<json> rows = legs("?call_id=quillmar-send-" + std::to_string(call));
+        ASSERT_EQ(rows.size(), 1u) << call;
+        EXPECT_EQ(rows[0].at("uuid"), uuid_text(sent.legs[call]));
+        EXPECT_EQ(rows[0].at("state"), "recorded");
+        const ToolRun found =
+            run_tool({"find", "--catalog", "sqlite:catalog.sqlite", "--storage", storage().string(),
+                      "--call-id", "quillmar-send-" + std::to_string(call), "--json"});
+        EXPECT_EQ(rows[0], json::parse(found.out)) << found.err;
+    }
+
+    // A leg that lost packets on a side.
+    std::size_t call = 0;
+    while (call < CALLS &&
+           lost_of(sent.legs[call].sides[0]) + lost_of(sent.legs[call].sides[1]) == 0) {
+        ++call;
+    }
+    ASSERT_LT(call, CALLS) << "seed 7 withholds no packet";
+    const SentLeg& leg = sent.legs[call];
+    const std::string base = "/api/legs/" + uuid_text(leg);
+    const fs::path media = media_of(leg);
+
+    const fs::path exported = directory.path() / "x.wav";
+    const ToolRun exporting = run_tool({"export", media.string(), "--output", exported.string()});
+    ASSERT_TRUE(exporting.status.exited_with(0)) << exporting.err;
+    const std::string wav = read_file(exported);
+    ASSERT_GT(wav.size(), 2000u);
+
+    const httplib::Result audio = client->Get(base + "/audio.wav");
+    ASSERT_TRUE(audio);
+    EXPECT_EQ(audio->status, 200);
+    EXPECT_EQ(audio->get_header_value("Content-Type"), "audio/wav");
+    EXPECT_EQ(audio->get_header_value("Content-Length"), std::to_string(wav.size()));
+    EXPECT_EQ(audio->get_header_value("Accept-Ranges"), "bytes");
+    EXPECT_TRUE(audio->body == wav) << "the served audio differs from the export";
+
+    const httplib::Result head = client->Head(base + "/audio.wav");
+    ASSERT_TRUE(head);
+    EXPECT_EQ(head->status, 200);
+    EXPECT_EQ(head->get_header_value("Content-Length"), std::to_string(wav.size()));
+    EXPECT_EQ(head->body, "");
+
+    const httplib::Result part = client->Get(base + "/audio.wav", {{"Range", "bytes=1000-1999"}});
+    ASSERT_TRUE(part);
+    EXPECT_EQ(part->status, 206);
+    EXPECT_EQ(part->get_header_value("Content-Range"),
+              "bytes 1000-1999/" + std::to_string(wav.size()));
+    EXPECT_TRUE(part->body == wav.substr(1000, 1000));
+    const httplib::Result past =
+        client->Get(base + "/audio.wav", {{"Range", "bytes=" + std::to_string(wav.size()) + "-"}});
+    ASSERT_TRUE(past);
+    EXPECT_EQ(past->status, 416);
+
+    const ToolRun inspecting = run_tool({"inspect", "--json", media.string()});
+    const json inspect = json::parse(inspecting.out);
+    const httplib::Result peaks = client->Get(base + "/peaks?width=200");
+    ASSERT_TRUE(peaks);
+    ASSERT_EQ(peaks->status, 200) << peaks->body;
+    const json drawn = json::parse(peaks->body);
+    std::uint64_t gaps_seen = 0;
+    for (std::size_t side = 0; side < 2; ++side) {
+        const json& shown = drawn.at("sides").at(side);
+        EXPECT_EQ(shown.at("columns").size(), 200u);
+        std::uint64_t missing = 0;
+        for (const json& gap : shown.at("gaps")) {
+            missing += gap.at("samples").get<std::uint64_t>();
+        }
+        const json& inspected = inspect.at("sides").at(side);
+        EXPECT_EQ(shown.at("gaps").size(), inspected.at("gaps").get<std::size_t>()) << side;
+        EXPECT_EQ(missing, inspected.at("missing_samples").get<std::uint64_t>()) << side;
+        gaps_seen += shown.at("gaps").size();
+    }
+    // Loss leaves gaps, so the comparison above compared some.
+    EXPECT_NE(gaps_seen, 0u);
+    EXPECT_EQ(status_of(base + "/peaks?width=0"), 400);
+    EXPECT_EQ(status_of(base + "/peaks?width=10001"), 400);
+
+    const httplib::Result shown = client->Get(base);
+    ASSERT_TRUE(shown);
+    ASSERT_EQ(shown->status, 200);
+    EXPECT_EQ(json::parse(shown->body).at("inspect"), inspect);
+    EXPECT_EQ(json::parse(shown->body).at("leg").at("uuid"), uuid_text(leg));
+
+    ASSERT_TRUE(serve_process->send_signal(SIGTERM));
+    const std::optional<ExitStatus> ended = serve_process->wait_exit(TIMEOUT);
+    ASSERT_TRUE(ended.has_value());
+    EXPECT_TRUE(ended->exited_with(0));
+}
+
+TEST_F(ServeE2eTest, RefusesTraversalMalformedParametersAndRemovedLegs) {
+    ASSERT_NO_FATAL_FAILURE(record_and_serve());
+    const std::string uuid = uuid_text(sent.legs[0]);
+
+    EXPECT_EQ(status_of("/api/legs/..%2F..%2Fetc%2Fpasswd"), 404);
+    EXPECT_EQ(status_of("/api/legs/../../x"), 404);
+    EXPECT_EQ(status_of("/api/legs/..%2F..%2Fetc%2Fpasswd/audio.wav"), 404);
+    std::string upper = uuid;
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    EXPECT_EQ(status_of("/api/legs/" + upper), 400);
+    EXPECT_EQ(status_of("/api/legs/" + uuid.substr(1)), 400);
+    EXPECT_EQ(status_of("/api/legs/" + uuid.substr(1) + "/audio.wav"), 400);
+    EXPECT_EQ(status_of("/api/legs/00000000-0000-0000-0000-000000000000"), 404);
+    EXPECT_EQ(status_of("/api/legs?limit=0"), 400);
+    EXPECT_EQ(status_of("/api/legs?limit=1001"), 400);
+    EXPECT_EQ(status_of("/api/legs?from=yesterday"), 400);
+    EXPECT_EQ(status_of("/api/legs?uuid=../x"), 400);
+    EXPECT_EQ(status_of("/api/nothing"), 404);
+    EXPECT_EQ(status_of("/api/status"), 404);
+    const httplib::Result posted = client->Post("/api/legs", "{}", "application/json");
+    ASSERT_TRUE(posted);
+    EXPECT_EQ(posted->status, 405);
+    EXPECT_EQ(json::parse(posted->body).at("error"), "POST is not answered here: read only");
+    const httplib::Result traversal = client->Get("/api/legs/..%2F..%2Fetc%2Fpasswd");
+    ASSERT_TRUE(traversal);
+    EXPECT_EQ(json::parse(traversal->body).at("error"), "nothing at /api/legs/../../etc/passwd");
+
+    // The leg's directory goes, and a reindex marks its row removed.
+    const fs::path media = media_of(sent.legs[0]);
+    fs::remove_all(media.parent_path());
+    const ToolRun reindex = run_tool({"catalog", "reindex", "--storage", storage().string(),
+                                      "--catalog", "sqlite:catalog.sqlite"});
+    ASSERT_TRUE(reindex.status.exited_with(0)) << reindex.err;
+    const httplib::Result gone = client->Get("/api/legs/" + uuid);
+    ASSERT_TRUE(gone);
+    EXPECT_EQ(gone->status, 410);
+    const json answer = json::parse(gone->body);
+    EXPECT_TRUE(answer.at("removed_at").is_string()) << gone->body;
+    EXPECT_EQ(status_of("/api/legs/" + uuid + "/audio.wav"), 410);
+}
+
+TEST_F(ServeE2eTest, AnsweringEveryoneOffLoopbackIsRefused) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"serve", "--no-auth", "--listen", "0.0.0.0:0", "--catalog",
+                                   "sqlite:catalog.sqlite"},
+          std::vector<std::string>{"serve", "--listen", "127.0.0.1:0", "--catalog",
+                                   "sqlite:catalog.sqlite"}}) {
+        const ToolRun run = run_tool(args);
+        EXPECT_TRUE(run.status.exited_with(2));
+        EXPECT_EQ(run.err,
+                  "quillmar serve: --users is not supported yet; give --no-auth on a loopback "
+                  "address\n");
+        EXPECT_EQ(run.out, "");
+    }
+}
+
+}  // namespace
+}  // namespace qm::test

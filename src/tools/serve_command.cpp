@@ -32,7 +32,7 @@ struct ServeOptions {
 // wakes up and the command ends.
 class ServeThread : public Thread {
 public:
-    explicit ServeThread(web::ApiServer& server) : m_server(server) { set_name("HTTP_LISTENER"); }
+    explicit ServeThread(web::ApiServer& server) : m_server(server) { set_name("qm-http"); }
 
     void run() override {
         m_server.serve();

@@ -20,7 +20,7 @@
 // resolved, and refused unless it lies inside the resolved storage. Nothing is ever written.
 //
 // Threads: construct, bind and serve on one thread; serve() blocks, answering requests on a pool
-// of eight "HTTP_WORKER" threads (WorkerPool), started with every signal blocked. stop() from any
+// of eight "qm-http-worker" threads (WorkerPool), started with every signal blocked. stop() from any
 // thread but never from a signal handler. The catalogue's connection is shared by the workers under
 // a mutex.
 

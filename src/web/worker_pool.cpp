@@ -10,7 +10,7 @@ namespace qm::web {
 
 class WorkerPool::Worker : public Thread {
 public:
-    explicit Worker(WorkerPool& pool) : m_pool(pool) { set_name("HTTP_WORKER"); }
+    explicit Worker(WorkerPool& pool) : m_pool(pool) { set_name("qm-http-worker"); }
 
     // Stopped by the pool's closing, not by the running flag: queued jobs still run.
     void run() override {

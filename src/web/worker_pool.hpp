@@ -12,7 +12,7 @@
 
 // The threads that answer the HTTP server's connections, in place of the library's own pool so
 // that they are this program's threads: started with every signal blocked and named
-// "HTTP_WORKER". Jobs run in the order they come, each on whichever worker is free.
+// "qm-http-worker". Jobs run in the order they come, each on whichever worker is free.
 //
 // Threads: the library calls enqueue() from its listening thread and shutdown() once, from that
 // thread, when it stops; the workers take jobs under the pool's mutex (one per connection, not

@@ -1,4 +1,4 @@
-// The HTTP server's workers: every job runs, on a thread named "HTTP_WORKER" with every signal
+// The HTTP server's workers: every job runs, on a thread named "qm-http-worker" with every signal
 // blocked, and shutdown runs what is queued before it joins.
 
 #include <gtest/gtest.h>
@@ -44,7 +44,7 @@ TEST(WorkerPoolTest, JobsRunOnNamedThreadsWithSignalsBlocked) {
     }
     EXPECT_EQ(ran.load(), 50);
     EXPECT_EQ(unblocked.load(), 0);
-    EXPECT_EQ(names, (std::set<std::string>{"HTTP_WORKER"}));
+    EXPECT_EQ(names, (std::set<std::string>{"qm-http-worker"}));
 }
 
 }  // namespace

@@ -16,16 +16,50 @@
 namespace qm::tools {
 namespace {
 
-constexpr const char* AUTH_REFUSED =
-    "quillmar serve: --users is not supported yet; give --no-auth on a loopback address";
+constexpr const char* NO_USERS =
+    "quillmar serve: no users to sign in: give --users FILE with at least one user (quillmar "
+    "passwd "
+    "FILE NAME), or --no-auth on a loopback address";
+constexpr const char* NO_AUTH_REFUSED =
+    "quillmar serve: --no-auth is allowed only on a loopback address (127.0.0.0/8, ::1)";
 
 struct ServeOptions {
     std::string config = default_recorder_config();
     CatalogPlace place;
     std::string listen = "127.0.0.1:8090";
     std::optional<std::string> metrics;
+    std::optional<std::string> users;
+    std::optional<std::string> access_log;
     bool no_auth = false;
 };
+
+// Who may sign in, into `settings`: the users file, or nobody's check with --no-auth on a
+// loopback address. False, with a line on standard error, when the server must not start.
+bool choose_users(const ServeOptions& options, const web::ListenAddress& address,
+                  web::ApiSettings& settings) {
+    if (options.no_auth) {
+        if (!web::is_loopback(address)) {
+            std::cerr << NO_AUTH_REFUSED << std::endl;
+            return false;
+        }
+        return true;
+    }
+    if (!options.users) {
+        std::cerr << NO_USERS << std::endl;
+        return false;
+    }
+    std::string error;
+    settings.users = web::UsersFile::load(*options.users, error);
+    if (!settings.users) {
+        std::cerr << "quillmar serve: " << error << std::endl;
+        return false;
+    }
+    if (settings.users->empty()) {
+        std::cerr << NO_USERS << std::endl;
+        return false;
+    }
+    return true;
+}
 
 // Answers requests on a thread of its own, so that the main thread can wait for the signals that
 // stop it. Should the server end by itself, the thread raises SIGTERM so that the main thread
@@ -69,8 +103,8 @@ int run_serve(const ServeOptions& options) {
                   << std::endl;
         return 2;
     }
-    if (!options.no_auth || !web::is_loopback(*address)) {
-        std::cerr << AUTH_REFUSED << std::endl;
+    web::ApiSettings settings;
+    if (!choose_users(options, *address, settings)) {
         return 2;
     }
     std::string error;
@@ -79,11 +113,13 @@ int run_serve(const ServeOptions& options) {
         std::cerr << "quillmar serve: " << error << std::endl;
         return 2;
     }
-    web::ApiSettings settings;
     settings.catalog = place.catalog;
     settings.storage = place.storage.empty() ? "." : place.storage;
     if (options.metrics) {
         settings.metrics = *options.metrics;
+    }
+    if (options.access_log) {
+        settings.access_log = *options.access_log;
     }
     std::unique_ptr<web::ApiServer> server;
     try {
@@ -131,6 +167,10 @@ void add_serve_command(CLI::App& app, int& status) {
         ->capture_default_str();
     command->add_option("--metrics", options->metrics,
                         "the recorder's metrics file, answered at /api/status");
+    command->add_option("--users", options->users,
+                        "the users who may sign in, name:hash lines (quillmar passwd)");
+    command->add_option("--access-log", options->access_log,
+                        "append a line per view, playback and download of a leg here");
     command->add_flag("--no-auth", options->no_auth,
                       "answer everyone: allowed only on a loopback address");
     command->callback([options, &status] { status = run_serve(*options); });

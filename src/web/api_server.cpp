@@ -17,9 +17,12 @@
 #include "catalog/open_catalog.hpp"
 #include "recording/audio_export.hpp"
 #include "recording/recording_inspector.hpp"
+#include "web/access_log.hpp"
+#include "web/basic_auth.hpp"
 #include "web/byte_range.hpp"
 #include "web/leg_request.hpp"
 #include "web/metrics_json.hpp"
+#include "web/sign_in_limiter.hpp"
 #include "web/worker_pool.hpp"
 
 namespace qm::web {
@@ -139,6 +142,13 @@ struct ApiServer::State {
     std::unique_ptr<catalog::CatalogStore> store;
     httplib::Server server;
     int port = 0;
+    SignInLimiter limiter;
+    std::unique_ptr<AccessLog> access_log;
+
+    // Whether the request comes from a user who may look, or false with the answer sent.
+    bool signed_in(const httplib::Request& request, httplib::Response& response);
+    // Writes the access to the leg `uuid` to the access log, when there is one.
+    void record(const httplib::Request& request, const std::string& uuid, Access what);
 
     std::vector<catalog::CatalogRow> find(const catalog::FindQuery& query) {
         const std::lock_guard lock(catalog_mutex);
@@ -156,6 +166,39 @@ struct ApiServer::State {
     void send_status(httplib::Response& response) const;
     void add_routes();
 };
+
+bool ApiServer::State::signed_in(const httplib::Request& request, httplib::Response& response) {
+    const SignInLimiter::Clock::time_point now = SignInLimiter::Clock::now();
+    if (!limiter.allowed(request.remote_addr, now)) {
+        send_error(response, 429,
+                   "too many failed sign-ins from this address: try again in a minute");
+        return false;
+    }
+    const std::optional<Credentials> credentials =
+        basic_credentials(request.get_header_value("Authorization"));
+    if (credentials && settings.users->verify(credentials->name, credentials->password)) {
+        limiter.succeeded(request.remote_addr);
+        return true;
+    }
+    // A request without credentials is a client asking how to sign in, not a failed sign-in.
+    if (credentials) {
+        limiter.failed(request.remote_addr, now);
+    }
+    response.set_header("WWW-Authenticate", "Basic realm=\"quillmar\", charset=\"UTF-8\"");
+    send_error(response, 401, "sign in as a user of the users file");
+    return false;
+}
+
+void ApiServer::State::record(const httplib::Request& request, const std::string& uuid,
+                              Access what) {
+    if (!access_log) {
+        return;
+    }
+    const std::optional<Credentials> credentials =
+        basic_credentials(request.get_header_value("Authorization"));
+    static_cast<void>(
+        access_log->record(credentials ? credentials->name : "-", request.remote_addr, uuid, what));
+}
 
 bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Response& response,
                                 catalog::CatalogRow& row, std::filesystem::path& file) {
@@ -221,6 +264,7 @@ void ApiServer::State::show_leg(const httplib::Request& request, httplib::Respon
     catalog::CatalogRow row;
     std::filesystem::path file;
     if (find_leg(request, response, row, file)) {
+        record(request, row.summary.uuid, Access::VIEW);
         send_json(response, 200,
                   Json{{"leg", catalog::row_json(row)},
                        {"inspect", recording::report_json(recording::inspect_recording(file))}});
@@ -244,6 +288,13 @@ void ApiServer::State::send_audio(const httplib::Request& request, httplib::Resp
     // The request object is the library's own, not a const one.
     const_cast<httplib::Request&>(request).ranges.clear();
     const RangeAnswer answer = answer_range(request.get_header_value("Range"), audio.size());
+    // A player asks for the rest of the file as it plays and seeks: only the request from the
+    // first byte starts a playback.
+    if (answer.kind == RangeKind::WHOLE ||
+        (answer.kind == RangeKind::PART && answer.range.first == 0)) {
+        record(request, row.summary.uuid,
+               flag_param(request, "download") ? Access::DOWNLOAD : Access::PLAY);
+    }
     switch (answer.kind) {
         case RangeKind::WHOLE:
             response.status = 200;
@@ -311,7 +362,10 @@ void ApiServer::State::add_routes() {
         };
     };
     server.set_pre_routing_handler(
-        [](const httplib::Request& request, httplib::Response& response) {
+        [this](const httplib::Request& request, httplib::Response& response) {
+            if (settings.users && !signed_in(request, response)) {
+                return httplib::Server::HandlerResponse::Handled;
+            }
             if (request.method != "GET" && request.method != "HEAD") {
                 send_error(response, 405, request.method + " is not answered here: read only");
                 return httplib::Server::HandlerResponse::Handled;
@@ -345,6 +399,12 @@ ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<Sta
                                         catalog::CatalogOpen::EXISTING);
     if (!state.store) {
         throw std::runtime_error(why);
+    }
+    if (settings.access_log) {
+        state.access_log = AccessLog::open(settings.access_log->string(), why);
+        if (!state.access_log) {
+            throw std::runtime_error(why);
+        }
     }
     state.server.new_task_queue = [] { return new WorkerPool(WORKERS); };
     state.add_routes();

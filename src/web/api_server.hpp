@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "web/users_file.hpp"
+
 // The read-only JSON API of `quillmar serve` over HTTP, under /api/:
 //   GET /api/legs?call_id=&uuid=&from=&to=&include_removed=&limit=&offset=   legs, as `find --json`
 //   GET /api/legs/UUID                      {"leg": the catalogue's row, "inspect": the report}
@@ -16,13 +18,18 @@
 // parameter or uuid, 404 for what does not exist, 410 for a leg whose recording has gone. Only
 // GET and HEAD.
 //
+// With users, every request needs HTTP Basic credentials of one of them: none or wrong ones are
+// 401 with a challenge; an address that failed five times within a minute waits a minute (429),
+// its credentials not even checked. With an access log, every view of a leg and every start of a
+// playback (a request from the audio's first byte) or download (`?download=1`) is a line there.
+//
 // Files are reached only through the catalogue: a leg's path is the row's, joined to the storage,
 // resolved, and refused unless it lies inside the resolved storage. Nothing is ever written.
 //
 // Threads: construct, bind and serve on one thread; serve() blocks, answering requests on a pool
-// of eight "qm-http-worker" threads (WorkerPool), started with every signal blocked. stop() from any
-// thread but never from a signal handler. The catalogue's connection is shared by the workers under
-// a mutex.
+// of eight "qm-http-worker" threads (WorkerPool), started with every signal blocked. stop() from
+// any thread but never from a signal handler. The catalogue's connection is shared by the workers
+// under a mutex.
 
 namespace qm::web {
 
@@ -33,12 +40,17 @@ struct ApiSettings {
     std::filesystem::path storage;
     // The recorder's metrics file; none: /api/status is 404.
     std::optional<std::filesystem::path> metrics;
+    // Who may sign in; none: everyone is answered (the command allows that only on loopback).
+    std::optional<UsersFile> users;
+    // Where views, playbacks and downloads are written; none: nowhere.
+    std::optional<std::filesystem::path> access_log;
 };
 
 class ApiServer {
 public:
-    // Opens the catalogue (an existing one, never created). THROWS: std::runtime_error with one
-    // line saying why when it cannot be opened or the storage is not a directory.
+    // Opens the catalogue (an existing one, never created) and the access log. THROWS:
+    // std::runtime_error with one line saying why when either cannot be opened or the storage is
+    // not a directory.
     explicit ApiServer(const ApiSettings& settings);
     ~ApiServer();
 

@@ -9,8 +9,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -18,6 +21,7 @@
 #include "recorder_e2e.hpp"
 #include "tools/call_manifest.hpp"
 #include "utils/str.hpp"
+#include "web/users_file.hpp"
 
 namespace qm::test {
 namespace {
@@ -44,7 +48,7 @@ class ServeE2eTest : public RecorderE2eTest {
 protected:
     // A recorder with its catalogue in the storage, CALLS calls sent to it with loss, and serve
     // answering on a free port once every leg is in the catalogue.
-    void record_and_serve(const std::vector<std::string>& serve_options = {}) {
+    void record_and_serve(const std::vector<std::string>& serve_options = {"--no-auth"}) {
         start_recorder("catalog = sqlite:catalog.sqlite\n");
         const fs::path manifest = directory.path() / "manifest.json";
         const ToolRun run =
@@ -55,9 +59,9 @@ protected:
         sent = tools::read_manifest(manifest);
         ASSERT_EQ(sent.legs.size(), CALLS);
 
-        std::vector<std::string> args = {"serve",       "--no-auth",       "--listen",
-                                         "127.0.0.1:0", "--catalog",       "sqlite:catalog.sqlite",
-                                         "--storage",   storage().string()};
+        std::vector<std::string> args = {
+            "serve",     "--listen",        "127.0.0.1:0", "--catalog", "sqlite:catalog.sqlite",
+            "--storage", storage().string()};
         args.insert(args.end(), serve_options.begin(), serve_options.end());
         ChildProcess& serve = start_tool(std::move(args));
         const std::string prefix = "listening on http://127.0.0.1:";
@@ -66,8 +70,11 @@ protected:
             << serve.standard_error();
         const std::string line = serve.standard_output();
         ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
-        client =
-            std::make_unique<httplib::Client>("127.0.0.1", std::stoi(line.substr(prefix.size())));
+        serve_port = std::stoi(line.substr(prefix.size()));
+        client = std::make_unique<httplib::Client>("127.0.0.1", serve_port);
+        if (login) {
+            client->set_basic_auth(login->first.c_str(), login->second.c_str());
+        }
         serve_process = &serve;
         ASSERT_TRUE(poll_until([&] { return legs("?limit=1000").size() == CALLS; }, TIMEOUT,
                                LOOK_INTERVAL));
@@ -96,6 +103,9 @@ protected:
     }
 
     CallManifest sent;
+    // The user the client signs in as, when serve has users.
+    std::optional<std::pair<std::string, std::string>> login;
+    int serve_port = 0;
     std::unique_ptr<httplib::Client> client;
     ChildProcess* serve_process = nullptr;
 };
@@ -105,7 +115,7 @@ TEST_F(ServeE2eTest, AnswersLegsAudioRangesAndPeaksAsTheToolsDo) {
         directory.write_file("metrics.prom",
                              "# TYPE quillmarwriter_calls_open gauge\nquillmarwriter_calls_open 2\n"
                              "quillmarwriter_kernel_drops_total 17\n");
-    ASSERT_NO_FATAL_FAILURE(record_and_serve({"--metrics", metrics}));
+    ASSERT_NO_FATAL_FAILURE(record_and_serve({"--no-auth", "--metrics", metrics}));
 
     const httplib::Result status = client->Get("/api/status");
     ASSERT_TRUE(status);
@@ -244,19 +254,90 @@ TEST_F(ServeE2eTest, RefusesTraversalMalformedParametersAndRemovedLegs) {
     EXPECT_EQ(status_of("/api/legs/" + uuid + "/audio.wav"), 410);
 }
 
-TEST_F(ServeE2eTest, AnsweringEveryoneOffLoopbackIsRefused) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"serve", "--no-auth", "--listen", "0.0.0.0:0", "--catalog",
-                                   "sqlite:catalog.sqlite"},
-          std::vector<std::string>{"serve", "--listen", "127.0.0.1:0", "--catalog",
-                                   "sqlite:catalog.sqlite"}}) {
+TEST_F(ServeE2eTest, AnsweringEveryoneNeedsLoopbackAndSigningInNeedsUsers) {
+    const std::string empty = directory.write_file("empty-users", "");
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
+        {{"--no-auth", "--listen", "0.0.0.0:0"},
+         "quillmar serve: --no-auth is allowed only on a loopback address (127.0.0.0/8, ::1)\n"},
+        {{"--listen", "127.0.0.1:0"},
+         "quillmar serve: no users to sign in: give --users FILE with at least one user "
+         "(quillmar passwd FILE NAME), or --no-auth on a loopback address\n"},
+        {{"--users", empty, "--listen", "127.0.0.1:0"},
+         "quillmar serve: no users to sign in: give --users FILE with at least one user "
+         "(quillmar passwd FILE NAME), or --no-auth on a loopback address\n"},
+    };
+    for (const auto& [options, message] : refused) {
+        std::vector<std::string> args = {"serve", "--catalog", "sqlite:catalog.sqlite"};
+        args.insert(args.end(), options.begin(), options.end());
         const ToolRun run = run_tool(args);
         EXPECT_TRUE(run.status.exited_with(2));
-        EXPECT_EQ(run.err,
-                  "quillmar serve: --users is not supported yet; give --no-auth on a loopback "
-                  "address\n");
+        EXPECT_EQ(run.err, message);
         EXPECT_EQ(run.out, "");
     }
+}
+
+// The access log's lines without their time: "user=... address=... uuid=... what=...".
+std::vector<std::string> access_lines(const fs::path& file) {
+    std::vector<std::string> lines;
+    std::istringstream in(read_file(file));
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line.substr(line.find(' ') + 1));
+    }
+    return lines;
+}
+
+TEST_F(ServeE2eTest, EveryAnswerNeedsAUserAndFailuresMakeTheAddressWait) {
+    web::UsersFile users;
+    users.set("anna", "correct horse");
+    std::string error;
+    const fs::path users_file = directory.path() / "users";
+    ASSERT_TRUE(users.save(users_file.string(), error)) << error;
+    const fs::path log = directory.path() / "access.log";
+    login = std::make_pair("anna", "correct horse");
+    ASSERT_NO_FATAL_FAILURE(
+        record_and_serve({"--users", users_file.string(), "--access-log", log.string()}));
+    const std::string uuid = uuid_text(sent.legs[0]);
+
+    // One line per view, per playback (not per range a player asks for later) and per download.
+    EXPECT_EQ(status_of("/api/legs/" + uuid), 200);
+    EXPECT_EQ(status_of("/api/legs/" + uuid + "/audio.wav"), 200);
+    const httplib::Result later =
+        client->Get("/api/legs/" + uuid + "/audio.wav", {{"Range", "bytes=1000-1999"}});
+    ASSERT_TRUE(later);
+    EXPECT_EQ(later->status, 206);
+    EXPECT_EQ(status_of("/api/legs/" + uuid + "/audio.flac?download=1"), 200);
+    const std::string who = "user=anna address=127.0.0.1 uuid=" + uuid;
+    EXPECT_EQ(access_lines(log), (std::vector<std::string>{who + " what=view", who + " what=play",
+                                                           who + " what=download"}));
+
+    httplib::Client stranger("127.0.0.1", serve_port);
+    for (const std::string& path : std::vector<std::string>{
+             "/api/legs", "/api/legs/" + uuid, "/api/legs/" + uuid + "/audio.wav",
+             "/api/legs/" + uuid + "/peaks?width=10", "/api/status", "/anything"}) {
+        const httplib::Result result = stranger.Get(path);
+        ASSERT_TRUE(result) << path;
+        EXPECT_EQ(result->status, 401) << path;
+        EXPECT_EQ(result->get_header_value("WWW-Authenticate"),
+                  "Basic realm=\"quillmar\", charset=\"UTF-8\"")
+            << path;
+    }
+    // Five wrong passwords within the minute; the sixth try is not even checked, and neither is
+    // the right password from that address until the minute is over.
+    stranger.set_basic_auth("anna", "wrong");
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const httplib::Result result = stranger.Get("/api/legs");
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 401) << attempt;
+    }
+    const httplib::Result sixth = stranger.Get("/api/legs");
+    ASSERT_TRUE(sixth);
+    EXPECT_EQ(sixth->status, 429);
+    EXPECT_EQ(
+        json::parse(sixth->body),
+        (json{{"error", "too many failed sign-ins from this address: try again in a minute"}}));
+    EXPECT_EQ(status_of("/api/legs"), 429);
+    EXPECT_EQ(access_lines(log).size(), 3u);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "temp_directory.hpp"
+#include "web/basic_auth.hpp"
 #include "web/byte_range.hpp"
 #include "web/leg_request.hpp"
 #include "web/listen_address.hpp"
@@ -103,6 +104,24 @@ TEST(MetricsJsonTest, SamplesByNameCommentsLeftOut) {
         "quillmarwriter_bad x1\n");
     EXPECT_EQ(values, (nlohmann::json{{"quillmarwriter_calls_open", 3},
                                       {"quillmarwriter_rate{side=\"0\"}", 0.5}}));
+}
+
+// "anna:correct horse" and "anna:pass:word" in base64.
+TEST(BasicAuthTest, TakesNameAndPasswordOfABasicHeader) {
+    const std::optional<Credentials> anna = basic_credentials("Basic YW5uYTpjb3JyZWN0IGhvcnNl");
+    ASSERT_TRUE(anna);
+    EXPECT_EQ(anna->name, "anna");
+    EXPECT_EQ(anna->password, "correct horse");
+    const std::optional<Credentials> colon = basic_credentials("Basic YW5uYTpwYXNzOndvcmQ=");
+    ASSERT_TRUE(colon);
+    EXPECT_EQ(colon->password, "pass:word");
+}
+
+TEST(BasicAuthTest, RefusesOtherSchemesBadBase64AndNoColon) {
+    for (const char* header : {"", "Bearer YW5uYTpjb3JyZWN0IGhvcnNl", "Basic", "Basic !!!!",
+                               "basic YW5uYTpjb3JyZWN0IGhvcnNl", "Basic YW5uYQ=="}) {
+        EXPECT_FALSE(basic_credentials(header)) << header;
+    }
 }
 
 }  // namespace

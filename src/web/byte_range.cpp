@@ -25,13 +25,13 @@ RangeAnswer answer_range(std::string_view header, std::uint64_t size) {
     if (!header.starts_with(UNIT)) {
         return {};
     }
-    const std::string_view spec = header.substr(UNIT.size());
-    const std::size_t dash = spec.find('-');
-    if (dash == std::string_view::npos || spec.find(',') != std::string_view::npos) {
+    const std::string_view range = header.substr(UNIT.size());
+    const std::size_t dash = range.find('-');
+    if (dash == std::string_view::npos || range.find(',') != std::string_view::npos) {
         return {};
     }
-    const std::string_view first_text = spec.substr(0, dash);
-    const std::string_view last_text = spec.substr(dash + 1);
+    const std::string_view first_text = range.substr(0, dash);
+    const std::string_view last_text = range.substr(dash + 1);
     if (first_text.empty()) {
         const std::optional<std::uint64_t> suffix = number(last_text);
         if (!suffix) {

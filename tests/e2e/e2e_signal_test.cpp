@@ -92,8 +92,8 @@ protected:
     // A small media buffer pool: taking the default 4000 buffers costs each start about a second,
     // long after the moments these tests stop the recorder in, and their runs add up.
     std::string write_config(const std::string& name, const std::string& settings = {}) {
-        return directory.write_file(name, "storage = " + storage().string() + "\nport = " +
-                                              std::to_string(pick_port()) +
+        return directory.write_file(name, "storage = " + storage().string() +
+                                              "\nport = " + std::to_string(pick_port()) +
                                               "\nmedia_buffers_count = 64\n" + settings);
     }
 

@@ -81,16 +81,10 @@ void add_find_command(CLI::App& app, int& status) {
     auto options = std::make_shared<FindOptions>();
     CLI::App* command =
         app.add_subcommand("find", "find recorded legs in the catalogue by call id, uuid or time");
-    command->add_option(
-        "--catalog", options->place.catalog,
-        "sqlite:PATH or a postgresql:// URI (default: the catalog key of --config)");
-    command->add_option("--storage", options->place.storage,
-                        "the directory a relative sqlite:PATH is in (default: the storage key of "
-                        "--config when the catalogue comes from there, else the working one)");
-    command
-        ->add_option("--config", options->config,
-                     "the recorder's configuration file, read when --catalog is not given")
-        ->capture_default_str();
+    add_catalog_place_options(*command, options->place, options->config,
+                              "the directory a relative sqlite:PATH is in (default: the storage "
+                              "key of --config when the catalogue comes from there, else the "
+                              "working one)");
     command->add_option("--call-id", options->call_id, "the call's id");
     command->add_option("--uuid", options->uuid, "the leg's uuid");
     command->add_option("--from", options->from, "legs that started at or after this UTC time");

@@ -88,4 +88,15 @@ bool fill_from_recorder_config(const std::string& path, CatalogPlace& place, std
     return true;
 }
 
+void add_catalog_place_options(CLI::App& command, CatalogPlace& place, std::string& config,
+                               const std::string& storage_help) {
+    command.add_option("--catalog", place.catalog,
+                       "sqlite:PATH or a postgresql:// URI (default: the catalog key of --config)");
+    command.add_option("--storage", place.storage, storage_help);
+    command
+        .add_option("--config", config,
+                    "the recorder's configuration file, read when --catalog is not given")
+        ->capture_default_str();
+}
+
 }  // namespace qm::tools

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <CLI/CLI.hpp>
+
 #include <string>
 
 // Where `quillmar catalog reindex` and `quillmar find` find the catalogue when the command line
@@ -28,5 +30,10 @@ struct CatalogPlace {
 // tool's standard output is for its results.
 [[nodiscard]] bool fill_from_recorder_config(const std::string& path, CatalogPlace& place,
                                              std::string& error);
+
+// Adds `--catalog`, `--storage` (described as `storage_help`) and `--config` to `command`, into
+// `place` and `config`, for the subcommands that read a recorder's catalogue.
+void add_catalog_place_options(CLI::App& command, CatalogPlace& place, std::string& config,
+                               const std::string& storage_help);
 
 }  // namespace qm::tools

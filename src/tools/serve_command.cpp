@@ -155,16 +155,9 @@ void add_serve_command(CLI::App& app, int& status) {
         "serve", "answer a read-only JSON API over HTTP on the catalogue and its recordings");
     command->add_option("--listen", options->listen, "ADDR:PORT to listen on")
         ->capture_default_str();
-    command->add_option(
-        "--catalog", options->place.catalog,
-        "sqlite:PATH or a postgresql:// URI (default: the catalog key of --config)");
-    command->add_option("--storage", options->place.storage,
-                        "the recordings' root (default: the storage key of --config when the "
-                        "catalogue comes from there, else the working directory)");
-    command
-        ->add_option("--config", options->config,
-                     "the recorder's configuration file, read when --catalog is not given")
-        ->capture_default_str();
+    add_catalog_place_options(*command, options->place, options->config,
+                              "the recordings' root (default: the storage key of --config when "
+                              "the catalogue comes from there, else the working directory)");
     command->add_option("--metrics", options->metrics,
                         "the recorder's metrics file, answered at /api/status");
     command->add_option("--users", options->users,

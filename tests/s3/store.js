@@ -6,7 +6,8 @@
 // signature as S3 does (canonical request, string to sign, HMAC chain) with the secret of the
 // access key and answers SignatureDoesNotMatch when they differ.
 // It also writes one line per request to the request log, "METHOD /bucket/key STATUS" (the key
-// as the client escaped it), so that a test can count uploads.
+// as the client escaped it; " virtual-hosted" added when the bucket came in the host name), so
+// that a test can count uploads.
 //
 // Usage: node store.js DIRECTORY PORT BUCKET REQUEST_LOG
 // Listens on 127.0.0.1:PORT (0 = any free port) and prints "listening on 127.0.0.1:PORT" to
@@ -121,7 +122,8 @@ function requestLog(file) {
       status = error.status || 500;
       throw error;
     } finally {
-      fs.appendFileSync(file, `${ctx.method} ${ctx.path} ${status}\n`);
+      const addressing = ctx.state.vhost ? ' virtual-hosted' : '';
+      fs.appendFileSync(file, `${ctx.method} ${ctx.path} ${status}${addressing}\n`);
     }
   };
 }

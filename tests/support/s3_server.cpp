@@ -48,7 +48,8 @@ void S3Server::launch() {
     if (!m_process->wait_for_line(LISTENING, START_TIMEOUT)) {
         const std::string output = m_process->standard_error();
         m_process.reset();
-        throw std::runtime_error("the S3 store did not start:\n" + output);
+        throw std::runtime_error(
+            "the S3 store did not start (scripts/install-deps.sh installs it):\n" + output);
     }
     if (m_port == 0) {
         const std::string output = m_process->standard_error();

@@ -1,7 +1,9 @@
 #include "archive/s3_error.hpp"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
+#include <utility>
 
 namespace qm::archive {
 namespace {
@@ -10,6 +12,25 @@ namespace {
 constexpr std::array<std::string_view, 7> RETRYABLE_CODES = {
     "SlowDown",        "Throttling",     "ThrottlingException", "RequestThrottled",
     "TooManyRequests", "RequestTimeout", "ServiceUnavailable"};
+
+// Replaces the five entities XML predefines; a store escapes at least '&' and '<' in a message.
+std::string xml_text(const std::string& escaped) {
+    static constexpr std::array<std::pair<std::string_view, char>, 5> ENTITIES = {
+        {{"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}, {"&amp;", '&'}}};
+    std::string text;
+    for (std::size_t i = 0; i < escaped.size();) {
+        const auto entity = std::find_if(ENTITIES.begin(), ENTITIES.end(), [&](const auto& e) {
+            return escaped.compare(i, e.first.size(), e.first) == 0;
+        });
+        if (entity == ENTITIES.end()) {
+            text += escaped[i++];
+        } else {
+            text += entity->second;
+            i += entity->first.size();
+        }
+    }
+    return text;
+}
 
 // The text of the first <name>...</name> element; empty when there is none.
 std::string element(const std::string& xml, const std::string& name) {
@@ -22,7 +43,7 @@ std::string element(const std::string& xml, const std::string& name) {
     if (end == std::string::npos) {
         return {};
     }
-    return xml.substr(start + open.size(), end - start - open.size());
+    return xml_text(xml.substr(start + open.size(), end - start - open.size()));
 }
 
 bool retryable_answer(int http_status, const std::string& code) {

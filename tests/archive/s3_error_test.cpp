@@ -53,6 +53,17 @@ TEST(S3Error, ServerErrorsAndThrottlingAreRetryable) {
     }
 }
 
+TEST(S3Error, UnescapesTheDocumentsText) {
+    const S3Error error = error_from_response(
+        "PUT s3://b/k", 400,
+        error_document("XAmzContentSHA256Mismatch",
+                       "The provided &apos;x-amz-content-sha256&apos; header &lt;&amp;&gt; &quot;"
+                       "&amp;lt;&quot;"));
+    EXPECT_STREQ(error.what(),
+                 "PUT s3://b/k: HTTP 400 XAmzContentSHA256Mismatch: The provided "
+                 "'x-amz-content-sha256' header <&> \"&lt;\"");
+}
+
 TEST(S3Error, AnAnswerWithoutADocumentHasOnlyItsStatus) {
     const S3Error gateway = error_from_response("HEAD s3://b/k", 502, "");
     EXPECT_TRUE(gateway.retryable());

@@ -1,10 +1,11 @@
 'use strict';
-// The S3-compatible store of the archive tests: s3rver, with two things it lacks added in front.
+// The S3-compatible store of the archive tests: s3rver, with what it lacks added in front.
 //
 // s3rver 3.7.1 checks only the access key of a Signature Version 4 request, not the signature,
 // so a client that signs with a wrong secret would pass. `checkSignature` recomputes the
 // signature as S3 does (canonical request, string to sign, HMAC chain) with the secret of the
-// access key and answers SignatureDoesNotMatch when they differ.
+// access key and answers SignatureDoesNotMatch when they differ. `checkBody` compares a stored
+// body with its Content-MD5 and x-amz-content-sha256, which s3rver ignores.
 // It also writes one line per request to the request log, "METHOD /bucket/key STATUS" (the key
 // as the client escaped it; " virtual-hosted" added when the bucket came in the host name), so
 // that a test can count uploads.
@@ -128,16 +129,51 @@ function requestLog(file) {
   };
 }
 
-// s3rver stores a body without looking at its Content-MD5; S3 refuses one that does not match
-// (BadDigest) and keeps no object.
-async function checkContentMd5(ctx, next) {
+function bodyError(code, message) {
+  const error = new S3Error(code, message);
+  error.status = 400; // s3rver knows no status for XAmzContentSHA256Mismatch
+  error.expose = true;
+  return error;
+}
+
+// s3rver answers a PUT before its write stream has flushed the object to disk, and keeps a body
+// without comparing it with Content-MD5 or x-amz-content-sha256. S3 answers once the object is
+// stored, and refuses (and does not keep) a body whose digest does not match.
+async function checkBody(ctx, next) {
   await next();
-  const expected = ctx.get('Content-MD5');
-  if (ctx.method !== 'PUT' || !expected || !ctx.params || !ctx.params.key) return;
-  const stored = JSON.parse(ctx.response.get('ETag') || '""');
-  if (Buffer.from(expected, 'base64').toString('hex') !== stored) {
+  const simplePut =
+    ctx.method === 'PUT' &&
+    ctx.status === 200 &&
+    ctx.params &&
+    ctx.params.key &&
+    Object.keys(ctx.query).length === 0 &&
+    !ctx.get('x-amz-copy-source');
+  if (!simplePut) return;
+  const file = ctx.store.getResourcePath(ctx.params.bucket, ctx.params.key, 'object');
+  const length = Number(ctx.get('Content-Length'));
+  const deadline = Date.now() + 10000;
+  while ((await fs.promises.stat(file)).size < length && Date.now() < deadline) {
+    await new Promise(resolve => setTimeout(resolve, 1));
+  }
+  const body = await fs.promises.readFile(file);
+  const md5 = crypto.createHash('md5').update(body).digest('base64');
+  const sha256 = crypto.createHash('sha256').update(body).digest('hex');
+  const payloadHash = ctx.get('x-amz-content-sha256').toLowerCase();
+  let error;
+  if (ctx.get('Content-MD5') && ctx.get('Content-MD5') !== md5) {
+    error = bodyError(
+      'BadDigest',
+      'The Content-MD5 you specified did not match what we received.',
+    );
+  } else if (/^[0-9a-f]{64}$/.test(payloadHash) && payloadHash !== sha256) {
+    error = bodyError(
+      'XAmzContentSHA256Mismatch',
+      "The provided 'x-amz-content-sha256' header does not match what was computed.",
+    );
+  }
+  if (error) {
     await ctx.store.deleteObject(ctx.params.bucket, ctx.params.key);
-    throw new S3Error('BadDigest', 'The Content-MD5 you specified did not match what we received.');
+    throw error;
   }
 }
 
@@ -153,7 +189,7 @@ async function main() {
   });
   // Ahead of s3rver's own middleware, so that every answer, errors included, is logged; the
   // path is logged after s3rver has moved a virtual-hosted bucket into it.
-  server.middleware.unshift(requestLog(logFile), checkSignature, checkContentMd5);
+  server.middleware.unshift(requestLog(logFile), checkSignature, checkBody);
   const address = await server.run();
   process.stderr.write(`listening on 127.0.0.1:${address.port}\n`);
 }

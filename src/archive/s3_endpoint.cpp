@@ -31,11 +31,19 @@ std::string parse_endpoint(std::string endpoint, std::string& host) {
         throw S3EndpointError("endpoint " + endpoint +
                               " must be SCHEME://HOST[:PORT], without a path or user");
     }
-    const auto bracket = authority.find(']');
-    const auto colon = authority.find(':', bracket == std::string::npos ? 0 : bracket);
-    host = authority.substr(0, colon);
+    // A bracketed IPv6 address holds colons of its own.
+    const auto host_end = authority.front() == '['
+                              ? std::min(authority.find(']'), authority.size() - 1) + 1
+                              : std::min(authority.find(':'), authority.size());
+    host = authority.substr(0, host_end);
     if (host.empty()) {
         throw S3EndpointError("endpoint " + endpoint + " has no host");
+    }
+    const std::string port = authority.substr(host_end);
+    if (!port.empty() &&
+        (port.size() == 1 || port.front() != ':' ||
+         !std::all_of(port.begin() + 1, port.end(), [](char c) { return c >= '0' && c <= '9'; }))) {
+        throw S3EndpointError("endpoint " + endpoint + " has a port that is not a number");
     }
     return endpoint;
 }

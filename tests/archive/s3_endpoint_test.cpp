@@ -79,6 +79,12 @@ TEST(S3Endpoint, RefusesWhatIsNotAnHttpEndpoint) {
               "endpoint http://user@host must be SCHEME://HOST[:PORT], without a path or user");
     EXPECT_EQ(error_of("http://:9000", "b", S3Addressing::path_style),
               "endpoint http://:9000 has no host");
+    EXPECT_EQ(error_of("http://host:s3", "b", S3Addressing::path_style),
+              "endpoint http://host:s3 has a port that is not a number");
+    EXPECT_EQ(error_of("http://host:", "b", S3Addressing::path_style),
+              "endpoint http://host: has a port that is not a number");
+    EXPECT_EQ(error_of("http://[::1]x", "b", S3Addressing::path_style),
+              "endpoint http://[::1]x has a port that is not a number");
     EXPECT_EQ(error_of("http://host", "", S3Addressing::path_style), "the bucket name is empty");
 }
 

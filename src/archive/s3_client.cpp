@@ -196,8 +196,14 @@ long S3Client::perform(const std::string& request, Transfer& transfer) {
 }
 
 FileDigest S3Client::put_object(const std::string& key, const std::filesystem::path& file) {
-    const std::string request = "PUT " + m_endpoint.object_name(key);
     const FileDigest digest = digest_file(file);
+    put_object(key, file, digest);
+    return digest;
+}
+
+void S3Client::put_object(const std::string& key, const std::filesystem::path& file,
+                          const FileDigest& digest) {
+    const std::string request = "PUT " + m_endpoint.object_name(key);
     const ReadOnlyFile body(file);
     if (body.fd() < 0) {
         throw std::runtime_error(request + ": cannot read " + file.string() + ": " +
@@ -220,7 +226,6 @@ FileDigest S3Client::put_object(const std::string& key, const std::filesystem::p
     if (status != 200) {
         throw error_from_response(request, static_cast<int>(status), transfer.error_body);
     }
-    return digest;
 }
 
 std::optional<S3ObjectInfo> S3Client::head_object(const std::string& key) {

@@ -59,6 +59,10 @@ public:
     // `verify_object`.
     // REQUIRES: the file does not change during the call (the store then refuses the body).
     FileDigest put_object(const std::string& key, const std::filesystem::path& file);
+    // The same with the file's digest computed by the caller (`digest_file`); the upload sends
+    // `digest.size` bytes and the store refuses them unless they match both digests.
+    void put_object(const std::string& key, const std::filesystem::path& file,
+                    const FileDigest& digest);
 
     // The object's size and ETag; nothing when the store answers 404 (no such object).
     // A HEAD answer has no body, so an S3Error from it has no code, only the HTTP status.

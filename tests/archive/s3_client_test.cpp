@@ -5,6 +5,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "child_process.hpp"
 #include "s3_server.hpp"
@@ -121,6 +122,29 @@ TEST_F(S3ClientTest, AWrongSecretIsRefusedOnceWithTheStoresCodeAndTheBucket) {
     EXPECT_EQ(m_server.requests(),
               (std::vector<std::string>{std::string("PUT /qm-archive/") + KEY + " 403"}));
     EXPECT_FALSE(std::filesystem::exists(m_server.object_file(KEY)));
+}
+
+// What the store would see of a file that changed after its digest was taken.
+TEST_F(S3ClientTest, TheStoreRefusesABodyThatDoesNotMatchItsDigests) {
+    S3Client s3 = client();
+    const FileDigest digest = digest_file(m_file);
+    const FileDigest other =
+        digest_file(m_directory.write_file("other", random_bytes(FILE_SIZE, 12)));
+    for (const auto& [md5, sha256, code] :
+         {std::tuple{other.md5_base64, digest.sha256_hex, "BadDigest"},
+          std::tuple{digest.md5_base64, other.sha256_hex, "XAmzContentSHA256Mismatch"}}) {
+        FileDigest wrong = digest;
+        wrong.md5_base64 = md5;
+        wrong.sha256_hex = sha256;
+        try {
+            s3.put_object(KEY, m_file, wrong);
+            FAIL() << "no error";
+        } catch (const S3Error& error) {
+            EXPECT_FALSE(error.retryable());
+            EXPECT_EQ(error.code(), code);
+        }
+        EXPECT_EQ(s3.head_object(KEY), std::nullopt);
+    }
 }
 
 TEST_F(S3ClientTest, AMissingObjectIsNoHeadAndANotRetryableGet) {

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 
@@ -81,6 +82,23 @@ TEST_F(S3ClientTest, GetsAByteRange) {
     EXPECT_EQ(download(s3, KEY, ByteRange{1000, 1999}), m_bytes.substr(1000, 1000));
     EXPECT_EQ(download(s3, KEY, ByteRange{FILE_SIZE - 7, std::nullopt}),
               m_bytes.substr(FILE_SIZE - 7));
+}
+
+TEST_F(S3ClientTest, AReaderThatThrowsEndsTheDownloadWithItsOwnException) {
+    S3Client s3 = client();
+    s3.put_object(KEY, m_file);
+    std::size_t chunks = 0;
+    try {
+        s3.get_object(KEY, std::nullopt, [&](std::string_view) {
+            ++chunks;
+            throw std::logic_error("enough");
+        });
+        FAIL() << "no error";
+    } catch (const std::logic_error& error) {
+        EXPECT_STREQ(error.what(), "enough");
+    }
+    EXPECT_EQ(chunks, 1u);
+    EXPECT_EQ(download(s3, KEY), m_bytes);
 }
 
 TEST_F(S3ClientTest, SignsAKeyWhoseCharactersNeedEscaping) {

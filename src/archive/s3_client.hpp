@@ -26,6 +26,8 @@
 // Threads: one client per thread (it owns one curl handle, whose connection it reuses). The
 // first client of the process initialises libcurl; create it before starting other threads that
 // use libcurl.
+// REQUIRES: SIGPIPE is ignored or blocked in the calling thread. curl is told to leave signals
+// alone (CURLOPT_NOSIGNAL), and a TLS connection the store closes raises SIGPIPE on a write.
 
 typedef void CURL;
 struct curl_slist;

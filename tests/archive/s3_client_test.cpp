@@ -165,6 +165,27 @@ TEST_F(S3ClientTest, TheStoreRefusesABodyThatDoesNotMatchItsDigests) {
     }
 }
 
+TEST_F(S3ClientTest, SendsTheSessionTokenOfATemporaryKey) {
+    const S3Endpoint endpoint(m_server.endpoint(), BUCKET, "us-east-1", S3Addressing::path_style);
+    S3Client s3(endpoint, S3Credentials{test::S3Server::temporary_access_key_id(),
+                                        test::S3Server::temporary_secret_access_key(),
+                                        test::S3Server::session_token()});
+    const FileDigest digest = s3.put_object(KEY, m_file);
+    EXPECT_NO_THROW(s3.verify_object(KEY, digest));
+    EXPECT_EQ(download(s3, KEY), m_bytes);
+
+    S3Client without_token(endpoint,
+                           S3Credentials{test::S3Server::temporary_access_key_id(),
+                                         test::S3Server::temporary_secret_access_key(), ""});
+    try {
+        without_token.put_object(KEY, m_file);
+        FAIL() << "no error";
+    } catch (const S3Error& error) {
+        EXPECT_FALSE(error.retryable());
+        EXPECT_EQ(error.code(), "InvalidToken");
+    }
+}
+
 TEST_F(S3ClientTest, AMissingObjectIsNoHeadAndANotRetryableGet) {
     S3Client s3 = client();
     EXPECT_EQ(s3.head_object(KEY), std::nullopt);

@@ -16,10 +16,15 @@
 const crypto = require('crypto');
 const fs = require('fs');
 const S3rver = require('s3rver');
+const AWSAccount = require('s3rver/lib/models/account');
 const S3Error = require('s3rver/lib/models/error');
 
-// s3rver's built-in account.
-const SECRETS = new Map([['S3RVER', 'S3RVER']]);
+// s3rver's built-in key, and a temporary one that is valid only with its session token.
+const KEYS = new Map([
+  ['S3RVER', { secret: 'S3RVER' }],
+  ['S3RVERTEMP', { secret: 'S3RVERTEMP', token: 'S3RVERTOKEN' }],
+]);
+AWSAccount.DUMMY_ACCOUNT.createKeyPair('S3RVERTEMP', 'S3RVERTEMP');
 
 function hmac(key, text) {
   return crypto.createHmac('sha256', key).update(text, 'utf8').digest();
@@ -79,9 +84,16 @@ async function checkSignature(ctx, next) {
     return next();
   }
   const [, accessKeyId, day, region, service, signedHeaders, signature] = match;
-  const secret = SECRETS.get(accessKeyId);
-  if (secret === undefined) {
+  const key = KEYS.get(accessKeyId);
+  if (key === undefined) {
     return next(); // s3rver answers InvalidAccessKeyId
+  }
+  if (
+    key.token !== undefined &&
+    (ctx.get('x-amz-security-token') !== key.token ||
+      !signedHeaders.split(';').includes('x-amz-security-token'))
+  ) {
+    throw new S3Error('InvalidToken', 'The provided token is malformed or otherwise invalid.');
   }
   const [rawPath, rawQuery] = ctx.originalUrl.split('?');
   const headers = signedHeaders
@@ -103,11 +115,11 @@ async function checkSignature(ctx, next) {
     scope,
     sha256Hex(canonicalRequest),
   ].join('\n');
-  let key = hmac('AWS4' + secret, day);
+  let signingKey = hmac('AWS4' + key.secret, day);
   for (const part of [region, service, 'aws4_request']) {
-    key = hmac(key, part);
+    signingKey = hmac(signingKey, part);
   }
-  if (hmac(key, stringToSign).toString('hex') !== signature) {
+  if (hmac(signingKey, stringToSign).toString('hex') !== signature) {
     throw signatureError(accessKeyId, stringToSign);
   }
   return next();

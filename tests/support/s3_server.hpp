@@ -16,9 +16,10 @@ namespace qm::test {
 //
 // It listens on 127.0.0.1 on a port it chose itself, keeps its objects under
 // `<directory>/s3/data` and has one bucket, `bucket()`. The access key and secret it accepts are
-// s3rver's own: "S3RVER" and "S3RVER". Virtual-hosted requests reach it through
-// `virtual_hosted_endpoint()` (BUCKET.s3.localhost, which libcurl resolves to the loopback
-// address itself).
+// s3rver's own: "S3RVER" and "S3RVER"; a temporary key, "S3RVERTEMP" with the same secret,
+// needs the session token "S3RVERTOKEN" too (anything else is refused with InvalidToken).
+// Virtual-hosted requests reach it through `virtual_hosted_endpoint()` (BUCKET.s3.localhost, which
+// libcurl resolves to the loopback address itself).
 //
 // Its request log has one line per request, "METHOD /BUCKET/ESCAPED-KEY STATUS", e.g.
 // "PUT /qm-archive/day/a%20b 200", in the order the answers were sent; " virtual-hosted" follows
@@ -52,6 +53,9 @@ public:
     std::string virtual_hosted_endpoint() const;
     static std::string access_key_id() { return "S3RVER"; }
     static std::string secret_access_key() { return "S3RVER"; }
+    static std::string temporary_access_key_id() { return "S3RVERTEMP"; }
+    static std::string temporary_secret_access_key() { return "S3RVERTEMP"; }
+    static std::string session_token() { return "S3RVERTOKEN"; }
 
     // The request log's lines so far.
     std::vector<std::string> requests() const;

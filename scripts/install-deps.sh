@@ -14,6 +14,7 @@ packages=(
     dpkg-dev file systemd groff-base ccache procps nftables
     libsqlite3-dev libpq-dev postgresql
     libsodium-dev libcpp-httplib-dev
+    libcurl4-openssl-dev libssl-dev
 )
 
 missing=()
@@ -28,4 +29,17 @@ if [ ${#missing[@]} -gt 0 ]; then
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The archive tests' S3 store comes from the npm registry, pinned in tests/s3/package-lock.json;
+# Debian's npm only when the machine has no npm of its own.
+if ! command -v npm >/dev/null 2>&1; then
+    echo "installing: nodejs npm"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends nodejs npm
+fi
+s3_directory="$(dirname "$0")/../tests/s3"
+if [ ! -d "$s3_directory/node_modules/s3rver" ]; then
+    (cd "$s3_directory" && npm ci --no-audit --no-fund)
 fi

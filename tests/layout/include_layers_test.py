@@ -9,7 +9,7 @@ import pathlib
 import re
 import sys
 
-LAYERS = ["log", "utils", "core", "net", "conf", "media", "io", "recording", "catalog", "writer", "storage",
+LAYERS = ["log", "utils", "core", "net", "conf", "media", "io", "recording", "catalog", "archive", "writer", "storage",
           "app", "stats", "recorder", "web", "tools"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([a-z_]+)/', re.MULTILINE)
 

@@ -14,7 +14,12 @@ packages=(
     dpkg-dev file systemd groff-base ccache procps nftables
     libsqlite3-dev libpq-dev postgresql
     libsodium-dev libcpp-httplib-dev
+    chromium chromium-driver python3-selenium
 )
+# npm fetches the page's waveform library; a machine with Node.js and npm of its own keeps them.
+if ! command -v npm >/dev/null; then
+    packages+=(nodejs npm)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
@@ -28,4 +33,13 @@ if [ ${#missing[@]} -gt 0 ]; then
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The page of `quillmar serve` embeds wavesurfer.js at the version pinned in
+# src/web/page/package-lock.json; npm ci installs exactly that into src/web/page/node_modules.
+page=$(cd "$(dirname "$0")/../src/web/page" && pwd)
+if [ ! -f "$page/node_modules/wavesurfer.js/dist/wavesurfer.min.js" ] ||
+    [ ! -f "$page/node_modules/wavesurfer.js/dist/plugins/regions.min.js" ]; then
+    echo "installing the page's pinned wavesurfer.js (npm ci in $page)"
+    (cd "$page" && npm ci --no-audit --no-fund)
 fi

@@ -57,6 +57,8 @@ function sideText(side) {
 // ---- the search page ----
 
 let offset = 0;
+// Searches may overlap (the first one on load, then the user's): only the latest is shown.
+let searchNumber = 0;
 
 function searchQuery() {
   const params = new URLSearchParams();
@@ -107,9 +109,12 @@ async function search() {
   params.set('limit', PAGE_SIZE + 1);
   params.set('offset', offset);
   $('search-error').hidden = true;
+  const number = ++searchNumber;
   try {
-    showLegs(await api('/api/legs?' + params.toString()));
+    const legs = await api('/api/legs?' + params.toString());
+    if (number === searchNumber) showLegs(legs);
   } catch (error) {
+    if (number !== searchNumber) return;
     $('search-error').textContent = error.message;
     $('search-error').hidden = false;
   }

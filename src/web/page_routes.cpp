@@ -17,6 +17,9 @@ constexpr std::string_view ASSETS = "/assets/";
 constexpr std::string_view LEGS = "/legs/";
 constexpr const char* SIGN_IN = "/signin";
 constexpr const char* SIGN_OUT = "/signout";
+// The sign-in forms are the only requests with a body, and a few hundred bytes: anything much
+// longer is refused (413) before it is read, as anyone may post them.
+constexpr std::size_t MAX_FORM_BYTES = 16 * 1024;
 constexpr const char* WRONG = "Wrong name or password.";
 constexpr const char* WAIT = "Too many failed sign-ins from this address: try again in a minute.";
 
@@ -175,6 +178,7 @@ void PageRoutes::sign_out(const httplib::Request& request, httplib::Response& re
 }
 
 void PageRoutes::add(httplib::Server& server) {
+    server.set_payload_max_length(MAX_FORM_BYTES);
     const auto page = [this](const httplib::Request& request, httplib::Response& response) {
         show_page(response, session_user(request));
     };

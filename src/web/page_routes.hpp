@@ -35,7 +35,7 @@ public:
     // REQUIRES: `users` and `limiter` outlive this object.
     PageRoutes(const std::optional<UsersFile>& users, SignInLimiter& limiter, bool secure_cookies);
 
-    // Registers the routes above.
+    // Registers the routes above, and limits request bodies to what a sign-in form needs.
     void add(httplib::Server& server);
 
     // The user of the request's session cookie; none without one or with one no longer valid.

@@ -406,6 +406,12 @@ TEST_F(ServeE2eTest, ABrowserSignsInByFormAndItsCookieOpensPagesAndTheApi) {
     EXPECT_EQ(script->get_header_value("Content-Type"), "text/javascript; charset=utf-8");
     EXPECT_EQ(status_of("/assets/index.html"), 404);
 
+    // Anyone may post to the form, but not at any length, of any type.
+    const httplib::Result long_form =
+        browser.Post("/signin", std::string(20000, 'x'), "text/plain");
+    ASSERT_TRUE(long_form);
+    EXPECT_EQ(long_form->status, 413);
+
     // A wrong password: the form again, no cookie.
     const httplib::Result wrong = sign_in(browser, "anna", "wrong");
     ASSERT_TRUE(wrong);

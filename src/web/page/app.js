@@ -293,6 +293,7 @@ async function startLegPage(uuid) {
   }
   showSummary(shown.leg, shown.inspect);
   $('inspect').textContent = JSON.stringify(shown.inspect, null, 2);
+  $('inspect-section').hidden = false;
   $('audio-section').hidden = false;
   try {
     await showAudio(uuid);

@@ -131,7 +131,8 @@ def start_serve(run):
     check(made.returncode == 0, "quillmar passwd: " + made.stderr.decode())
     run.start([run.tool, "serve", "--listen", "127.0.0.1:0", "--catalog", "sqlite:catalog.sqlite",
                "--storage", str(run.storage), "--users", str(users), "--metrics",
-               str(run.work / "metrics.prom")], "serve")
+               str(run.work / "metrics.prom"), "--access-log", str(run.work / "access.log")],
+              "serve")
     line = poll(lambda: run.output("serve", "out").partition("\n")[1] and
                 run.output("serve", "out"), "serve to listen")
     prefix = "listening on http://127.0.0.1:"
@@ -270,6 +271,13 @@ def check_waveform(driver, base, leg, report):
               "a gap's hover text: " + region["title"])
 
 
+def accesses(run):
+    """The access log's lines without their time: "user=... address=... uuid=... what=..."."""
+    log = run.work / "access.log"
+    text = log.read_text() if log.exists() else ""
+    return [line.partition(" ")[2] for line in text.splitlines()]
+
+
 def player_time(driver):
     return float(driver.find_element(By.ID, "time").text.split()[0])
 
@@ -333,11 +341,18 @@ def main():
             check_waveform(driver, base, leg, report)
             check(json.loads(driver.find_element(By.ID, "inspect").text) == report,
                   "the page shows inspect's report")
+            who = f"user={USER} address=127.0.0.1 uuid={leg['uuid']} what="
+            check(accesses(run) == [who + "view"], "opening the page is a view, not a playback: " +
+                  repr(accesses(run)))
             driver.save_screenshot(str(screenshots / "leg.png"))
             phase("playing")
             check_playback(driver)
+            check(accesses(run) == [who + "view", who + "play"],
+                  "playing is one playback: " + repr(accesses(run)))
             phase("downloading")
             check_download(driver, run, leg, media, downloads)
+            check(accesses(run) == [who + "view", who + "play", who + "download"],
+                  "the download is one line: " + repr(accesses(run)))
             phase("signing out")
 
             driver.find_element(By.ID, "signout").click()

@@ -75,6 +75,24 @@ std::string page_to_return_to(const std::string& wanted) {
     return PageRoutes::is_page(wanted) ? wanted : "/";
 }
 
+// Whether a form was posted by a page of this server. A browser names the page's origin in every
+// POST; another site's page posting to ours (to sign a victim in as the attacker) is refused. A
+// client that names no origin is not a browser following another site's page.
+bool same_origin(const httplib::Request& request) {
+    if (!request.has_header("Origin")) {
+        return true;
+    }
+    const std::string origin = request.get_header_value("Origin");
+    const std::size_t scheme = origin.find("://");
+    return scheme != std::string::npos &&
+           origin.compare(scheme + 3, std::string::npos, request.get_header_value("Host")) == 0;
+}
+
+void refuse_other_site(httplib::Response& response) {
+    response.status = 403;
+    response.set_content("forms are taken only from this server's own pages", "text/plain");
+}
+
 std::string form_value(const httplib::Params& form, const char* name) {
     const auto found = form.find(name);
     return found == form.end() ? std::string() : found->second;
@@ -202,6 +220,10 @@ void PageRoutes::add(httplib::Server& server) {
         show_sign_in(response, 200, "", page_to_return_to(request.get_param_value("next")));
     });
     server.Post(SIGN_IN, [this](const httplib::Request& request, httplib::Response& response) {
+        if (!same_origin(request)) {
+            refuse_other_site(response);
+            return;
+        }
         if (!m_users) {
             response.set_redirect("/", 303);
             return;
@@ -209,6 +231,10 @@ void PageRoutes::add(httplib::Server& server) {
         sign_in(request, response);
     });
     server.Post(SIGN_OUT, [this](const httplib::Request& request, httplib::Response& response) {
+        if (!same_origin(request)) {
+            refuse_other_site(response);
+            return;
+        }
         sign_out(request, response);
     });
 }

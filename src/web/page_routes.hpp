@@ -18,6 +18,7 @@
 //   GET  /signin           the form; POST /signin checks it against the users file and the
 //                          sign-in limiter as Basic does, and on success sets the session cookie
 //   POST /signout          ends the session and expires the cookie
+// A form posted from another site's page (its Origin is not this server) is refused with 403.
 // Pages and assets carry a Content-Security-Policy that lets them load only from this server.
 //
 // Who may look is decided by the server's pre-routing check (ApiServer), which asks this class

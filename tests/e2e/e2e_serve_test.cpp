@@ -412,6 +412,14 @@ TEST_F(ServeE2eTest, ABrowserSignsInByFormAndItsCookieOpensPagesAndTheApi) {
     ASSERT_TRUE(long_form);
     EXPECT_EQ(long_form->status, 413);
 
+    // Another site's page cannot post the form, not even with the right password.
+    const httplib::Result elsewhere =
+        browser.Post("/signin", {{"Origin", "http://elsewhere.example"}},
+                     "name=anna&password=correct+horse", "application/x-www-form-urlencoded");
+    ASSERT_TRUE(elsewhere);
+    EXPECT_EQ(elsewhere->status, 403);
+    EXPECT_FALSE(elsewhere->has_header("Set-Cookie"));
+
     // A wrong password: the form again, no cookie.
     const httplib::Result wrong = sign_in(browser, "anna", "wrong");
     ASSERT_TRUE(wrong);

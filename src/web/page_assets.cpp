@@ -10,7 +10,6 @@ std::string_view content_type_of(std::string_view name) {
         {".html", "text/html; charset=utf-8"},
         {".js", "text/javascript; charset=utf-8"},
         {".css", "text/css; charset=utf-8"},
-        {".png", "image/png"},
     };
     for (const auto& [extension, type] : TYPES) {
         if (name.size() > extension.size() && name.ends_with(extension)) {

@@ -23,7 +23,7 @@ extern const std::size_t EMBEDDED_PAGE_FILE_COUNT;
 struct PageAsset {
     std::string_view bytes;
     // From the name's extension: "text/html; charset=utf-8", "text/javascript; charset=utf-8",
-    // "text/css; charset=utf-8", "image/png", or "application/octet-stream".
+    // "text/css; charset=utf-8", or "application/octet-stream".
     std::string_view content_type;
 };
 

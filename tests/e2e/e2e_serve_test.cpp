@@ -404,6 +404,13 @@ TEST_F(ServeE2eTest, ABrowserSignsInByFormAndItsCookieOpensPagesAndTheApi) {
     ASSERT_TRUE(script);
     EXPECT_EQ(script->status, 200);
     EXPECT_EQ(script->get_header_value("Content-Type"), "text/javascript; charset=utf-8");
+    const fs::path page_sources = fs::path(QM_SOURCE_DIR) / "src/web/page";
+    EXPECT_TRUE(script->body == read_file(page_sources / "app.js"));
+    const httplib::Result library = browser.Get("/assets/wavesurfer.min.js");
+    ASSERT_TRUE(library);
+    EXPECT_EQ(library->status, 200);
+    EXPECT_TRUE(library->body ==
+                read_file(page_sources / "node_modules/wavesurfer.js/dist/wavesurfer.min.js"));
     EXPECT_EQ(status_of("/assets/index.html"), 404);
 
     // Anyone may post to the form, but not at any length, of any type.

@@ -15,7 +15,13 @@ packages=(
     libsqlite3-dev libpq-dev postgresql
     libsodium-dev libcpp-httplib-dev
     libcurl4-openssl-dev libssl-dev
+    chromium chromium-driver python3-selenium
 )
+# npm fetches the page's waveform library and the archive tests' S3 store; a machine with Node.js
+# and npm of its own keeps them.
+if ! command -v npm >/dev/null; then
+    packages+=(nodejs npm)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
@@ -31,14 +37,15 @@ if [ ${#missing[@]} -gt 0 ]; then
     apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# The archive tests' S3 store comes from the npm registry, pinned in tests/s3/package-lock.json;
-# Debian's npm only when the machine has no npm of its own.
-if ! command -v npm >/dev/null 2>&1; then
-    echo "installing: nodejs npm"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends nodejs npm
+# The page of `quillmar serve` embeds wavesurfer.js at the version pinned in
+# src/web/page/package-lock.json; npm ci installs exactly that into src/web/page/node_modules.
+page=$(cd "$(dirname "$0")/../src/web/page" && pwd)
+if [ ! -f "$page/node_modules/wavesurfer.js/dist/wavesurfer.min.js" ] ||
+    [ ! -f "$page/node_modules/wavesurfer.js/dist/plugins/regions.min.js" ]; then
+    echo "installing the page's pinned wavesurfer.js (npm ci in $page)"
+    (cd "$page" && npm ci --no-audit --no-fund)
 fi
+# The archive tests' S3 store, s3rver, at the version pinned in tests/s3/package-lock.json.
 s3_directory="$(dirname "$0")/../tests/s3"
 if [ ! -d "$s3_directory/node_modules/s3rver" ]; then
     (cd "$s3_directory" && npm ci --no-audit --no-fund)

@@ -22,6 +22,7 @@
 #include "web/byte_range.hpp"
 #include "web/leg_request.hpp"
 #include "web/metrics_json.hpp"
+#include "web/page_routes.hpp"
 #include "web/sign_in_limiter.hpp"
 #include "web/worker_pool.hpp"
 
@@ -144,9 +145,12 @@ struct ApiServer::State {
     int port = 0;
     SignInLimiter limiter;
     std::unique_ptr<AccessLog> access_log;
+    std::unique_ptr<PageRoutes> pages;
 
     // Whether the request comes from a user who may look, or false with the answer sent.
     bool signed_in(const httplib::Request& request, httplib::Response& response);
+    // The user a request is answered as: its session's, or its Basic credentials' name.
+    std::string user_of(const httplib::Request& request);
     // Writes the access to the leg `uuid` to the access log, when there is one.
     void record(const httplib::Request& request, const std::string& uuid, Access what);
 
@@ -168,6 +172,13 @@ struct ApiServer::State {
 };
 
 bool ApiServer::State::signed_in(const httplib::Request& request, httplib::Response& response) {
+    if (pages->session_user(request)) {
+        return true;
+    }
+    if (PageRoutes::is_page(request.path)) {
+        PageRoutes::send_to_sign_in(request, response);
+        return false;
+    }
     const SignInLimiter::Clock::time_point now = SignInLimiter::Clock::now();
     if (!limiter.allowed(request.remote_addr, now)) {
         send_error(response, 429,
@@ -184,20 +195,27 @@ bool ApiServer::State::signed_in(const httplib::Request& request, httplib::Respo
     if (credentials) {
         limiter.failed(request.remote_addr, now);
     }
-    response.set_header("WWW-Authenticate", "Basic realm=\"quillmar\", charset=\"UTF-8\"");
+    if (!PageRoutes::from_page(request)) {
+        response.set_header("WWW-Authenticate", "Basic realm=\"quillmar\", charset=\"UTF-8\"");
+    }
     send_error(response, 401, "sign in as a user of the users file");
     return false;
 }
 
 void ApiServer::State::record(const httplib::Request& request, const std::string& uuid,
                               Access what) {
-    if (!access_log) {
-        return;
+    if (access_log) {
+        static_cast<void>(access_log->record(user_of(request), request.remote_addr, uuid, what));
+    }
+}
+
+std::string ApiServer::State::user_of(const httplib::Request& request) {
+    if (std::optional<std::string> user = pages->session_user(request)) {
+        return *user;
     }
     const std::optional<Credentials> credentials =
         basic_credentials(request.get_header_value("Authorization"));
-    static_cast<void>(
-        access_log->record(credentials ? credentials->name : "-", request.remote_addr, uuid, what));
+    return credentials ? credentials->name : "-";
 }
 
 bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Response& response,
@@ -363,10 +381,12 @@ void ApiServer::State::add_routes() {
     };
     server.set_pre_routing_handler(
         [this](const httplib::Request& request, httplib::Response& response) {
-            if (settings.users && !signed_in(request, response)) {
+            if (settings.users && !PageRoutes::open_to_all(request.path) &&
+                !signed_in(request, response)) {
                 return httplib::Server::HandlerResponse::Handled;
             }
-            if (request.method != "GET" && request.method != "HEAD") {
+            if (request.method != "GET" && request.method != "HEAD" &&
+                !(request.method == "POST" && PageRoutes::takes_post(request.path))) {
                 send_error(response, 405, request.method + " is not answered here: read only");
                 return httplib::Server::HandlerResponse::Handled;
             }
@@ -379,6 +399,7 @@ void ApiServer::State::add_routes() {
     server.Get("/api/status", [this](const httplib::Request&, httplib::Response& response) {
         send_status(response);
     });
+    pages->add(server);
     server.set_error_handler([](const httplib::Request& request, httplib::Response& response) {
         if (response.body.empty()) {
             send_error(response, response.status, "nothing at " + request.path);
@@ -406,6 +427,8 @@ ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<Sta
             throw std::runtime_error(why);
         }
     }
+    state.pages =
+        std::make_unique<PageRoutes>(state.settings.users, state.limiter, settings.secure_cookies);
     state.server.new_task_queue = [] { return new WorkerPool(WORKERS); };
     state.add_routes();
 }

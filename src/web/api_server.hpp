@@ -18,10 +18,16 @@
 // parameter or uuid, 404 for what does not exist, 410 for a leg whose recording has gone. Only
 // GET and HEAD.
 //
-// With users, every request needs HTTP Basic credentials of one of them: none or wrong ones are
-// 401 with a challenge; an address that failed five times within a minute waits a minute (429),
-// its credentials not even checked. With an access log, every view of a leg and every start of a
-// playback (a request from the audio's first byte) or download (`?download=1`) is a line there.
+// Beside the API, the browser's pages and the sign-in by form (PageRoutes); POST is answered only
+// on /signin and /signout.
+//
+// With users, every request needs a session of the sign-in form or HTTP Basic credentials of one of
+// them. A page without a session is a 303 to the form; an API call without either is 401, with a
+// Basic challenge unless it comes from the page (X-Requested-With or a session cookie, so that the
+// browser does not open its own dialog); an address that failed five times within a minute waits a
+// minute (429), its credentials not even checked. With an access log, every view of a leg and every
+// start of a playback (a request from the audio's first byte) or download (`?download=1`) is a line
+// there.
 //
 // Files are reached only through the catalogue: a leg's path is the row's, joined to the storage,
 // resolved, and refused unless it lies inside the resolved storage. Nothing is ever written.
@@ -44,6 +50,8 @@ struct ApiSettings {
     std::optional<UsersFile> users;
     // Where views, playbacks and downloads are written; none: nowhere.
     std::optional<std::filesystem::path> access_log;
+    // The server answers over TLS: the session cookie carries Secure.
+    bool secure_cookies = false;
 };
 
 class ApiServer {

@@ -1,6 +1,7 @@
 // `quillmar serve` against a real recorder's storage and SQLite catalogue: the legs of a call id,
 // a leg's audio byte for byte as `quillmar export` writes it, byte ranges, peaks whose gaps are
-// inspect's, a removed leg, traversal attempts, and the refusal to answer everyone off loopback.
+// inspect's, a removed leg, traversal attempts, the refusal to answer everyone off loopback, and
+// the browser's sign-in by form with its session cookie.
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -207,6 +209,16 @@ TEST_F(ServeE2eTest, AnswersLegsAudioRangesAndPeaksAsTheToolsDo) {
     EXPECT_EQ(json::parse(shown->body).at("inspect"), inspect);
     EXPECT_EQ(json::parse(shown->body).at("leg").at("uuid"), uuid_text(leg));
 
+    // Without users the page is there without signing in, and the sign-in form leads to it.
+    const httplib::Result page = client->Get("/");
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->status, 200);
+    EXPECT_EQ(page->body.find("/signout"), std::string::npos);
+    const httplib::Result form = client->Get("/signin");
+    ASSERT_TRUE(form);
+    EXPECT_EQ(form->status, 303);
+    EXPECT_EQ(form->get_header_value("Location"), "/");
+
     ASSERT_TRUE(serve_process->send_signal(SIGTERM));
     const std::optional<ExitStatus> ended = serve_process->wait_exit(TIMEOUT);
     ASSERT_TRUE(ended.has_value());
@@ -338,6 +350,163 @@ TEST_F(ServeE2eTest, EveryAnswerNeedsAUserAndFailuresMakeTheAddressWait) {
         (json{{"error", "too many failed sign-ins from this address: try again in a minute"}}));
     EXPECT_EQ(status_of("/api/legs"), 429);
     EXPECT_EQ(access_lines(log).size(), 3u);
+}
+
+}  // namespace
+}  // namespace qm::test
+
+namespace qm::test {
+namespace {
+
+constexpr const char* PAGE_POLICY =
+    "default-src 'self'; media-src 'self' blob:; img-src 'self' data:; "
+    "style-src 'self' 'unsafe-inline'; frame-ancestors 'none'; form-action 'self'; "
+    "base-uri 'none'";
+
+// A browser's POST of the sign-in form.
+httplib::Result sign_in(httplib::Client& browser, const std::string& name,
+                        const std::string& password) {
+    return browser.Post("/signin", "name=" + name + "&password=" + password + "&next=%2F",
+                        "application/x-www-form-urlencoded");
+}
+
+TEST_F(ServeE2eTest, ABrowserSignsInByFormAndItsCookieOpensPagesAndTheApi) {
+    web::UsersFile users;
+    users.set("anna", "correct horse");
+    std::string error;
+    const fs::path users_file = directory.path() / "users";
+    ASSERT_TRUE(users.save(users_file.string(), error)) << error;
+    const fs::path log = directory.path() / "access.log";
+    login = std::make_pair("anna", "correct horse");
+    ASSERT_NO_FATAL_FAILURE(
+        record_and_serve({"--users", users_file.string(), "--access-log", log.string()}));
+    const std::string uuid = uuid_text(sent.legs[0]);
+    httplib::Client browser("127.0.0.1", serve_port);
+
+    // Pages without a session lead to the form, and back.
+    const httplib::Result start = browser.Get("/");
+    ASSERT_TRUE(start);
+    EXPECT_EQ(start->status, 303);
+    EXPECT_EQ(start->get_header_value("Location"), "/signin");
+    const httplib::Result leg_page = browser.Get("/legs/" + uuid);
+    ASSERT_TRUE(leg_page);
+    EXPECT_EQ(leg_page->status, 303);
+    EXPECT_EQ(leg_page->get_header_value("Location"), "/signin?next=/legs/" + uuid);
+    const httplib::Result form = browser.Get("/signin?next=/legs/" + uuid);
+    ASSERT_TRUE(form);
+    EXPECT_EQ(form->status, 200);
+    EXPECT_EQ(form->get_header_value("Content-Security-Policy"), PAGE_POLICY);
+    EXPECT_EQ(form->get_header_value("X-Content-Type-Options"), "nosniff");
+    EXPECT_NE(form->body.find("<form method=\"post\" action=\"/signin\""), std::string::npos);
+    EXPECT_NE(form->body.find("value=\"/legs/" + uuid + "\""), std::string::npos);
+    // The page's files are the same for everyone; the page itself is not among them.
+    const httplib::Result script = browser.Get("/assets/app.js");
+    ASSERT_TRUE(script);
+    EXPECT_EQ(script->status, 200);
+    EXPECT_EQ(script->get_header_value("Content-Type"), "text/javascript; charset=utf-8");
+    const fs::path page_sources = fs::path(QM_SOURCE_DIR) / "src/web/page";
+    EXPECT_TRUE(script->body == read_file(page_sources / "app.js"));
+    const httplib::Result library = browser.Get("/assets/wavesurfer.min.js");
+    ASSERT_TRUE(library);
+    EXPECT_EQ(library->status, 200);
+    EXPECT_TRUE(library->body ==
+                read_file(page_sources / "node_modules/wavesurfer.js/dist/wavesurfer.min.js"));
+    EXPECT_EQ(status_of("/assets/index.html"), 404);
+
+    // Anyone may post to the form, but not at any length, of any type.
+    const httplib::Result long_form =
+        browser.Post("/signin", std::string(20000, 'x'), "text/plain");
+    ASSERT_TRUE(long_form);
+    EXPECT_EQ(long_form->status, 413);
+
+    // Another site's page cannot post the form, not even with the right password.
+    const httplib::Result elsewhere =
+        browser.Post("/signin", {{"Origin", "http://elsewhere.example"}},
+                     "name=anna&password=correct+horse", "application/x-www-form-urlencoded");
+    ASSERT_TRUE(elsewhere);
+    EXPECT_EQ(elsewhere->status, 403);
+    EXPECT_FALSE(elsewhere->has_header("Set-Cookie"));
+
+    // A wrong password: the form again, no cookie.
+    const httplib::Result wrong = sign_in(browser, "anna", "wrong");
+    ASSERT_TRUE(wrong);
+    EXPECT_EQ(wrong->status, 401);
+    EXPECT_FALSE(wrong->has_header("Set-Cookie"));
+    EXPECT_FALSE(wrong->has_header("WWW-Authenticate"));
+    EXPECT_NE(wrong->body.find("Wrong name or password."), std::string::npos);
+
+    const httplib::Result signed_in = sign_in(browser, "anna", "correct+horse");
+    ASSERT_TRUE(signed_in);
+    EXPECT_EQ(signed_in->status, 303);
+    EXPECT_EQ(signed_in->get_header_value("Location"), "/");
+    const std::string cookie = signed_in->get_header_value("Set-Cookie");
+    std::smatch token;
+    ASSERT_TRUE(std::regex_match(
+        cookie, token,
+        std::regex("quillmar_session=([0-9a-f]{64}); HttpOnly; SameSite=Strict; Path=/")))
+        << cookie;
+    const httplib::Headers with_cookie = {{"Cookie", "quillmar_session=" + token[1].str()}};
+
+    const httplib::Result page = browser.Get("/legs/" + uuid, with_cookie);
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->status, 200);
+    EXPECT_EQ(page->get_header_value("Content-Type"), "text/html; charset=utf-8");
+    EXPECT_EQ(page->get_header_value("Content-Security-Policy"), PAGE_POLICY);
+    EXPECT_EQ(page->get_header_value("X-Content-Type-Options"), "nosniff");
+    EXPECT_NE(page->body.find("<span class=\"user\">anna</span>"), std::string::npos);
+    const httplib::Result listed = browser.Get("/api/legs?limit=1000", with_cookie);
+    ASSERT_TRUE(listed);
+    EXPECT_EQ(listed->status, 200);
+    EXPECT_EQ(json::parse(listed->body).size(), CALLS);
+    const httplib::Result audio = browser.Get("/api/legs/" + uuid + "/audio.wav", with_cookie);
+    ASSERT_TRUE(audio);
+    EXPECT_EQ(audio->status, 200);
+    EXPECT_EQ(access_lines(log),
+              std::vector<std::string>{"user=anna address=127.0.0.1 uuid=" + uuid + " what=play"});
+    // Reads only: POST is taken by the sign-in routes alone, with a session too.
+    const httplib::Result posted = browser.Post("/api/legs", with_cookie, "{}", "application/json");
+    ASSERT_TRUE(posted);
+    EXPECT_EQ(posted->status, 405);
+
+    // The page's own calls without a session are refused without a Basic challenge.
+    const httplib::Result asked = browser.Get("/api/legs", {{"X-Requested-With", "quillmar-page"}});
+    ASSERT_TRUE(asked);
+    EXPECT_EQ(asked->status, 401);
+    EXPECT_FALSE(asked->has_header("WWW-Authenticate"));
+
+    // After signing out the cookie opens nothing.
+    const httplib::Result out = browser.Post("/signout", with_cookie, "", "text/plain");
+    ASSERT_TRUE(out);
+    EXPECT_EQ(out->status, 303);
+    EXPECT_EQ(out->get_header_value("Location"), "/signin");
+    EXPECT_EQ(out->get_header_value("Set-Cookie"),
+              "quillmar_session=; HttpOnly; SameSite=Strict; Path=/; Max-Age=0");
+    const httplib::Result stale_api = browser.Get("/api/legs", with_cookie);
+    ASSERT_TRUE(stale_api);
+    EXPECT_EQ(stale_api->status, 401);
+    EXPECT_FALSE(stale_api->has_header("WWW-Authenticate"));
+    const httplib::Result stale_page = browser.Get("/", with_cookie);
+    ASSERT_TRUE(stale_page);
+    EXPECT_EQ(stale_page->status, 303);
+    EXPECT_EQ(stale_page->get_header_value("Location"), "/signin");
+
+    // The form's failures count with Basic's (the sign-in above forgot the first): after five,
+    // the sixth try is refused unchecked, the right password too, and so is Basic from that
+    // address.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const httplib::Result again = sign_in(browser, "anna", "wrong");
+        ASSERT_TRUE(again);
+        EXPECT_EQ(again->status, 401) << attempt;
+    }
+    const httplib::Result sixth = sign_in(browser, "anna", "correct+horse");
+    ASSERT_TRUE(sixth);
+    EXPECT_EQ(sixth->status, 429);
+    EXPECT_FALSE(sixth->has_header("Set-Cookie"));
+    EXPECT_NE(
+        sixth->body.find("Too many failed sign-ins from this address: try again in a minute."),
+        std::string::npos);
+    EXPECT_EQ(status_of("/api/legs"), 429);
+    EXPECT_EQ(access_lines(log).size(), 1u);
 }
 
 }  // namespace

@@ -560,10 +560,10 @@ std::vector<CatalogRow> CatalogStore::claim(const std::string& archiver, std::ui
     for (const SqlRow& cells : m_connection->query(sql, params)) {
         rows.push_back(row_of(cells));
     }
-    // RETURNING gives the rows in no particular order.
+    // RETURNING gives the rows in no particular order: back into the order `find` gives.
     std::sort(rows.begin(), rows.end(), [](const CatalogRow& a, const CatalogRow& b) {
-        return std::tie(a.summary.start_us, a.summary.uuid, a.summary.host, a.summary.port) <
-               std::tie(b.summary.start_us, b.summary.uuid, b.summary.host, b.summary.port);
+        return std::make_tuple(a.summary.start_us, a.summary.uuid, recorder_name(a.summary)) <
+               std::make_tuple(b.summary.start_us, b.summary.uuid, recorder_name(b.summary));
     });
     return rows;
 }

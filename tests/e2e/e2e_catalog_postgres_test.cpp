@@ -156,7 +156,13 @@ TEST_F(PostgresCatalogTest, KeepsArchivedLegsArchivedAndClaimsForArchivers) {
 }
 
 TEST_F(PostgresCatalogTest, TwoArchiversClaimDisjointLegs) {
-    test::check_concurrent_claims([this] { return open(); });
+    // Each thread with an error of its own: open() shares the fixture's.
+    test::check_concurrent_claims([this] {
+        std::string error;
+        auto store = open_catalog(m_uri, "", error);
+        EXPECT_NE(store, nullptr) << error;
+        return store;
+    });
 }
 
 TEST_F(PostgresCatalogTest, AClaimPassesOverTheLegsAnotherArchiverHasLocked) {

@@ -16,6 +16,25 @@ std::string side_text(const SideSummary& side) {
     return std::to_string(side.frames) + "/" + std::to_string(side.lost_packets);
 }
 
+// Where the leg is to be found: its directory, its archive's URL, or "removed".
+std::string where_text(const CatalogRow& row) {
+    switch (row.state) {
+        case RowState::REMOVED:
+            return "removed";
+        case RowState::ARCHIVED:
+            return row.archive_url.value_or("archived");
+        case RowState::RECORDED:
+            break;
+    }
+    return row.summary.path;
+}
+
+// Sets `NAME_us` and `NAME_utc` to the time, or both to null.
+void put_time(Json& json, const std::string& name, const std::optional<std::uint64_t>& us) {
+    json[name + "_us"] = us ? Json(*us) : Json(nullptr);
+    json[name + "_utc"] = us ? Json(utc_text(*us)) : Json(nullptr);
+}
+
 }  // namespace
 
 std::optional<std::uint64_t> parse_utc_time(const std::string& text) {
@@ -53,19 +72,15 @@ std::string find_line(const CatalogRow& row) {
     return utc_text(leg.start_us) + " " + duration + " " +
            (leg.call_id.empty() ? "-" : leg.call_id) + " " + leg.uuid + " " +
            std::string(direction_name(leg.leg)) + " side0=" + side_text(leg.sides[0]) +
-           " side1=" + side_text(leg.sides[1]) + " " +
-           (row.state == RowState::REMOVED ? "removed" : leg.path);
+           " side1=" + side_text(leg.sides[1]) + " " + where_text(row);
 }
 
 Json row_json(const CatalogRow& row) {
     Json json = row.summary;
     json["state"] = state_name(row.state);
-    json["removed_at_us"] = nullptr;
-    json["removed_at_utc"] = nullptr;
-    if (row.removed_at_us) {
-        json["removed_at_us"] = *row.removed_at_us;
-        json["removed_at_utc"] = utc_text(*row.removed_at_us);
-    }
+    put_time(json, "removed_at", row.removed_at_us);
+    json["archive_url"] = row.archive_url ? Json(*row.archive_url) : Json(nullptr);
+    put_time(json, "archived_at", row.archived_at_us);
     return json;
 }
 

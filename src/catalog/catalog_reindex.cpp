@@ -78,7 +78,7 @@ std::optional<CatalogRow> row_from_summary(const fs::path& file, std::string& re
     if (!summary) {
         return std::nullopt;
     }
-    return CatalogRow{std::move(*summary), RowState::RECORDED, std::nullopt};
+    return recorded_row(std::move(*summary));
 }
 
 std::optional<CatalogRow> row_from_media(const fs::path& file, const ReindexOptions& options,
@@ -150,7 +150,7 @@ public:
         : m_store(store), m_options(options) {
         m_recorders.insert(options.recorder);
         if (options.only_missing) {
-            for (CatalogRow& row : recorded_rows(options.recorder)) {
+            for (CatalogRow& row : held_rows(options.recorder)) {
                 m_known.insert(std::move(row.summary.path));
             }
         }
@@ -190,7 +190,8 @@ private:
         m_batch.clear();
     }
 
-    std::vector<CatalogRow> recorded_rows(const std::string& recorder) {
+    // The rows of `recorder` that are recorded or archived.
+    std::vector<CatalogRow> held_rows(const std::string& recorder) {
         FindQuery query;
         query.recorder = recorder;
         return m_store.find(query);
@@ -198,8 +199,9 @@ private:
 
     void mark_gone(const std::string& recorder) {
         std::vector<std::string> gone;
-        for (const CatalogRow& row : recorded_rows(recorder)) {
-            if (m_present.count(row.summary.path) == 0) {
+        for (const CatalogRow& row : held_rows(recorder)) {
+            // An archived leg lives on in the archive: its directory may go (`--delete-local`).
+            if (row.state == RowState::RECORDED && m_present.count(row.summary.path) == 0) {
                 gone.push_back(row.summary.path);
             }
         }
@@ -211,7 +213,7 @@ private:
     std::vector<CatalogRow> m_batch;
     std::set<std::string> m_recorders;
     std::set<std::string> m_present;
-    // With `only_missing`: the paths the recorder's rows hold as recorded.
+    // With `only_missing`: the paths the recorder's rows hold as recorded or archived.
     std::set<std::string> m_known;
     ReindexCounts m_counts;
 };

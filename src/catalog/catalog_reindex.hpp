@@ -14,12 +14,13 @@
 // "media.qm" tells (uuid, start, per side frames, samples and offsets, size; no call id, closed
 // "unknown", leg "inbound", no lost packets). A leg whose summary or file cannot be read is
 // skipped with one warning line. Rows of the storage's recorders whose directory is gone are
-// marked removed. Running it again over an unchanged storage changes nothing.
+// marked removed, unless they are archived (the archive holds the leg, and an archiver may have
+// removed the directory). Running it again over an unchanged storage changes nothing.
 //
 // The recorder catches its catalogue up with the same walk, reading only what its rows miss: a
-// leg directory its recorder holds as recorded is not read again, and a directory with only a
-// media file is taken only when that file was last written before the recorder started (a leg
-// the recorder still writes has no summary yet, and gets its row when it closes).
+// leg directory its recorder holds as recorded or archived is not read again, and a directory
+// with only a media file is taken only when that file was last written before the recorder
+// started (a leg the recorder still writes has no summary yet, and gets its row when it closes).
 // Reads files and writes the catalogue; one thread.
 
 namespace qm::catalog {
@@ -32,7 +33,7 @@ struct ReindexOptions {
     std::size_t batch = 500;
     // The time recorded for the rows marked removed.
     std::uint64_t now_us = 0;
-    // Read only the legs the catalogue does not hold as recorded for `recorder`.
+    // Read only the legs the catalogue does not hold as recorded or archived for `recorder`.
     bool only_missing = false;
     // When set, a leg with only a media file is taken only when the file was last written before
     // this time (microseconds since the epoch).

@@ -5,13 +5,15 @@
 #include <charconv>
 #include <limits>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
 #include <utility>
 
 namespace qm::catalog {
 namespace {
 
 // The columns of `legs`, in the order rows are written and read; the first two are the key.
-constexpr std::array<std::string_view, 23> COLUMNS = {"uuid",
+constexpr std::array<std::string_view, 25> COLUMNS = {"uuid",
                                                       "recorder",
                                                       "session_id",
                                                       "call_id",
@@ -33,11 +35,17 @@ constexpr std::array<std::string_view, 23> COLUMNS = {"uuid",
                                                       "bytes",
                                                       "path",
                                                       "state",
-                                                      "removed_at_us"};
+                                                      "removed_at_us",
+                                                      "archive_url",
+                                                      "archived_at_us"};
+// The columns a version-1 schema has: the first ones of COLUMNS.
+constexpr std::size_t VERSION_1_COLUMNS = 23;
 
-// Plain SQL both back ends accept. Changing it means a new CATALOG_SCHEMA and a migration.
-constexpr std::array<std::string_view, 4> SCHEMA = {
-    "CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)",
+// Plain SQL both back ends accept. Changing it means a new CATALOG_SCHEMA and an entry in
+// UPGRADES. The version's table comes first, and is locked before the others are touched.
+constexpr std::string_view VERSION_TABLE =
+    "CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)";
+constexpr std::array<std::string_view, 3> SCHEMA = {
     "CREATE TABLE IF NOT EXISTS legs ("
     "uuid TEXT NOT NULL, recorder TEXT NOT NULL, session_id BIGINT NOT NULL, "
     "call_id TEXT NOT NULL, leg TEXT NOT NULL, flags INTEGER NOT NULL, "
@@ -47,11 +55,41 @@ constexpr std::array<std::string_view, 4> SCHEMA = {
     "side1_frames BIGINT NOT NULL, side1_samples BIGINT NOT NULL, side1_first_offset BIGINT, "
     "side1_last_offset BIGINT, side1_lost_packets BIGINT NOT NULL, "
     "bytes BIGINT NOT NULL, path TEXT NOT NULL, state TEXT NOT NULL, removed_at_us BIGINT, "
+    "archive_url TEXT, archived_at_us BIGINT, claimed_by TEXT, claim_until_us BIGINT, "
     "PRIMARY KEY (uuid, recorder))",
     "CREATE INDEX IF NOT EXISTS legs_call_id ON legs (call_id)",
     "CREATE INDEX IF NOT EXISTS legs_start_us ON legs (start_us)"};
 
-constexpr std::array<std::string_view, 2> STATE_NAMES = {"recorded", "removed"};
+// What brings a schema of version N up to N + 1 (UPGRADES[N - 1]), run in one transaction with
+// the new version.
+constexpr std::array<std::array<std::string_view, 4>, 1> UPGRADES = {{
+    {"ALTER TABLE legs ADD COLUMN archive_url TEXT",
+     "ALTER TABLE legs ADD COLUMN archived_at_us BIGINT",
+     "ALTER TABLE legs ADD COLUMN claimed_by TEXT",
+     "ALTER TABLE legs ADD COLUMN claim_until_us BIGINT"},
+}};
+static_assert(UPGRADES.size() == CATALOG_SCHEMA - 1);
+
+// Keeps two openers from upgrading the same schema at once: the second waits, then finds it
+// upgraded. Taken before `legs` is touched: creating an index that exists still locks the table
+// against the upgrade's ALTER, and two openers holding that would deadlock. SQLite needs none,
+// as its transactions that write take the write lock at once.
+std::string_view schema_lock(SqlDialect dialect) {
+    return dialect == SqlDialect::POSTGRESQL ? "LOCK TABLE schema_version IN EXCLUSIVE MODE" : "";
+}
+
+// What makes the rows a claim selects its own, the claim being one statement: PostgreSQL locks
+// them and passes over those another archiver's claim has locked; on SQLite a statement that
+// writes takes the database's write lock before it reads, so claims run one after the other.
+std::string_view claim_lock(SqlDialect dialect) {
+    return dialect == SqlDialect::POSTGRESQL ? " FOR UPDATE SKIP LOCKED" : "";
+}
+
+constexpr std::array<std::string_view, 3> STATE_NAMES = {"recorded", "removed", "archived"};
+
+// What an upsert leaves as stored on an archived row: the recorder knows nothing of the archive.
+constexpr std::array<std::string_view, 4> KEPT_WHEN_ARCHIVED = {"state", "removed_at_us",
+                                                                "archive_url", "archived_at_us"};
 
 // Rolls back unless committed: a failed batch leaves nothing behind.
 class Transaction {
@@ -81,12 +119,22 @@ private:
     bool m_committed = false;
 };
 
-std::string column_list() {
+// The first `count` columns; the others, which an older schema lacks, read as NULL.
+std::string column_list(std::size_t count = COLUMNS.size()) {
     std::string out;
-    for (const std::string_view column : COLUMNS) {
-        out += (out.empty() ? "" : ", ") + std::string(column);
+    for (std::size_t i = 0; i < COLUMNS.size(); ++i) {
+        out += (i == 0 ? "" : ", ") + (i < count ? std::string(COLUMNS[i]) : "NULL");
     }
     return out;
+}
+
+// The value an upsert writes into `column`.
+std::string upserted_value(const std::string& column) {
+    const bool kept = std::find(KEPT_WHEN_ARCHIVED.begin(), KEPT_WHEN_ARCHIVED.end(), column) !=
+                      KEPT_WHEN_ARCHIVED.end();
+    return kept ? "CASE WHEN legs.state = 'archived' THEN legs." + column + " ELSE excluded." +
+                      column + " END"
+                : "excluded." + column;
 }
 
 std::string upsert_sql() {
@@ -97,9 +145,10 @@ std::string upsert_sql() {
         const std::string column(COLUMNS[i]);
         values += (i == 0 ? "$" : ", $") + std::to_string(i + 1);
         if (i >= 2) {
-            updates += (updates.empty() ? "" : ", ") + column + " = excluded." + column;
-            differs += (differs.empty() ? "" : " OR ") + ("legs." + column) +
-                       " IS DISTINCT FROM excluded." + column;
+            const std::string value = upserted_value(column);
+            updates += (updates.empty() ? "" : ", ") + column + " = " + value;
+            differs +=
+                (differs.empty() ? "" : " OR ") + ("legs." + column) + " IS DISTINCT FROM " + value;
         }
     }
     return "INSERT INTO legs (" + column_list() + ") VALUES (" + values +
@@ -110,11 +159,16 @@ std::int64_t signed_of(std::uint64_t value) {
     return static_cast<std::int64_t>(value);
 }
 
-SqlValue optional_value(const std::optional<std::uint32_t>& value) {
+template <typename T>
+SqlValue optional_value(const std::optional<T>& value) {
     if (!value) {
         return nullptr;
     }
-    return std::int64_t{*value};
+    if constexpr (std::is_same_v<T, std::string>) {
+        return *value;
+    } else {
+        return signed_of(*value);
+    }
 }
 
 void add_side(std::vector<SqlValue>& values, const SideSummary& side) {
@@ -143,11 +197,9 @@ std::vector<SqlValue> values_of(const CatalogRow& row) {
     values.emplace_back(signed_of(leg.bytes));
     values.emplace_back(leg.path);
     values.emplace_back(std::string(state_name(row.state)));
-    if (row.removed_at_us) {
-        values.emplace_back(signed_of(*row.removed_at_us));
-    } else {
-        values.emplace_back(nullptr);
-    }
+    values.push_back(optional_value(row.removed_at_us));
+    values.push_back(optional_value(row.archive_url));
+    values.push_back(optional_value(row.archived_at_us));
     return values;
 }
 
@@ -173,6 +225,13 @@ public:
                                " holds \"" + cell + "\", not a number");
         }
         return static_cast<std::uint64_t>(value);
+    }
+    std::optional<std::string> optional_text() {
+        if (!m_row.at(m_next)) {
+            ++m_next;
+            return std::nullopt;
+        }
+        return text();
     }
     std::optional<std::uint64_t> optional_number() {
         if (!m_row.at(m_next)) {
@@ -250,6 +309,8 @@ CatalogRow row_of(const SqlRow& cells_in) {
     leg.path = cells.text();
     row.state = cells.one_of<RowState>(STATE_NAMES);
     row.removed_at_us = cells.optional_number();
+    row.archive_url = cells.optional_text();
+    row.archived_at_us = cells.optional_number();
     return row;
 }
 
@@ -264,8 +325,18 @@ std::string_view state_name(RowState state) {
     return STATE_NAMES.at(static_cast<std::size_t>(state));
 }
 
+CatalogRow recorded_row(LegSummary summary) {
+    CatalogRow row;
+    row.summary = std::move(summary);
+    return row;
+}
+
 std::string recorder_name(const LegSummary& summary) {
     return summary.host + ":" + std::to_string(summary.port);
+}
+
+LegKey key_of(const CatalogRow& row) {
+    return LegKey{row.summary.uuid, recorder_name(row.summary)};
 }
 
 CatalogStore::CatalogStore(std::unique_ptr<SqlConnection> connection, bool create)
@@ -276,24 +347,71 @@ CatalogStore::CatalogStore(std::unique_ptr<SqlConnection> connection, bool creat
 void CatalogStore::ensure_schema(bool create) {
     if (create) {
         Transaction transaction(*m_connection);
+        m_connection->execute(std::string(VERSION_TABLE), {});
+        if (const std::string_view lock = schema_lock(m_connection->dialect()); !lock.empty()) {
+            m_connection->execute(std::string(lock), {});
+        }
         for (const std::string_view statement : SCHEMA) {
             m_connection->execute(std::string(statement), {});
         }
-        if (m_connection->query("SELECT version FROM schema_version", {}).empty()) {
+        const std::int64_t found = read_version();
+        if (found == 0) {
             m_connection->execute("INSERT INTO schema_version (version) VALUES ($1)",
                                   {CATALOG_SCHEMA});
+        } else if (found < CATALOG_SCHEMA) {
+            upgrade(found);
         }
         transaction.commit();
     }
-    const auto rows = m_connection->query("SELECT MAX(version) FROM schema_version", {});
-    if (rows.empty() || rows[0].empty() || !rows[0][0]) {
+    m_schema_version = read_version();
+    if (m_schema_version == 0) {
         throw CatalogError("catalogue: no schema version");
     }
-    m_schema_version = std::stoll(*rows[0][0]);
     if (m_schema_version > CATALOG_SCHEMA) {
         throw CatalogError("catalogue: schema version " + std::to_string(m_schema_version) +
                            " is newer than this program's " + std::to_string(CATALOG_SCHEMA));
     }
+}
+
+void CatalogStore::upgrade(std::int64_t found) {
+    for (std::int64_t version = found; version < CATALOG_SCHEMA; ++version) {
+        for (const std::string_view statement :
+             UPGRADES.at(static_cast<std::size_t>(version - 1))) {
+            m_connection->execute(std::string(statement), {});
+        }
+    }
+    m_connection->execute("UPDATE schema_version SET version = $1", {CATALOG_SCHEMA});
+}
+
+std::int64_t CatalogStore::read_version() {
+    const auto rows = m_connection->query("SELECT MAX(version) FROM schema_version", {});
+    if (rows.empty() || rows[0].empty() || !rows[0][0]) {
+        return 0;
+    }
+    return std::stoll(*rows[0][0]);
+}
+
+bool CatalogStore::current() {
+    // Another program may have upgraded the schema since it was read.
+    if (m_schema_version < CATALOG_SCHEMA) {
+        m_schema_version = read_version();
+    }
+    return m_schema_version == CATALOG_SCHEMA;
+}
+
+void CatalogStore::require_current() {
+    if (!current()) {
+        throw CatalogError("catalogue: schema version " + std::to_string(m_schema_version) +
+                           " is older than this program's " + std::to_string(CATALOG_SCHEMA) +
+                           " and was opened only to read; a program that may create the "
+                           "catalogue (the recorder, quillmar catalog reindex) upgrades it");
+    }
+}
+
+const std::string& CatalogStore::select_list() {
+    static const std::string all = column_list();
+    static const std::string version_1 = column_list(VERSION_1_COLUMNS);
+    return current() ? all : version_1;
 }
 
 bool CatalogStore::exists(const CatalogRow& row) {
@@ -305,6 +423,7 @@ bool CatalogStore::exists(const CatalogRow& row) {
 
 UpsertCounts CatalogStore::upsert(std::span<const CatalogRow> rows) {
     static const std::string sql = upsert_sql();
+    require_current();
     UpsertCounts counts;
     Transaction transaction(*m_connection);
     for (const CatalogRow& row : rows) {
@@ -378,14 +497,14 @@ std::vector<CatalogRow> CatalogStore::find(const FindQuery& query) {
         add("start_us <", time_bound(*query.to_us));
     }
     if (!query.include_removed) {
-        add("state =", std::string(state_name(RowState::RECORDED)));
+        add("state <>", std::string(state_name(RowState::REMOVED)));
     }
     const std::size_t limit =
         std::min<std::size_t>(query.limit.value_or(std::numeric_limits<std::int64_t>::max()),
                               std::numeric_limits<std::int64_t>::max());
     params.emplace_back(static_cast<std::int64_t>(limit));
     params.emplace_back(static_cast<std::int64_t>(query.offset));
-    const std::string sql = "SELECT " + column_list() + " FROM legs" + where +
+    const std::string sql = "SELECT " + select_list() + " FROM legs" + where +
                             " ORDER BY start_us, uuid, recorder LIMIT $" +
                             std::to_string(params.size() - 1) + " OFFSET $" +
                             std::to_string(params.size());
@@ -394,6 +513,110 @@ std::vector<CatalogRow> CatalogStore::find(const FindQuery& query) {
         rows.push_back(row_of(cells));
     }
     return rows;
+}
+
+std::optional<CatalogRow> CatalogStore::leg(const std::string& uuid) {
+    FindQuery query;
+    query.uuid = uuid;
+    query.include_removed = true;
+    std::vector<CatalogRow> rows = find(query);
+    // The states in the order they are preferred: a local file first, then the archive's copy.
+    constexpr std::array<RowState, 3> PREFERRED = {RowState::RECORDED, RowState::ARCHIVED,
+                                                   RowState::REMOVED};
+    for (const RowState state : PREFERRED) {
+        const auto found = std::find_if(rows.begin(), rows.end(), [state](const CatalogRow& row) {
+            return row.state == state;
+        });
+        if (found != rows.end()) {
+            return std::move(*found);
+        }
+    }
+    return std::nullopt;
+}
+
+std::vector<CatalogRow> CatalogStore::claim(const std::string& archiver, std::uint64_t now_us,
+                                            std::uint64_t lease_us, std::size_t limit,
+                                            std::span<const std::string> recorders) {
+    require_current();
+    std::vector<SqlValue> params = {archiver, signed_of(now_us + lease_us), signed_of(now_us),
+                                    static_cast<std::int64_t>(std::min<std::size_t>(
+                                        limit, std::numeric_limits<std::int64_t>::max()))};
+    std::string of_recorders;
+    for (const std::string& recorder : recorders) {
+        params.emplace_back(recorder);
+        of_recorders +=
+            (of_recorders.empty() ? " AND recorder IN ($" : ", $") + std::to_string(params.size());
+    }
+    if (!of_recorders.empty()) {
+        of_recorders += ")";
+    }
+    const std::string sql =
+        "UPDATE legs SET claimed_by = $1, claim_until_us = $2 WHERE (uuid, recorder) IN "
+        "(SELECT uuid, recorder FROM legs WHERE state = 'recorded' "
+        "AND (claim_until_us IS NULL OR claim_until_us <= $3)" +
+        of_recorders + " ORDER BY start_us, uuid, recorder LIMIT $4" +
+        std::string(claim_lock(m_connection->dialect())) + ") RETURNING " + column_list();
+    std::vector<CatalogRow> rows;
+    for (const SqlRow& cells : m_connection->query(sql, params)) {
+        rows.push_back(row_of(cells));
+    }
+    // RETURNING gives the rows in no particular order: back into the order `find` gives.
+    std::sort(rows.begin(), rows.end(), [](const CatalogRow& a, const CatalogRow& b) {
+        return std::make_tuple(a.summary.start_us, a.summary.uuid, recorder_name(a.summary)) <
+               std::make_tuple(b.summary.start_us, b.summary.uuid, recorder_name(b.summary));
+    });
+    return rows;
+}
+
+std::size_t CatalogStore::renew(const std::string& archiver, std::span<const LegKey> keys,
+                                std::uint64_t until_us) {
+    require_current();
+    std::size_t renewed = 0;
+    Transaction transaction(*m_connection);
+    for (const LegKey& key : keys) {
+        renewed += m_connection->execute(
+            "UPDATE legs SET claim_until_us = $1 "
+            "WHERE uuid = $2 AND recorder = $3 AND claimed_by = $4 AND state = 'recorded'",
+            {signed_of(until_us), key.uuid, key.recorder, archiver});
+    }
+    transaction.commit();
+    return renewed;
+}
+
+// A leg removed from the storage while it was uploaded is archived all the same: the archive
+// holds a verified copy.
+bool CatalogStore::mark_archived(const std::string& archiver, const LegKey& key,
+                                 const std::string& url, std::uint64_t archived_at_us) {
+    require_current();
+    return m_connection->execute(
+               "UPDATE legs SET state = 'archived', archive_url = $1, archived_at_us = $2, "
+               "claimed_by = NULL, claim_until_us = NULL "
+               "WHERE uuid = $3 AND recorder = $4 AND claimed_by = $5 AND state <> 'archived'",
+               {url, signed_of(archived_at_us), key.uuid, key.recorder, archiver}) != 0;
+}
+
+bool CatalogStore::release(const std::string& archiver, const LegKey& key) {
+    require_current();
+    return m_connection->execute(
+               "UPDATE legs SET claimed_by = NULL, claim_until_us = NULL "
+               "WHERE uuid = $1 AND recorder = $2 AND claimed_by = $3",
+               {key.uuid, key.recorder, archiver}) != 0;
+}
+
+std::size_t CatalogStore::release_all(const std::string& archiver) {
+    require_current();
+    return m_connection->execute(
+        "UPDATE legs SET claimed_by = NULL, claim_until_us = NULL WHERE claimed_by = $1",
+        {archiver});
+}
+
+ArchiveBacklog CatalogStore::backlog() {
+    const std::vector<SqlRow> rows = m_connection->query(
+        "SELECT COUNT(*), COALESCE(SUM(bytes), 0) FROM legs WHERE state = 'recorded'", {});
+    if (rows.size() != 1 || rows[0].size() != 2 || !rows[0][0] || !rows[0][1]) {
+        throw CatalogError("catalogue: the backlog's count came back empty");
+    }
+    return ArchiveBacklog{std::stoull(*rows[0][0]), std::stoull(*rows[0][1])};
 }
 
 }  // namespace qm::catalog

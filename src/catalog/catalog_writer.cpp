@@ -168,7 +168,7 @@ bool CatalogWriter::write(const std::deque<Work>& batch) {
     std::vector<RemovedDirectory> removed;
     for (const Work& work : batch) {
         if (const auto* leg = std::get_if<LegSummary>(&work)) {
-            rows.push_back(CatalogRow{*leg, RowState::RECORDED, std::nullopt});
+            rows.push_back(recorded_row(*leg));
         } else {
             removed.push_back(std::get<RemovedDirectory>(work));
         }

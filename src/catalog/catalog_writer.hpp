@@ -25,7 +25,8 @@
 // catalogue may have missed something (at start, after a failed write, after the queue was full)
 // the thread catches up from the storage before it writes the queue again: the walk of `reindex`
 // reading only the legs this recorder's rows miss, and marking removed the rows whose directory
-// is gone (at the time of the catch-up).
+// is gone (at the time of the catch-up). An archived leg stays archived through all of it: the
+// archive holds it, and its directory may have been deleted by the archiver.
 //
 // The first failure to reach or write the catalogue logs one WARNING, and the thread then tries
 // again after 1 s, 2 s, 4 s, up to 10 s between tries, dropping what it failed to write (the

@@ -26,6 +26,7 @@ public:
     std::uint64_t execute(const std::string& sql, const std::vector<SqlValue>& params) override;
     std::vector<SqlRow> query(const std::string& sql, const std::vector<SqlValue>& params) override;
     void begin() override;
+    SqlDialect dialect() const override { return SqlDialect::POSTGRESQL; }
 
 private:
     pg_conn* m_connection = nullptr;

@@ -27,6 +27,10 @@ using SqlValue = std::variant<std::nullptr_t, std::int64_t, std::string>;
 using SqlCell = std::optional<std::string>;
 using SqlRow = std::vector<SqlCell>;
 
+// The few places where the back ends' SQL differs: row locks that skip what another transaction
+// holds, and table locks. Everything else is shared.
+enum class SqlDialect : std::uint8_t { SQLITE, POSTGRESQL };
+
 class SqlConnection {
 public:
     virtual ~SqlConnection() = default;
@@ -40,6 +44,8 @@ public:
     // Starts a transaction that will write (SQLite takes its write lock at once, so that two
     // writers wait for each other instead of failing half-way). THROWS: CatalogError.
     virtual void begin() = 0;
+    // Which SQL the database speaks where the back ends differ.
+    virtual SqlDialect dialect() const = 0;
 };
 
 }  // namespace qm::catalog

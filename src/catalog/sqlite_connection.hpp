@@ -27,6 +27,7 @@ public:
     std::uint64_t execute(const std::string& sql, const std::vector<SqlValue>& params) override;
     std::vector<SqlRow> query(const std::string& sql, const std::vector<SqlValue>& params) override;
     void begin() override;
+    SqlDialect dialect() const override { return SqlDialect::SQLITE; }
 
 private:
     // Runs `sql`, handing each row to `row` when it is set.

@@ -225,19 +225,16 @@ bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Respon
         send_error(response, 400, "\"" + uuid + "\" is not a leg uuid");
         return false;
     }
-    catalog::FindQuery query;
-    query.uuid = uuid;
-    query.include_removed = true;
-    const std::vector<catalog::CatalogRow> rows = find(query);
-    if (rows.empty()) {
+    std::optional<catalog::CatalogRow> found;
+    {
+        const std::lock_guard lock(catalog_mutex);
+        found = store->leg(uuid);
+    }
+    if (!found) {
         send_error(response, 404, "no leg " + uuid + " in the catalogue");
         return false;
     }
-    // A leg seen by several recorders: the one still recorded.
-    auto recorded = std::find_if(rows.begin(), rows.end(), [](const catalog::CatalogRow& r) {
-        return r.state == catalog::RowState::RECORDED;
-    });
-    row = recorded != rows.end() ? *recorded : rows.front();
+    row = std::move(*found);
     if (row.state == catalog::RowState::REMOVED) {
         send_json(
             response, 410,
@@ -254,9 +251,16 @@ bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Respon
     }
     std::error_code error;
     if (!std::filesystem::is_regular_file(*inside, error)) {
-        send_json(
-            response, 410,
-            Json{{"error", "the recording of leg " + uuid + " has gone"}, {"removed_at", nullptr}});
+        if (row.state == catalog::RowState::ARCHIVED) {
+            send_json(response, 410,
+                      Json{{"error", "the recording of leg " + uuid +
+                                         " is only in the archive, which serve does not read"},
+                           {"archive_url", catalog::row_json(row).at("archive_url")}});
+        } else {
+            send_json(response, 410,
+                      Json{{"error", "the recording of leg " + uuid + " has gone"},
+                           {"removed_at", nullptr}});
+        }
         return false;
     }
     file = *inside;

@@ -15,8 +15,9 @@
 //   GET /api/legs/UUID/peaks?width=N        per side N columns {min, max} and the gaps
 //   GET /api/status                         the recorder's metrics file, {name: value}
 // Every answer is JSON except the audio; errors are {"error": "..."}: 400 for a malformed
-// parameter or uuid, 404 for what does not exist, 410 for a leg whose recording has gone. Only
-// GET and HEAD.
+// parameter or uuid, 404 for what does not exist, 410 for a leg whose recording has gone (also,
+// with its "archive_url", for an archived leg whose local copy has gone: the archive is not read
+// here). Only GET and HEAD.
 //
 // Beside the API, the browser's pages and the sign-in by form (PageRoutes); POST is answered only
 // on /signin and /signout.

@@ -34,14 +34,14 @@ protected:
 TEST_F(SqliteCatalogTest, CreatesTheSchemaInsideTheStorageInWalMode) {
     const auto store = open_fresh();
     ASSERT_NE(store, nullptr);
-    EXPECT_EQ(store->schema_version(), 1);
+    EXPECT_EQ(store->schema_version(), 2);
     EXPECT_TRUE(std::filesystem::is_regular_file(m_storage.path() / "catalog.db"));
     EXPECT_TRUE(std::filesystem::is_regular_file(m_storage.path() / "catalog.db-wal"));
 
     SqliteConnection connection(m_storage.path() / "catalog.db", false);
     EXPECT_EQ(connection.query("PRAGMA journal_mode", {}), (std::vector<SqlRow>{{SqlCell("wal")}}));
     EXPECT_EQ(connection.query("SELECT version FROM schema_version", {}),
-              (std::vector<SqlRow>{{SqlCell("1")}}));
+              (std::vector<SqlRow>{{SqlCell("2")}}));
     EXPECT_EQ(
         connection.query("SELECT name FROM sqlite_master WHERE type = 'index' ORDER BY name", {}),
         (std::vector<SqlRow>{{SqlCell("legs_call_id")},
@@ -80,6 +80,52 @@ TEST_F(SqliteCatalogTest, MarksTheLegsOfARemovedDirectory) {
     test::check_mark_removed_under(*store);
 }
 
+TEST_F(SqliteCatalogTest, UpgradesAVersion1CatalogueInPlace) {
+    {
+        SqliteConnection connection(m_storage.path() / "catalog.db", true);
+        test::create_version_1(connection);
+    }
+    auto store = open_fresh();
+    ASSERT_NE(store, nullptr);
+    test::check_upgraded_version_1(*store);
+    SqliteConnection connection(m_storage.path() / "catalog.db", false);
+    EXPECT_EQ(connection.query("SELECT version FROM schema_version", {}),
+              (std::vector<SqlRow>{{SqlCell("2")}}));
+    EXPECT_EQ(open_fresh()->schema_version(), 2);
+}
+
+TEST_F(SqliteCatalogTest, ReadsAVersion1CatalogueItMayNotUpgrade) {
+    {
+        SqliteConnection connection(m_storage.path() / "catalog.db", true);
+        test::create_version_1(connection);
+    }
+    auto store = open("sqlite:catalog.db", CatalogOpen::EXISTING);
+    ASSERT_NE(store, nullptr) << m_error;
+    test::check_reads_version_1(*store);
+    SqliteConnection connection(m_storage.path() / "catalog.db", false);
+    EXPECT_EQ(connection.query("SELECT version FROM schema_version", {}),
+              (std::vector<SqlRow>{{SqlCell("1")}}));
+}
+
+TEST_F(SqliteCatalogTest, KeepsArchivedLegsArchived) {
+    auto store = open_fresh();
+    test::check_archived_rows_stay_archived(*store);
+}
+
+TEST_F(SqliteCatalogTest, ClaimsLegsForArchivers) {
+    auto store = open_fresh();
+    test::check_claims(*store);
+}
+
+TEST_F(SqliteCatalogTest, TwoConnectionsClaimDisjointLegs) {
+    test::check_concurrent_claims([this] {
+        std::string error;
+        auto store = open_catalog("sqlite:catalog.db", m_storage.path(), error);
+        EXPECT_NE(store, nullptr) << error;
+        return store;
+    });
+}
+
 TEST_F(SqliteCatalogTest, AFailedBatchLeavesNothing) {
     auto store = open_fresh();
     std::vector<CatalogRow> rows = {test::example_row(1), test::example_row(2)};
@@ -103,9 +149,9 @@ TEST_F(SqliteCatalogTest, RefusesAFileThatIsNotSqlite) {
 TEST_F(SqliteCatalogTest, RefusesANewerSchema) {
     open_fresh();
     SqliteConnection(m_storage.path() / "catalog.db", false)
-        .execute("UPDATE schema_version SET version = 2", {});
+        .execute("UPDATE schema_version SET version = 3", {});
     EXPECT_EQ(open("sqlite:catalog.db"), nullptr);
-    EXPECT_EQ(m_error, "catalogue: schema version 2 is newer than this program's 1");
+    EXPECT_EQ(m_error, "catalogue: schema version 3 is newer than this program's 2");
 }
 
 TEST_F(SqliteCatalogTest, OpensOnlyAnExistingCatalogueWhenAskedTo) {

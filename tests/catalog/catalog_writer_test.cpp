@@ -112,6 +112,39 @@ TEST_F(CatalogWriterTest, CatchesUpFromTheStorageAtStart) {
               0U);
 }
 
+TEST_F(CatalogWriterTest, LeavesArchivedLegsArchived) {
+    // Legs 1 and 2 archived, 1 with its directory deleted by the archiver, 2 still on disk; leg
+    // 3 recorded, its directory gone since.
+    const CatalogRow first = test::example_row(1);
+    const CatalogRow second = leg_on_disk(2);
+    const CatalogRow third = test::example_row(3);
+    {
+        std::string error;
+        const auto store = open_catalog("sqlite:catalog.sqlite", m_storage.path(), error);
+        ASSERT_NE(store, nullptr) << error;
+        store->upsert(std::vector<CatalogRow>{first, second, third});
+        ASSERT_EQ(store->claim("archiver", 1, 60, 2).size(), 2U);
+        ASSERT_TRUE(store->mark_archived("archiver", key_of(first), "s3://b/1/", 10));
+        ASSERT_TRUE(store->mark_archived("archiver", key_of(second), "s3://b/2/", 11));
+    }
+    const auto catalog = writer("sqlite:catalog.sqlite");
+    // The media writer closes leg 2 again (as a restart's catch-up would read it), and the
+    // cleanup then removes its directory.
+    catalog->leg_closed(second.summary);
+    std::filesystem::remove_all(m_storage.path() / "2026-11-24/11/52");
+    catalog->directory_removed("2026-11-24/11/52", 1795608000000000);
+    ASSERT_EQ(catalog->start(), 0);
+
+    ASSERT_TRUE(qm::test::poll_until(
+        [&] { return rows().size() == 3 && rows()[2].state == RowState::REMOVED; }, DEADLINE));
+    EXPECT_EQ(catalog->stop(), 0);
+    const std::vector<CatalogRow> found = rows();
+    EXPECT_EQ(found[0], test::archived(first, "s3://b/1/", 10));
+    EXPECT_EQ(found[1], test::archived(second, "s3://b/2/", 11));
+    EXPECT_EQ(found[2], removed(third, *found[2].removed_at_us));
+    EXPECT_TRUE(m_capture.texts(log::Level::WARNING).empty());
+}
+
 TEST_F(CatalogWriterTest, RidesOutAnOutageWithOneWarningAndCatchesUp) {
     // The catalogue's directory does not exist yet: every open fails until it does.
     const std::string location = "sqlite:later/catalog.sqlite";

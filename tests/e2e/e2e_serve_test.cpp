@@ -20,6 +20,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "catalog/open_catalog.hpp"
 #include "recorder_e2e.hpp"
 #include "tools/call_manifest.hpp"
 #include "utils/str.hpp"
@@ -252,7 +253,33 @@ TEST_F(ServeE2eTest, RefusesTraversalMalformedParametersAndRemovedLegs) {
     ASSERT_TRUE(traversal);
     EXPECT_EQ(json::parse(traversal->body).at("error"), "nothing at /api/legs/../../etc/passwd");
 
-    // The leg's directory goes, and a reindex marks its row removed.
+    // An archiver archives the second leg and deletes its directory: serve does not read the
+    // archive, and says where the leg is.
+    const std::string archived_uuid = uuid_text(sent.legs[1]);
+    const std::string archive_url = "s3://calls/" + archived_uuid + "/";
+    const fs::path archived_media = media_of(sent.legs[1]);
+    {
+        std::string error;
+        const auto store = catalog::open_catalog("sqlite:catalog.sqlite", storage(), error);
+        ASSERT_NE(store, nullptr) << error;
+        for (const catalog::CatalogRow& row : store->claim("archiver", 1, 60, CALLS)) {
+            if (row.summary.uuid == archived_uuid) {
+                ASSERT_TRUE(store->mark_archived("archiver", catalog::key_of(row), archive_url,
+                                                 1795608000000000));
+            }
+        }
+    }
+    fs::remove_all(archived_media.parent_path());
+    const httplib::Result archived = client->Get("/api/legs/" + archived_uuid);
+    ASSERT_TRUE(archived);
+    EXPECT_EQ(archived->status, 410);
+    EXPECT_EQ(json::parse(archived->body),
+              (json{{"error", "the recording of leg " + archived_uuid +
+                                  " is only in the archive, which serve does not read"},
+                    {"archive_url", archive_url}}));
+    EXPECT_EQ(status_of("/api/legs/" + archived_uuid + "/audio.wav"), 410);
+
+    // The leg's directory goes, and a reindex marks its row removed; the archived one stays.
     const fs::path media = media_of(sent.legs[0]);
     fs::remove_all(media.parent_path());
     const ToolRun reindex = run_tool({"catalog", "reindex", "--storage", storage().string(),
@@ -264,6 +291,11 @@ TEST_F(ServeE2eTest, RefusesTraversalMalformedParametersAndRemovedLegs) {
     const json answer = json::parse(gone->body);
     EXPECT_TRUE(answer.at("removed_at").is_string()) << gone->body;
     EXPECT_EQ(status_of("/api/legs/" + uuid + "/audio.wav"), 410);
+    const std::vector<json> listed = legs("?uuid=" + archived_uuid);
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed[0].at("state"), "archived");
+    EXPECT_EQ(listed[0].at("archive_url"), archive_url);
+    EXPECT_EQ(listed[0].at("archived_at_utc"), "2026-11-25T12:00:00.000000Z");
 }
 
 TEST_F(ServeE2eTest, AnsweringEveryoneNeedsLoopbackAndSigningInNeedsUsers) {

@@ -259,6 +259,49 @@ TEST_F(CatalogToolsTest, FindShowsRemovedLegsOnlyWhenAskedAndAsJson) {
     expected["state"] = "recorded";
     expected["removed_at_us"] = nullptr;
     expected["removed_at_utc"] = nullptr;
+    expected["archive_url"] = nullptr;
+    expected["archived_at_us"] = nullptr;
+    expected["archived_at_utc"] = nullptr;
+    EXPECT_EQ(json.out, expected.dump() + "\n");
+}
+
+TEST_F(CatalogToolsTest, ReindexKeepsArchivedLegsAndFindShowsWhereTheyAre) {
+    run_reindex();
+    {
+        std::string error;
+        const auto store = catalog::open_catalog("sqlite:catalog.db", m_storage.path(), error);
+        ASSERT_NE(store, nullptr) << error;
+        ASSERT_EQ(store->claim("archiver", 1, 60, 3).size(), 3U);
+        for (const CatalogRow& row : {m_first, m_second}) {
+            ASSERT_TRUE(store->mark_archived("archiver", catalog::key_of(row),
+                                             "s3://calls/" + row.summary.uuid + "/",
+                                             1795608000000000));
+        }
+    }
+    // The archiver deleted the first leg's directory; the second is still on disk.
+    fs::remove_all(m_storage.path() / m_first.summary.path);
+
+    EXPECT_EQ(run_reindex().out, "reindexed 2 legs: 0 added, 0 updated, 0 removed, 2 skipped\n");
+    const CatalogRow first = catalog::test::archived(
+        m_first, "s3://calls/" + m_first.summary.uuid + "/", 1795608000000000);
+    const CatalogRow second = catalog::test::archived(
+        m_second, "s3://calls/" + m_second.summary.uuid + "/", 1795608000000000);
+    EXPECT_EQ(all_rows(), (std::vector<CatalogRow>{media_only_row(), first, second}));
+
+    const CommandRun line = run_find({"--call-id", "call-1"});
+    EXPECT_EQ(line.status, 0);
+    EXPECT_EQ(line.out,
+              "2026-11-24T11:51:00.000000Z 12.500s call-1 00000000-0000-0000-0000-000000000001 "
+              "inbound side0=3/1 side1=0/0 s3://calls/00000000-0000-0000-0000-000000000001/\n");
+    const CommandRun json = run_find({"--call-id", "call-1", "--json"});
+    EXPECT_EQ(json.status, 0);
+    catalog::Json expected = m_first.summary;
+    expected["state"] = "archived";
+    expected["removed_at_us"] = nullptr;
+    expected["removed_at_utc"] = nullptr;
+    expected["archive_url"] = "s3://calls/00000000-0000-0000-0000-000000000001/";
+    expected["archived_at_us"] = 1795608000000000;
+    expected["archived_at_utc"] = "2026-11-25T12:00:00.000000Z";
     EXPECT_EQ(json.out, expected.dump() + "\n");
 }
 

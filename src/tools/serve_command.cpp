@@ -9,6 +9,7 @@
 
 #include "core/thread.hpp"
 #include "tools/recorder_catalog.hpp"
+#include "tools/stop_signals.hpp"
 #include "tools/tool_commands.hpp"
 #include "web/api_server.hpp"
 #include "web/listen_address.hpp"
@@ -85,16 +86,6 @@ private:
     web::ApiServer& m_server;
 };
 
-// SIGINT and SIGTERM blocked on the calling thread, so that sigwait() takes them.
-sigset_t stop_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return signals;
-}
-
 int run_serve(const ServeOptions& options) {
     const std::optional<web::ListenAddress> address = web::parse_listen_address(options.listen);
     if (!address) {
@@ -133,7 +124,7 @@ int run_serve(const ServeOptions& options) {
                   << std::endl;
         return 2;
     }
-    const sigset_t signals = stop_signals();
+    const sigset_t signals = block_stop_signals();
     ServeThread thread(*server);
     if (thread.start() != 0) {
         std::cerr << "quillmar serve: cannot start the server's thread" << std::endl;

@@ -17,6 +17,7 @@
 #include "catalog/open_catalog.hpp"
 #include "recording/audio_export.hpp"
 #include "recording/recording_inspector.hpp"
+#include "utils/path_inside.hpp"
 #include "web/access_log.hpp"
 #include "web/basic_auth.hpp"
 #include "web/byte_range.hpp"
@@ -244,7 +245,7 @@ bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Respon
         return false;
     }
     const std::optional<std::filesystem::path> inside =
-        path_inside(storage_root, std::filesystem::path(row.summary.path) / MEDIA_FILE);
+        utils::path_inside(storage_root, std::filesystem::path(row.summary.path) / MEDIA_FILE);
     if (!inside) {
         send_error(response, 404, "leg " + uuid + " lies outside the storage");
         return false;

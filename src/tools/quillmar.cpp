@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
     qm::tools::add_find_command(app, status);
     qm::tools::add_passwd_command(app, status);
     qm::tools::add_serve_command(app, status);
+    qm::tools::add_archive_command(app, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -18,5 +18,7 @@ void add_find_command(CLI::App& app, int& status);
 // `passwd FILE NAME`: the users of `quillmar serve`.
 void add_passwd_command(CLI::App& app, int& status);
 void add_serve_command(CLI::App& app, int& status);
+// `archive`: a service uploading legs to S3-compatible object storage.
+void add_archive_command(CLI::App& app, int& status);
 
 }  // namespace qm::tools

@@ -2,9 +2,6 @@
 // find`: two recorders at once, each row naming its own; a database that goes away while calls
 // are recorded, and one that is not there when the recorder starts. Recording never waits for the
 // catalogue, and the catalogue catches up from the storage once it answers, without a restart.
-//
-// One PostgreSQL server serves every test of the suite, each test in a database of its own; the
-// recorders run as root and find the server's password through PGPASSFILE, as any libpq client.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -23,9 +20,8 @@
 #include <vector>
 
 #include "catalog/leg_summary.hpp"
+#include "catalogued_recorders.hpp"
 #include "io/io_session_path.hpp"
-#include "postgres_server.hpp"
-#include "recorder_e2e.hpp"
 #include "tools/call_manifest.hpp"
 #include "utils/str.hpp"
 
@@ -36,164 +32,19 @@ using tools::CallManifest;
 using tools::Expectation;
 using tools::SentLeg;
 
-// Covers the writer's retries (1, 2, 4, 8, then 10 s apart) after the database is back, on a
-// loaded machine.
-constexpr std::chrono::seconds CATCH_UP_TIMEOUT{60};
-// Short calls: 20 frames a side.
-const std::vector<std::string> SHORT_CALLS = {"--duration", "0.4", "--rate", "2000"};
-
 const std::string OUTAGE =
     "CATALOG_WRITER: the catalogue cannot be written, recording goes on and the catalogue "
     "catches up from the storage when it answers: ";
 const std::string ANSWERS =
     "CATALOG_WRITER: the catalogue answers again, caught up with the storage: ";
 
-// A recorder of the test with its own storage, port and metrics file.
-struct Recorder {
-    ChildProcess* process = nullptr;
-    std::uint16_t port = 0;
-    std::filesystem::path storage;
-    std::filesystem::path metrics;
-};
-
-// A row `quillmar find --json` printed.
-struct FoundLeg {
-    catalog::LegSummary summary;
-    std::string state;
-};
-
-std::string host_name() {
-    char host[256] = {};
-    EXPECT_EQ(::gethostname(host, sizeof host - 1), 0);
-    return host;
-}
-
 std::size_t lost_of(const tools::SentSide& side) {
     return static_cast<std::size_t>(
         std::count(side.expectations.begin(), side.expectations.end(), Expectation::LOST));
 }
 
-class CatalogRecordersE2eTest : public RecorderE2eTest {
+class CatalogRecordersE2eTest : public CataloguedRecordersTest {
 protected:
-    static void SetUpTestSuite() {
-        s_directory = std::make_unique<TempDirectory>();
-        s_server = std::make_unique<PostgresServer>(s_directory->path());
-        s_server_running = true;
-        // The recorders and the tool inherit it.
-        ::setenv("PGPASSFILE", s_server->password_file().c_str(), 1);
-    }
-
-    static void TearDownTestSuite() {
-        s_server.reset();
-        s_directory.reset();
-    }
-
-    void SetUp() override {
-        ASSERT_NE(s_server, nullptr);
-        // A test that failed while the server was stopped leaves it so.
-        if (!s_server_running) {
-            start_server();
-        }
-        m_database = "catalog" + std::to_string(++s_databases);
-        s_server->create_database(m_database);
-    }
-
-    static void stop_server() {
-        s_server->stop();
-        s_server_running = false;
-    }
-
-    static void start_server() {
-        s_server->start();
-        s_server_running = true;
-    }
-
-    std::string catalog_uri() const { return s_server->uri(m_database); }
-
-    // Starts a recorder that catalogues into the test's database, with its storage and metrics
-    // file named after `name`, and waits until it receives.
-    Recorder start_catalogued(const std::string& name) {
-        Recorder recorder;
-        recorder.port = pick_port();
-        recorder.storage = directory.path() / (name + "-storage");
-        recorder.metrics = directory.path() / (name + ".prom");
-        const std::string config = directory.write_file(
-            name + ".conf", "storage = " + recorder.storage.string() + "\nport = " +
-                                std::to_string(recorder.port) + "\ncatalog = " + catalog_uri() +
-                                "\nmetrics_file = " + recorder.metrics.string() + "\n");
-        recorder.process = &start({"--config", config});
-        EXPECT_TRUE(wait_receiving(*recorder.process)) << recorder.process->standard_error();
-        return recorder;
-    }
-
-    // Starts `quillmar send` to `recorder`, its manifest in `manifest`.
-    ChildProcess& start_send(const Recorder& recorder, const std::filesystem::path& manifest,
-                             std::vector<std::string> options) {
-        std::vector<std::string> args = {"send", "--to",
-                                         "127.0.0.1:" + std::to_string(recorder.port), "--manifest",
-                                         manifest.string()};
-        args.insert(args.end(), options.begin(), options.end());
-        args.insert(args.end(), SHORT_CALLS.begin(), SHORT_CALLS.end());
-        return start_tool(std::move(args));
-    }
-
-    void send_calls(const Recorder& recorder, const std::filesystem::path& manifest,
-                    std::vector<std::string> options) {
-        ChildProcess& sender = start_send(recorder, manifest, std::move(options));
-        EXPECT_TRUE(finish(sender).exited_with(0)) << sender.standard_error();
-    }
-
-    static std::filesystem::path summary_of(const Recorder& recorder, const SentLeg& leg) {
-        return (recorder.storage / io::session_path(leg.ts, leg.uuid)).parent_path() / "leg.json";
-    }
-
-    // Waits until every leg of `sent` has its summary in the recorder's storage.
-    static bool wait_summaries(const Recorder& recorder, const CallManifest& sent) {
-        return poll_until(
-            [&] {
-                return std::all_of(sent.legs.begin(), sent.legs.end(), [&](const SentLeg& leg) {
-                    return std::filesystem::exists(summary_of(recorder, leg));
-                });
-            },
-            std::chrono::seconds(30), std::chrono::milliseconds(20));
-    }
-
-    // The legs `quillmar find --catalog URI --json` prints with `options` (none when it finds
-    // none); unset, with its standard error in `m_find_error`, when it cannot read the catalogue.
-    std::optional<std::vector<FoundLeg>> find(std::vector<std::string> options = {}) {
-        std::vector<std::string> args = {"find", "--catalog", catalog_uri(), "--json"};
-        args.insert(args.end(), options.begin(), options.end());
-        ChildProcess& tool = start_tool(std::move(args));
-        const ExitStatus status = finish(tool);
-        if (!status.exited_with(0) && !status.exited_with(1)) {
-            m_find_error = status.describe() + ": " + tool.standard_error();
-            return std::nullopt;
-        }
-        std::vector<FoundLeg> legs;
-        std::istringstream lines(tool.standard_output());
-        std::string line;
-        while (std::getline(lines, line)) {
-            const catalog::Json row = catalog::Json::parse(line);
-            legs.push_back({row.get<catalog::LegSummary>(), row.at("state").get<std::string>()});
-        }
-        return legs;
-    }
-
-    // Polls `find` until it gives `count` legs, or the catch-up's deadline passes. Until the
-    // recorder first reaches the database, the catalogue may not even have its tables.
-    std::vector<FoundLeg> find_until(std::size_t count) {
-        std::optional<std::vector<FoundLeg>> legs;
-        EXPECT_TRUE(poll_until(
-            [&] {
-                legs = find();
-                return legs && legs->size() == count;
-            },
-            CATCH_UP_TIMEOUT, std::chrono::milliseconds(200)))
-            << (legs ? std::to_string(legs->size()) + " legs of " + std::to_string(count)
-                     : m_find_error);
-        return legs.value_or(std::vector<FoundLeg>{});
-    }
-
     // Every leg of `sent` is in `found` once, as the recorder's summary on disk says, which agrees
     // with the manifest: its recorder, call id and per side the frames kept and the packets lost.
     static void expect_legs_of(const std::vector<FoundLeg>& found, const Recorder& recorder,
@@ -313,18 +164,6 @@ protected:
             EXPECT_EQ(failed, failures);
         }
     }
-
-    void stop_recorder(Recorder& recorder) {
-        EXPECT_TRUE(stop(*recorder.process).exited_with(0)) << recorder.process->standard_error();
-    }
-
-    std::string m_database;
-    std::string m_find_error;
-
-    static inline std::unique_ptr<TempDirectory> s_directory;
-    static inline std::unique_ptr<PostgresServer> s_server;
-    static inline bool s_server_running = false;
-    static inline int s_databases = 0;
 };
 
 // Two recorders on two ports with two storages, sent ten calls each at the same time: every leg

@@ -28,8 +28,11 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 install(TARGETS quillmarwriter RUNTIME DESTINATION sbin)
 install(TARGETS quillmar RUNTIME DESTINATION bin)
 
-install(FILES ${QM_PACKAGING_DIR}/writer.conf DESTINATION ${QM_CONFIG_DIR})
+install(FILES ${QM_PACKAGING_DIR}/writer.conf ${QM_PACKAGING_DIR}/archive.conf
+        DESTINATION ${QM_CONFIG_DIR})
 install(FILES ${QM_PACKAGING_DIR}/quillmarwriter.service ${QM_PACKAGING_DIR}/quillmarwriter@.service
+              ${QM_PACKAGING_DIR}/quillmar-archive.service ${QM_PACKAGING_DIR}/quillmar-archive@.service
+              ${QM_PACKAGING_DIR}/quillmar-serve.service
         DESTINATION ${QM_UNIT_DIR})
 install(FILES ${QM_PACKAGING_DIR}/60-quillmarwriter.conf DESTINATION lib/sysctl.d)
 
@@ -59,8 +62,9 @@ endforeach()
 add_custom_target(qm_man_pages ALL DEPENDS ${QM_COMPRESSED_MAN_PAGES})
 
 # dpkg takes for a conffile only what control/conffiles names: it is what keeps an operator's
-# edits of writer.conf across upgrades.
-file(WRITE ${QM_PACKAGING_BINARY_DIR}/conffiles "${QM_CONFIG_DIR}/writer.conf\n")
+# edits of writer.conf and archive.conf across upgrades.
+file(WRITE ${QM_PACKAGING_BINARY_DIR}/conffiles
+     "${QM_CONFIG_DIR}/archive.conf\n${QM_CONFIG_DIR}/writer.conf\n")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME quillmarwriter)

@@ -46,10 +46,14 @@ sort -k3 >"$work/expected" <<'EOF'
 drwxr-xr-x root/root ./etc/
 drwxr-xr-x root/root ./etc/varnholt/
 drwxr-xr-x root/root ./etc/varnholt/quillmar/
+-rw-r--r-- root/root ./etc/varnholt/quillmar/archive.conf
 -rw-r--r-- root/root ./etc/varnholt/quillmar/writer.conf
 drwxr-xr-x root/root ./lib/
 drwxr-xr-x root/root ./lib/systemd/
 drwxr-xr-x root/root ./lib/systemd/system/
+-rw-r--r-- root/root ./lib/systemd/system/quillmar-archive.service
+-rw-r--r-- root/root ./lib/systemd/system/quillmar-archive@.service
+-rw-r--r-- root/root ./lib/systemd/system/quillmar-serve.service
 -rw-r--r-- root/root ./lib/systemd/system/quillmarwriter.service
 -rw-r--r-- root/root ./lib/systemd/system/quillmarwriter@.service
 drwxr-xr-x root/root ./usr/
@@ -85,8 +89,8 @@ dpkg-deb -e "$deb" "$control"
 members=$(cd "$control" && ls | tr '\n' ' ')
 [ "$members" = "conffiles control md5sums postinst postrm " ] ||
     fail "control members are [$members], expected [conffiles control md5sums postinst postrm ]"
-[ "$(cat "$control/conffiles")" = "/etc/varnholt/quillmar/writer.conf" ] ||
-    fail "conffiles is [$(cat "$control/conffiles")], expected /etc/varnholt/quillmar/writer.conf"
+[ "$(cat "$control/conffiles" | tr '\n' ' ')" = "/etc/varnholt/quillmar/archive.conf /etc/varnholt/quillmar/writer.conf " ] ||
+    fail "conffiles is [$(cat "$control/conffiles")], expected archive.conf and writer.conf"
 
 field() { dpkg-deb --field "$deb" "$1"; }
 [ "$(field Package)" = quillmarwriter ] || fail "Package: $(field Package)"
@@ -114,6 +118,10 @@ same() {
 same "$packaging/writer.conf" "$root/etc/varnholt/quillmar/writer.conf"
 same "$packaging/quillmarwriter.service" "$root/lib/systemd/system/quillmarwriter.service"
 same "$packaging/quillmarwriter@.service" "$root/lib/systemd/system/quillmarwriter@.service"
+for unit in quillmar-archive.service quillmar-archive@.service quillmar-serve.service; do
+    same "$packaging/$unit" "$root/lib/systemd/system/$unit"
+done
+same "$packaging/archive.conf" "$root/etc/varnholt/quillmar/archive.conf"
 same "$packaging/60-quillmarwriter.conf" "$root/usr/lib/sysctl.d/60-quillmarwriter.conf"
 same "$packaging/postinst" "$control/postinst"
 same "$packaging/postrm" "$control/postrm"
@@ -197,7 +205,8 @@ vroot="$work/verify-root"
 cp -a "$root" "$vroot"
 mkdir -p "$vroot/usr/lib/systemd/system"
 cp /usr/lib/systemd/system/*.target /usr/lib/systemd/system/*.slice "$vroot/usr/lib/systemd/system/"
-for unit in /lib/systemd/system/quillmarwriter.service quillmarwriter@test.service; do
+for unit in /lib/systemd/system/quillmarwriter.service quillmarwriter@test.service \
+    quillmar-archive.service quillmar-archive@test.service quillmar-serve.service; do
     status=0
     systemd-analyze verify --man=no --root="$vroot" "$unit" >"$work/verify.log" 2>&1 || status=$?
     if [ "$status" -ne 0 ] || [ -s "$work/verify.log" ]; then

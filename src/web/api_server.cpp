@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
@@ -35,6 +36,8 @@ constexpr std::size_t MAX_LIMIT = 1000;
 constexpr std::size_t MAX_WIDTH = 10000;
 // Connections answered at once; more wait for a free worker.
 constexpr std::size_t WORKERS = 8;
+// The bytes of audio made for the connection at a time.
+constexpr std::size_t AUDIO_PIECE = 64 * 1024;
 // The leg's recording in its directory.
 constexpr const char* MEDIA_FILE = "media.qm";
 
@@ -271,6 +274,46 @@ void ApiServer::State::show_leg(const httplib::Request& request, httplib::Respon
     }
 }
 
+namespace {
+
+// The audio of one answer: a .wav made as it is sent, or a .flac made whole, since FLAC's size is
+// known only once encoded.
+class AudioBody {
+public:
+    AudioBody(const recording::ExportOptions& options, bool wav) {
+        if (wav) {
+            m_stream = std::make_shared<recording::WavExportStream>(options);
+        } else {
+            m_whole = std::make_shared<std::string>(recording::export_audio_bytes(options));
+        }
+    }
+
+    std::uint64_t size() const { return m_stream ? m_stream->size() : m_whole->size(); }
+
+    // Sends bytes range.first..range.last, a piece at a time as the connection takes them.
+    void send(httplib::Response& response, const ByteRange& range, const std::string& type) const {
+        if (m_whole) {
+            response.set_content(m_whole->substr(range.first, range.last - range.first + 1), type);
+            return;
+        }
+        response.set_content_provider(
+            range.last - range.first + 1, type,
+            [stream = m_stream, first = range.first](std::size_t offset, std::size_t length,
+                                                     httplib::DataSink& sink) {
+                std::string piece;
+                stream->read(first + offset, std::min(length, AUDIO_PIECE), piece);
+                return sink.write(piece.data(), piece.size());
+            });
+    }
+
+private:
+    // Shared with the content provider, which the library copies and calls after the handler.
+    std::shared_ptr<recording::WavExportStream> m_stream;
+    std::shared_ptr<const std::string> m_whole;
+};
+
+}  // namespace
+
 void ApiServer::State::send_audio(const httplib::Request& request, httplib::Response& response) {
     catalog::CatalogRow row;
     std::filesystem::path file;
@@ -281,13 +324,14 @@ void ApiServer::State::send_audio(const httplib::Request& request, httplib::Resp
     recording::ExportOptions options;
     options.input = file;
     options.output = "leg." + format;
-    const std::string audio = recording::export_audio_bytes(options);
+    const AudioBody audio(options, format == "wav");
+    const std::uint64_t size = audio.size();
     const std::string type = format == "wav" ? "audio/wav" : "audio/flac";
     response.set_header("Accept-Ranges", "bytes");
     // The library would cut the body by the request's ranges again; the answer below is whole.
     // The request object is the library's own, not a const one.
     const_cast<httplib::Request&>(request).ranges.clear();
-    const RangeAnswer answer = answer_range(request.get_header_value("Range"), audio.size());
+    const RangeAnswer answer = answer_range(request.get_header_value("Range"), size);
     // A player asks for the rest of the file as it plays and seeks: only the request from the
     // first byte starts a playback.
     if (answer.kind == RangeKind::WHOLE ||
@@ -298,21 +342,24 @@ void ApiServer::State::send_audio(const httplib::Request& request, httplib::Resp
     switch (answer.kind) {
         case RangeKind::WHOLE:
             response.status = 200;
-            response.set_content(audio, type);
+            if (size > 0) {
+                audio.send(response, ByteRange{0, size - 1}, type);
+            } else {
+                response.set_content("", type);
+            }
             break;
         case RangeKind::PART:
             response.status = 206;
             response.set_header("Content-Range", "bytes " + std::to_string(answer.range.first) +
                                                      "-" + std::to_string(answer.range.last) + "/" +
-                                                     std::to_string(audio.size()));
-            response.set_content(
-                audio.substr(answer.range.first, answer.range.last - answer.range.first + 1), type);
+                                                     std::to_string(size));
+            audio.send(response, answer.range, type);
             break;
         case RangeKind::UNSATISFIABLE:
-            response.set_header("Content-Range", "bytes */" + std::to_string(audio.size()));
-            send_error(response, 416,
-                       "the range lies outside the " + std::to_string(audio.size()) +
-                           " bytes of the audio");
+            response.set_header("Content-Range", "bytes */" + std::to_string(size));
+            send_error(
+                response, 416,
+                "the range lies outside the " + std::to_string(size) + " bytes of the audio");
             break;
     }
 }

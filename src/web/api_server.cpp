@@ -135,15 +135,36 @@ Json peaks_json(const recording::LegPeaks& peaks, std::size_t width) {
     return Json{{"samples", peaks.samples}, {"width", width}, {"sides", sides}};
 }
 
+// The library's server: HTTPS with the TLS files, plain HTTP without.
+// THROWS: std::runtime_error when the files are refused.
+std::unique_ptr<httplib::Server> make_server(const std::optional<TlsFiles>& tls) {
+    if (!tls) {
+        return std::make_unique<httplib::Server>();
+    }
+    if (const std::optional<std::string> problem = tls_files_problem(*tls)) {
+        throw std::runtime_error(*problem);
+    }
+    auto server = std::make_unique<httplib::SSLServer>(tls->cert.c_str(), tls->key.c_str());
+    if (!server->is_valid()) {
+        throw std::runtime_error("cannot answer HTTPS with --cert " + tls->cert.string() +
+                                 " and --key " + tls->key.string());
+    }
+    return server;
+}
+
 }  // namespace
 
 struct ApiServer::State {
+    explicit State(const ApiSettings& given)
+        : settings(given), owned_server(make_server(given.tls)), server(*owned_server) {}
+
     ApiSettings settings;
     std::filesystem::path storage_root;
     // The connection serves one thread at a time; lookups are short.
     std::mutex catalog_mutex;
     std::unique_ptr<catalog::CatalogStore> store;
-    httplib::Server server;
+    std::unique_ptr<httplib::Server> owned_server;
+    httplib::Server& server;
     int port = 0;
     SignInLimiter limiter;
     std::unique_ptr<AccessLog> access_log;
@@ -433,9 +454,8 @@ void ApiServer::State::add_routes() {
     });
 }
 
-ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<State>()) {
+ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<State>(settings)) {
     State& state = *m_state;
-    state.settings = settings;
     std::error_code error;
     state.storage_root = std::filesystem::canonical(settings.storage, error);
     if (error || !std::filesystem::is_directory(state.storage_root)) {

@@ -66,7 +66,11 @@ fresh_storage
 write_config "$work/storage"
 "$build/quillmarwriter" --config "$work/writer.conf" 2>"$work/recorder.out" &
 recorder=$!
-sleep 1
+# Receiving once its packet reader runs; on a busy machine that can take more than a second.
+for _ in $(seq 1 200); do
+    grep -q "PACKETS_READER: thread \[" "$work/recorder.out" && break
+    sleep 0.05
+done
 seed_legs
 printf 'bench\n' | "$build/quillmar" passwd "$work/users" bench >/dev/null
 # QM_BENCH_NO_AUTH=1: serve answers without sign-in, to tell what the password checks cost.

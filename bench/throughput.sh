@@ -315,9 +315,12 @@ recorder_lost() {
     { grep -o 'session lost packets number\.*: [0-9]*' "$1" || echo 0; } | tail -1 | grep -o '[0-9]*$'
 }
 
-setup
-case $mode in
-    ladder) shift 2 || true; ladder "$@" ;;
-    soak) soak "${3:-600}" ;;
-    *) echo "usage: $0 ladder|soak [BUFFER] [SECONDS] [RATES...]" >&2; exit 2 ;;
-esac
+# Sourced (by bench/serve_load.sh), the harness only lends its functions.
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+    setup
+    case $mode in
+        ladder) shift 2 || true; ladder "$@" ;;
+        soak) soak "${3:-600}" ;;
+        *) echo "usage: $0 ladder|soak [BUFFER] [SECONDS] [RATES...]" >&2; exit 2 ;;
+    esac
+fi

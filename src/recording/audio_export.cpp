@@ -235,6 +235,12 @@ public:
     // REQUIRES: `frames` sorted by start.
     explicit SideTrack(const std::vector<PlacedFrame>& frames) : m_frames(frames) {}
 
+    // Moves to `position`: the next fill starts there, passing the frames that end before it.
+    void seek(std::uint64_t position) {
+        m_next = 0;
+        m_position = position;
+    }
+
     // Fills `out` with the next `count` samples.
     void fill(std::int16_t* out, std::size_t count) {
         while (count > 0) {
@@ -290,42 +296,71 @@ struct SoundFileCloser {
     void operator()(SNDFILE* file) const { sf_close(file); }
 };
 
-// Writes the timeline in blocks; false when libsndfile did not take a block.
-bool write_sound(SNDFILE* sound, const Timeline& timeline, ExportChannels channels) {
-    std::array<SideTrack, 2> tracks = {SideTrack(timeline.sides[0]), SideTrack(timeline.sides[1])};
-    std::array<std::vector<std::int16_t>, 2> sides = {std::vector<std::int16_t>(BLOCK_FRAMES),
-                                                      std::vector<std::int16_t>(BLOCK_FRAMES)};
-    const int width = channel_count(channels);
-    std::vector<std::int16_t> block(BLOCK_FRAMES * width);
-    for (std::uint64_t written = 0; written < timeline.length;) {
-        const auto frames = static_cast<std::size_t>(
-            std::min<std::uint64_t>(BLOCK_FRAMES, timeline.length - written));
-        switch (channels) {
+// The timeline's sample frames as `channels` interleaves them, a block at a time from any frame
+// on.
+class FrameBlocks {
+public:
+    FrameBlocks(const Timeline& timeline, ExportChannels channels)
+        : m_tracks{SideTrack(timeline.sides[0]), SideTrack(timeline.sides[1])},
+          m_channels(channels),
+          m_block(BLOCK_FRAMES * channel_count(channels)) {}
+
+    // The sample frame the next block starts at.
+    std::uint64_t position() const { return m_position; }
+
+    void seek(std::uint64_t frame) {
+        m_tracks[0].seek(frame);
+        m_tracks[1].seek(frame);
+        m_position = frame;
+    }
+
+    // The next `frames` sample frames, interleaved; valid until the next call.
+    // REQUIRES: frames <= BLOCK_FRAMES.
+    const std::int16_t* next(std::size_t frames) {
+        switch (m_channels) {
             case ExportChannels::SIDE_0:
-                tracks[0].fill(block.data(), frames);
+                m_tracks[0].fill(m_block.data(), frames);
                 break;
             case ExportChannels::SIDE_1:
-                tracks[1].fill(block.data(), frames);
+                m_tracks[1].fill(m_block.data(), frames);
                 break;
             case ExportChannels::STEREO:
             case ExportChannels::MIX:
-                tracks[0].fill(sides[0].data(), frames);
-                tracks[1].fill(sides[1].data(), frames);
+                m_tracks[0].fill(m_sides[0].data(), frames);
+                m_tracks[1].fill(m_sides[1].data(), frames);
                 for (std::size_t i = 0; i < frames; ++i) {
-                    if (channels == ExportChannels::STEREO) {
-                        block[2 * i] = sides[0][i];
-                        block[2 * i + 1] = sides[1][i];
+                    if (m_channels == ExportChannels::STEREO) {
+                        m_block[2 * i] = m_sides[0][i];
+                        m_block[2 * i + 1] = m_sides[1][i];
                     } else {
-                        block[i] = clipped_sum(sides[0][i], sides[1][i]);
+                        m_block[i] = clipped_sum(m_sides[0][i], m_sides[1][i]);
                     }
                 }
                 break;
         }
-        if (sf_writef_short(sound, block.data(), static_cast<sf_count_t>(frames)) !=
+        m_position += frames;
+        return m_block.data();
+    }
+
+private:
+    std::array<SideTrack, 2> m_tracks;
+    ExportChannels m_channels;
+    std::array<std::vector<std::int16_t>, 2> m_sides = {std::vector<std::int16_t>(BLOCK_FRAMES),
+                                                        std::vector<std::int16_t>(BLOCK_FRAMES)};
+    std::vector<std::int16_t> m_block;
+    std::uint64_t m_position = 0;
+};
+
+// Writes the timeline in blocks; false when libsndfile did not take a block.
+bool write_sound(SNDFILE* sound, const Timeline& timeline, ExportChannels channels) {
+    FrameBlocks blocks(timeline, channels);
+    while (blocks.position() < timeline.length) {
+        const auto frames = static_cast<std::size_t>(
+            std::min<std::uint64_t>(BLOCK_FRAMES, timeline.length - blocks.position()));
+        if (sf_writef_short(sound, blocks.next(frames), static_cast<sf_count_t>(frames)) !=
             static_cast<sf_count_t>(frames)) {
             return false;
         }
-        written += frames;
     }
     return true;
 }
@@ -380,19 +415,22 @@ void write_and_close(std::unique_ptr<SNDFILE, SoundFileCloser> sound, const Time
     }
 }
 
-// A growing file in memory for libsndfile's virtual I/O: writers seek back to fill in headers.
-struct MemoryFile {
-    std::string bytes;
+// A file libsndfile writes through its virtual I/O: where it stands and how far the file reaches;
+// `Store` keeps the bytes written (writers seek back to fill in headers) and reads them back.
+template <typename Store>
+struct VirtualFile {
+    Store store;
     sf_count_t position = 0;
+    sf_count_t extent = 0;
 
-    static MemoryFile& of(void* user) { return *static_cast<MemoryFile*>(user); }
+    static VirtualFile& of(void* user) { return *static_cast<VirtualFile*>(user); }
 
-    static sf_count_t length(void* user) { return static_cast<sf_count_t>(of(user).bytes.size()); }
+    static sf_count_t length(void* user) { return of(user).extent; }
 
     static sf_count_t seek(sf_count_t offset, int whence, void* user) {
-        MemoryFile& file = of(user);
+        VirtualFile& file = of(user);
         const sf_count_t base = whence == SEEK_CUR   ? file.position
-                                : whence == SEEK_END ? length(user)
+                                : whence == SEEK_END ? file.extent
                                                      : 0;
         if (base + offset < 0) {
             return -1;
@@ -402,29 +440,207 @@ struct MemoryFile {
     }
 
     static sf_count_t read(void* out, sf_count_t count, void* user) {
-        MemoryFile& file = of(user);
-        const sf_count_t available = std::max<sf_count_t>(0, length(user) - file.position);
-        const sf_count_t taken = std::min(count, available);
-        std::memcpy(out, file.bytes.data() + file.position, static_cast<std::size_t>(taken));
+        VirtualFile& file = of(user);
+        const sf_count_t taken =
+            std::min(count, std::max<sf_count_t>(0, file.extent - file.position));
+        file.store.read_at(static_cast<std::uint64_t>(file.position), static_cast<char*>(out),
+                           static_cast<std::size_t>(taken));
         file.position += taken;
         return taken;
     }
 
     static sf_count_t write(const void* in, sf_count_t count, void* user) {
-        MemoryFile& file = of(user);
-        const auto end = static_cast<std::size_t>(file.position + count);
-        if (end > file.bytes.size()) {
-            file.bytes.resize(end);
-        }
-        std::memcpy(file.bytes.data() + file.position, in, static_cast<std::size_t>(count));
+        VirtualFile& file = of(user);
+        file.store.write_at(static_cast<std::uint64_t>(file.position), static_cast<const char*>(in),
+                            static_cast<std::size_t>(count));
         file.position += count;
+        file.extent = std::max(file.extent, file.position);
         return count;
     }
 
     static sf_count_t tell(void* user) { return of(user).position; }
+
+    static SF_VIRTUAL_IO io() { return {&length, &seek, &read, &write, &tell}; }
 };
 
+// Every byte, in memory.
+struct WholeStore {
+    std::string bytes;
+
+    void read_at(std::uint64_t position, char* out, std::size_t count) const {
+        std::memcpy(out, bytes.data() + position, count);
+    }
+
+    void write_at(std::uint64_t position, const char* in, std::size_t count) {
+        bytes.resize(std::max<std::size_t>(bytes.size(), position + count));
+        std::memcpy(bytes.data() + position, in, count);
+    }
+};
+
+// What surrounds the samples, without them: the bytes before `data_start` (the header, written at
+// the open and again at the close) and from `data_end` on. Samples read back as silence.
+struct FramingStore {
+    std::uint64_t data_start = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t data_end = std::numeric_limits<std::uint64_t>::max();
+    std::string head;
+    std::string tail;
+
+    void read_at(std::uint64_t position, char* out, std::size_t count) const {
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::uint64_t at = position + i;
+            out[i] = at < head.size()                                ? head[at]
+                     : at >= data_end && at - data_end < tail.size() ? tail[at - data_end]
+                                                                     : '\0';
+        }
+    }
+
+    void write_at(std::uint64_t position, const char* in, std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::uint64_t at = position + i;
+            if (at < data_start) {
+                put(head, at, in[i]);
+            } else if (at >= data_end) {
+                put(tail, at - data_end, in[i]);
+            }
+        }
+    }
+
+    static void put(std::string& bytes, std::uint64_t at, char byte) {
+        if (at >= bytes.size()) {
+            bytes.resize(at + 1);
+        }
+        bytes[at] = byte;
+    }
+};
+
+// Writes `frames` sample frames of silence in blocks; false when libsndfile did not take one.
+bool write_silence(SNDFILE* sound, int channels, std::uint64_t frames) {
+    const std::vector<std::int16_t> block(BLOCK_FRAMES * channels);
+    for (std::uint64_t written = 0; written < frames;) {
+        const auto count =
+            static_cast<sf_count_t>(std::min<std::uint64_t>(BLOCK_FRAMES, frames - written));
+        if (sf_writef_short(sound, block.data(), count) != count) {
+            return false;
+        }
+        written += static_cast<std::uint64_t>(count);
+    }
+    return true;
+}
+
 }  // namespace
+
+struct WavExportStream::State {
+    explicit State(const ExportOptions& options)
+        : placed(options.input), blocks(placed.timeline(), options.channels) {}
+
+    PlacedRecording placed;
+    FrameBlocks blocks;
+    // The bytes of one sample frame.
+    std::uint64_t frame_bytes = 0;
+    // libsndfile's header and what it puts after the samples.
+    std::string head;
+    std::string tail;
+    // The block made last, and the offset of its first byte in the samples.
+    std::string block;
+    std::uint64_t block_at = 0;
+
+    std::uint64_t data_size() const { return placed.timeline().length * frame_bytes; }
+
+    // Appends bytes [first, first + count) of the samples to `out`, blocks made as needed.
+    void read_samples(std::uint64_t first, std::size_t count, std::string& out);
+    // Makes the block holding byte `at` of the samples.
+    void make_block(std::uint64_t at);
+};
+
+void WavExportStream::State::make_block(std::uint64_t at) {
+    const std::uint64_t frame = at / frame_bytes;
+    if (frame != blocks.position()) {
+        blocks.seek(frame);
+    }
+    const auto frames = static_cast<std::size_t>(
+        std::min<std::uint64_t>(BLOCK_FRAMES, placed.timeline().length - frame));
+    const std::int16_t* samples = blocks.next(frames);
+    const std::size_t values = static_cast<std::size_t>(frames * frame_bytes / 2);
+    block.resize(2 * values);
+    // Little-endian, as the file holds them.
+    for (std::size_t i = 0; i < values; ++i) {
+        const auto value = static_cast<std::uint16_t>(samples[i]);
+        block[2 * i] = static_cast<char>(value & 0xff);
+        block[2 * i + 1] = static_cast<char>(value >> 8);
+    }
+    block_at = frame * frame_bytes;
+}
+
+void WavExportStream::State::read_samples(std::uint64_t first, std::size_t count,
+                                          std::string& out) {
+    while (count > 0) {
+        if (first < block_at || first >= block_at + block.size()) {
+            make_block(first);
+        }
+        const auto offset = static_cast<std::size_t>(first - block_at);
+        const std::size_t taken = std::min(count, block.size() - offset);
+        out.append(block, offset, taken);
+        first += taken;
+        count -= taken;
+    }
+}
+
+WavExportStream::WavExportStream(const ExportOptions& options) {
+    SF_INFO info = sound_info_for(options);
+    if ((info.format & SF_FORMAT_TYPEMASK) != SF_FORMAT_WAV) {
+        throw failure(options.output, "only .wav is exported as it is read");
+    }
+    m_state = std::make_unique<State>(options);
+    State& state = *m_state;
+    state.frame_bytes = 2u * static_cast<std::uint64_t>(info.channels);
+    VirtualFile<FramingStore> framing;
+    SF_VIRTUAL_IO io = VirtualFile<FramingStore>::io();
+    std::unique_ptr<SNDFILE, SoundFileCloser> sound(
+        sf_open_virtual(&io, SFM_WRITE, &info, &framing));
+    const auto failed = [&options](const std::string& reason) {
+        return failure(options.input, "cannot export: " + reason);
+    };
+    if (!sound) {
+        throw failed(sf_strerror(nullptr));
+    }
+    // The samples start where the header written at the open ends.
+    framing.store.data_start = static_cast<std::uint64_t>(framing.extent);
+    framing.store.data_end = framing.store.data_start + state.data_size();
+    if (!write_silence(sound.get(), info.channels, state.placed.timeline().length)) {
+        throw failed(sf_strerror(sound.get()));
+    }
+    const int closed = sf_close(sound.release());
+    if (closed != 0) {
+        throw failed(sf_error_number(closed));
+    }
+    state.head = std::move(framing.store.head);
+    state.tail = std::move(framing.store.tail);
+}
+
+WavExportStream::~WavExportStream() = default;
+
+std::uint64_t WavExportStream::size() const {
+    return m_state->head.size() + m_state->data_size() + m_state->tail.size();
+}
+
+void WavExportStream::read(std::uint64_t first, std::size_t count, std::string& out) {
+    State& state = *m_state;
+    const std::uint64_t data_start = state.head.size();
+    const std::uint64_t data_end = data_start + state.data_size();
+    const std::uint64_t last = first + count;
+    if (first < data_start) {
+        out.append(state.head, first, std::min(last, data_start) - first);
+    }
+    if (last > data_start && first < data_end) {
+        const std::uint64_t from = std::max(first, data_start);
+        state.read_samples(from - data_start,
+                           static_cast<std::size_t>(std::min(last, data_end) - from), out);
+    }
+    if (last > data_end) {
+        const std::uint64_t from = std::max(first, data_end);
+        out.append(state.tail, from - data_end, last - from);
+    }
+}
 
 ExportResult export_audio(const ExportOptions& options) {
     SF_INFO info = sound_info_for(options);
@@ -447,16 +663,15 @@ ExportResult export_audio(const ExportOptions& options) {
 std::string export_audio_bytes(const ExportOptions& options) {
     SF_INFO info = sound_info_for(options);
     PlacedRecording placed(options.input);
-    MemoryFile memory;
-    SF_VIRTUAL_IO io{&MemoryFile::length, &MemoryFile::seek, &MemoryFile::read, &MemoryFile::write,
-                     &MemoryFile::tell};
+    VirtualFile<WholeStore> memory;
+    SF_VIRTUAL_IO io = VirtualFile<WholeStore>::io();
     const auto failed = [&options](const std::string& reason) {
         return failure(options.input, "cannot export: " + reason);
     };
     write_and_close(
         std::unique_ptr<SNDFILE, SoundFileCloser>(sf_open_virtual(&io, SFM_WRITE, &info, &memory)),
         placed.timeline(), options.channels, failed);
-    return std::move(memory.bytes);
+    return std::move(memory.store.bytes);
 }
 
 LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width) {

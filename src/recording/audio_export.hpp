@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,36 @@ ExportResult export_audio(const ExportOptions& options);
 // (its extension) and is neither read nor written; `force` is ignored.
 // THROWS: std::runtime_error as export_audio, for the input or for libsndfile.
 std::string export_audio_bytes(const ExportOptions& options);
+
+// The bytes of a .wav export, export_audio_bytes's to the byte, made on demand a span at a time:
+// for sending a leg as it is exported, and answering a player's range request without making what
+// lies before it. The recording is opened and its frames placed once, as export_audio does (the
+// reader holds the recording's bytes); the audio is made a block of sample frames at a time from
+// the span's first frame on, so the memory read() takes follows the block, not the span nor the
+// leg. The header and what follows the samples are libsndfile's own, taken from a write of the
+// leg's length of silence that keeps no sample. One thread at a time.
+class WavExportStream {
+public:
+    // `options.output` only names the format and must end in .wav; `force` is ignored.
+    // THROWS: std::runtime_error as export_audio_bytes, and naming the output for another format.
+    explicit WavExportStream(const ExportOptions& options);
+    ~WavExportStream();
+
+    WavExportStream(const WavExportStream&) = delete;
+    WavExportStream& operator=(const WavExportStream&) = delete;
+
+    // The size of the whole export.
+    std::uint64_t size() const;
+
+    // Appends bytes [first, first + count) of the export to `out`. Reading on from where the last
+    // read ended continues the audio; any other start seeks to it.
+    // REQUIRES: first + count <= size().
+    void read(std::uint64_t first, std::size_t count, std::string& out);
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
 
 // One column of a waveform: the smallest and largest sample of a side in it; 0 and 0 for a
 // column the timeline does not reach (a timeline shorter than the columns are many).

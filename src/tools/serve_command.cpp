@@ -21,6 +21,8 @@ constexpr const char* NO_USERS =
     "quillmar serve: no users to sign in: give --users FILE with at least one user (quillmar "
     "passwd "
     "FILE NAME), or --no-auth on a loopback address";
+constexpr const char* CERT_WITHOUT_KEY =
+    "quillmar serve: --cert and --key go together: give both or neither";
 constexpr const char* NO_AUTH_REFUSED =
     "quillmar serve: --no-auth is allowed only on a loopback address (127.0.0.0/8, ::1)";
 
@@ -31,6 +33,8 @@ struct ServeOptions {
     std::optional<std::string> metrics;
     std::optional<std::string> users;
     std::optional<std::string> access_log;
+    std::optional<std::string> cert;
+    std::optional<std::string> key;
     bool no_auth = false;
 };
 
@@ -94,6 +98,10 @@ int run_serve(const ServeOptions& options) {
                   << std::endl;
         return 2;
     }
+    if (options.cert.has_value() != options.key.has_value()) {
+        std::cerr << CERT_WITHOUT_KEY << std::endl;
+        return 2;
+    }
     web::ApiSettings settings;
     if (!choose_users(options, *address, settings)) {
         return 2;
@@ -111,6 +119,9 @@ int run_serve(const ServeOptions& options) {
     }
     if (options.access_log) {
         settings.access_log = *options.access_log;
+    }
+    if (options.cert) {
+        settings.tls = web::TlsFiles{*options.cert, *options.key};
     }
     std::unique_ptr<web::ApiServer> server;
     try {
@@ -130,8 +141,8 @@ int run_serve(const ServeOptions& options) {
         std::cerr << "quillmar serve: cannot start the server's thread" << std::endl;
         return 2;
     }
-    std::cout << "listening on http://" << web::address_text({address->host, server->port()})
-              << std::endl;
+    std::cout << "listening on " << (settings.tls ? "https" : "http") << "://"
+              << web::address_text({address->host, server->port()}) << std::endl;
     int received = 0;
     sigwait(&signals, &received);
     static_cast<void>(thread.stop());
@@ -155,6 +166,10 @@ void add_serve_command(CLI::App& app, int& status) {
                         "the users who may sign in, name:hash lines (quillmar passwd)");
     command->add_option("--access-log", options->access_log,
                         "append a line per view, playback and download of a leg here");
+    command->add_option("--cert", options->cert,
+                        "answer HTTPS with this PEM certificate (with --key)");
+    command->add_option("--key", options->key,
+                        "the certificate's PEM private key, not open to others (with --cert)");
     command->add_flag("--no-auth", options->no_auth,
                       "answer everyone: allowed only on a loopback address");
     command->callback([options, &status] { status = run_serve(*options); });

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
@@ -21,6 +22,7 @@
 #include "web/access_log.hpp"
 #include "web/basic_auth.hpp"
 #include "web/byte_range.hpp"
+#include "web/credential_cache.hpp"
 #include "web/leg_request.hpp"
 #include "web/metrics_json.hpp"
 #include "web/page_routes.hpp"
@@ -37,6 +39,8 @@ constexpr std::size_t MAX_LIMIT = 1000;
 constexpr std::size_t MAX_WIDTH = 10000;
 // Connections answered at once; more wait for a free worker.
 constexpr std::size_t WORKERS = 8;
+// The bytes of audio made for the connection at a time.
+constexpr std::size_t AUDIO_PIECE = 64 * 1024;
 // The leg's recording in its directory.
 constexpr const char* MEDIA_FILE = "media.qm";
 
@@ -134,22 +138,46 @@ Json peaks_json(const recording::LegPeaks& peaks, std::size_t width) {
     return Json{{"samples", peaks.samples}, {"width", width}, {"sides", sides}};
 }
 
+// The library's server: HTTPS with the TLS files, plain HTTP without.
+// THROWS: std::runtime_error when the files are refused.
+std::unique_ptr<httplib::Server> make_server(const std::optional<TlsFiles>& tls) {
+    if (!tls) {
+        return std::make_unique<httplib::Server>();
+    }
+    if (const std::optional<std::string> problem = tls_files_problem(*tls)) {
+        throw std::runtime_error(*problem);
+    }
+    auto server = std::make_unique<httplib::SSLServer>(tls->cert.c_str(), tls->key.c_str());
+    if (!server->is_valid()) {
+        throw std::runtime_error("cannot answer HTTPS with --cert " + tls->cert.string() +
+                                 " and --key " + tls->key.string());
+    }
+    return server;
+}
+
 }  // namespace
 
 struct ApiServer::State {
+    explicit State(const ApiSettings& given)
+        : settings(given), owned_server(make_server(given.tls)), server(*owned_server) {}
+
     ApiSettings settings;
     std::filesystem::path storage_root;
     // The connection serves one thread at a time; lookups are short.
     std::mutex catalog_mutex;
     std::unique_ptr<catalog::CatalogStore> store;
-    httplib::Server server;
+    std::unique_ptr<httplib::Server> owned_server;
+    httplib::Server& server;
     int port = 0;
     SignInLimiter limiter;
+    CredentialCache checked_credentials;
     std::unique_ptr<AccessLog> access_log;
     std::unique_ptr<PageRoutes> pages;
 
     // Whether the request comes from a user who may look, or false with the answer sent.
     bool signed_in(const httplib::Request& request, httplib::Response& response);
+    // Whether the Basic credentials are a user's: checked recently, or by the users file now.
+    bool verified(const Credentials& credentials, CredentialCache::Clock::time_point now);
     // The user a request is answered as: its session's, or its Basic credentials' name.
     std::string user_of(const httplib::Request& request);
     // Writes the access to the leg `uuid` to the access log, when there is one.
@@ -188,7 +216,7 @@ bool ApiServer::State::signed_in(const httplib::Request& request, httplib::Respo
     }
     const std::optional<Credentials> credentials =
         basic_credentials(request.get_header_value("Authorization"));
-    if (credentials && settings.users->verify(credentials->name, credentials->password)) {
+    if (credentials && verified(*credentials, now)) {
         limiter.succeeded(request.remote_addr);
         return true;
     }
@@ -201,6 +229,18 @@ bool ApiServer::State::signed_in(const httplib::Request& request, httplib::Respo
     }
     send_error(response, 401, "sign in as a user of the users file");
     return false;
+}
+
+bool ApiServer::State::verified(const Credentials& credentials,
+                                CredentialCache::Clock::time_point now) {
+    if (checked_credentials.known(credentials, now)) {
+        return true;
+    }
+    if (!settings.users->verify(credentials.name, credentials.password)) {
+        return false;
+    }
+    checked_credentials.remember(credentials, now);
+    return true;
 }
 
 void ApiServer::State::record(const httplib::Request& request, const std::string& uuid,
@@ -294,6 +334,46 @@ void ApiServer::State::show_leg(const httplib::Request& request, httplib::Respon
     }
 }
 
+namespace {
+
+// The audio of one answer: a .wav made as it is sent, or a .flac made whole, since FLAC's size is
+// known only once encoded.
+class AudioBody {
+public:
+    AudioBody(const recording::ExportOptions& options, bool wav) {
+        if (wav) {
+            m_stream = std::make_shared<recording::WavExportStream>(options);
+        } else {
+            m_whole = std::make_shared<std::string>(recording::export_audio_bytes(options));
+        }
+    }
+
+    std::uint64_t size() const { return m_stream ? m_stream->size() : m_whole->size(); }
+
+    // Sends bytes range.first..range.last, a piece at a time as the connection takes them.
+    void send(httplib::Response& response, const ByteRange& range, const std::string& type) const {
+        if (m_whole) {
+            response.set_content(m_whole->substr(range.first, range.last - range.first + 1), type);
+            return;
+        }
+        response.set_content_provider(
+            range.last - range.first + 1, type,
+            [stream = m_stream, first = range.first](std::size_t offset, std::size_t length,
+                                                     httplib::DataSink& sink) {
+                std::string piece;
+                stream->read(first + offset, std::min(length, AUDIO_PIECE), piece);
+                return sink.write(piece.data(), piece.size());
+            });
+    }
+
+private:
+    // Shared with the content provider, which the library copies and calls after the handler.
+    std::shared_ptr<recording::WavExportStream> m_stream;
+    std::shared_ptr<const std::string> m_whole;
+};
+
+}  // namespace
+
 void ApiServer::State::send_audio(const httplib::Request& request, httplib::Response& response) {
     catalog::CatalogRow row;
     std::filesystem::path file;
@@ -304,13 +384,14 @@ void ApiServer::State::send_audio(const httplib::Request& request, httplib::Resp
     recording::ExportOptions options;
     options.input = file;
     options.output = "leg." + format;
-    const std::string audio = recording::export_audio_bytes(options);
+    const AudioBody audio(options, format == "wav");
+    const std::uint64_t size = audio.size();
     const std::string type = format == "wav" ? "audio/wav" : "audio/flac";
     response.set_header("Accept-Ranges", "bytes");
     // The library would cut the body by the request's ranges again; the answer below is whole.
     // The request object is the library's own, not a const one.
     const_cast<httplib::Request&>(request).ranges.clear();
-    const RangeAnswer answer = answer_range(request.get_header_value("Range"), audio.size());
+    const RangeAnswer answer = answer_range(request.get_header_value("Range"), size);
     // A player asks for the rest of the file as it plays and seeks: only the request from the
     // first byte starts a playback.
     if (answer.kind == RangeKind::WHOLE ||
@@ -321,21 +402,24 @@ void ApiServer::State::send_audio(const httplib::Request& request, httplib::Resp
     switch (answer.kind) {
         case RangeKind::WHOLE:
             response.status = 200;
-            response.set_content(audio, type);
+            if (size > 0) {
+                audio.send(response, ByteRange{0, size - 1}, type);
+            } else {
+                response.set_content("", type);
+            }
             break;
         case RangeKind::PART:
             response.status = 206;
             response.set_header("Content-Range", "bytes " + std::to_string(answer.range.first) +
                                                      "-" + std::to_string(answer.range.last) + "/" +
-                                                     std::to_string(audio.size()));
-            response.set_content(
-                audio.substr(answer.range.first, answer.range.last - answer.range.first + 1), type);
+                                                     std::to_string(size));
+            audio.send(response, answer.range, type);
             break;
         case RangeKind::UNSATISFIABLE:
-            response.set_header("Content-Range", "bytes */" + std::to_string(audio.size()));
-            send_error(response, 416,
-                       "the range lies outside the " + std::to_string(audio.size()) +
-                           " bytes of the audio");
+            response.set_header("Content-Range", "bytes */" + std::to_string(size));
+            send_error(
+                response, 416,
+                "the range lies outside the " + std::to_string(size) + " bytes of the audio");
             break;
     }
 }
@@ -412,9 +496,8 @@ void ApiServer::State::add_routes() {
     });
 }
 
-ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<State>()) {
+ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<State>(settings)) {
     State& state = *m_state;
-    state.settings = settings;
     std::error_code error;
     state.storage_root = std::filesystem::canonical(settings.storage, error);
     if (error || !std::filesystem::is_directory(state.storage_root)) {
@@ -433,7 +516,7 @@ ApiServer::ApiServer(const ApiSettings& settings) : m_state(std::make_unique<Sta
         }
     }
     state.pages =
-        std::make_unique<PageRoutes>(state.settings.users, state.limiter, settings.secure_cookies);
+        std::make_unique<PageRoutes>(state.settings.users, state.limiter, settings.tls.has_value());
     state.server.new_task_queue = [] { return new WorkerPool(WORKERS); };
     state.add_routes();
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "web/tls_files.hpp"
 #include "web/users_file.hpp"
 
 // The read-only JSON API of `quillmar serve` over HTTP, under /api/:
@@ -51,15 +52,17 @@ struct ApiSettings {
     std::optional<UsersFile> users;
     // Where views, playbacks and downloads are written; none: nowhere.
     std::optional<std::filesystem::path> access_log;
-    // The server answers over TLS: the session cookie carries Secure.
-    bool secure_cookies = false;
+    // Set: the server answers HTTPS only, with this certificate and key (a plain HTTP request to
+    // it gets no answer), and a cookie it sets must carry Secure. None: plain HTTP.
+    std::optional<TlsFiles> tls;
 };
 
 class ApiServer {
 public:
-    // Opens the catalogue (an existing one, never created) and the access log. THROWS:
-    // std::runtime_error with one line saying why when either cannot be opened or the storage is
-    // not a directory.
+    // Checks the TLS files (tls_files_problem), opens the catalogue (an existing one, never
+    // created) and the access log. THROWS: std::runtime_error with one line saying why when the
+    // TLS files are refused, the catalogue or the log cannot be opened or the storage is not a
+    // directory.
     explicit ApiServer(const ApiSettings& settings);
     ~ApiServer();
 

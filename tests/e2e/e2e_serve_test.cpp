@@ -1,7 +1,8 @@
 // `quillmar serve` against a real recorder's storage and SQLite catalogue: the legs of a call id,
 // a leg's audio byte for byte as `quillmar export` writes it, byte ranges, peaks whose gaps are
 // inspect's, a removed leg, traversal attempts, the refusal to answer everyone off loopback, and
-// the browser's sign-in by form with its session cookie.
+// the browser's sign-in by form with its session cookie, and HTTPS with a certificate and key
+// checked before serving.
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -22,6 +23,7 @@
 
 #include "catalog/open_catalog.hpp"
 #include "recorder_e2e.hpp"
+#include "self_signed_certificate.hpp"
 #include "tools/call_manifest.hpp"
 #include "utils/str.hpp"
 #include "web/users_file.hpp"
@@ -62,25 +64,32 @@ protected:
         sent = tools::read_manifest(manifest);
         ASSERT_EQ(sent.legs.size(), CALLS);
 
+        ASSERT_NO_FATAL_FAILURE(start_serve(serve_options, "http", serve_port, serve_process));
+        client = std::make_unique<httplib::Client>("127.0.0.1", serve_port);
+        if (login) {
+            client->set_basic_auth(login->first.c_str(), login->second.c_str());
+        }
+        ASSERT_TRUE(poll_until([&] { return legs("?limit=1000").size() == CALLS; }, TIMEOUT,
+                               LOOK_INTERVAL));
+    }
+
+    // Starts serve on the recorder's catalogue and storage, on a free port, with `options`; once
+    // it says it listens with `scheme`, `process` and `listening` are set.
+    void start_serve(const std::vector<std::string>& options, const std::string& scheme,
+                     int& listening, ChildProcess*& process) {
         std::vector<std::string> args = {
             "serve",     "--listen",        "127.0.0.1:0", "--catalog", "sqlite:catalog.sqlite",
             "--storage", storage().string()};
-        args.insert(args.end(), serve_options.begin(), serve_options.end());
+        args.insert(args.end(), options.begin(), options.end());
         ChildProcess& serve = start_tool(std::move(args));
-        const std::string prefix = "listening on http://127.0.0.1:";
+        const std::string prefix = "listening on " + scheme + "://127.0.0.1:";
         ASSERT_TRUE(poll_until(
             [&] { return serve.standard_output().find('\n') != std::string::npos; }, TIMEOUT))
             << serve.standard_error();
         const std::string line = serve.standard_output();
         ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
-        serve_port = std::stoi(line.substr(prefix.size()));
-        client = std::make_unique<httplib::Client>("127.0.0.1", serve_port);
-        if (login) {
-            client->set_basic_auth(login->first.c_str(), login->second.c_str());
-        }
-        serve_process = &serve;
-        ASSERT_TRUE(poll_until([&] { return legs("?limit=1000").size() == CALLS; }, TIMEOUT,
-                               LOOK_INTERVAL));
+        listening = std::stoi(line.substr(prefix.size()));
+        process = &serve;
     }
 
     // The documents of /api/legs with `query`; none unless it answered 200.
@@ -382,6 +391,104 @@ TEST_F(ServeE2eTest, EveryAnswerNeedsAUserAndFailuresMakeTheAddressWait) {
         (json{{"error", "too many failed sign-ins from this address: try again in a minute"}}));
     EXPECT_EQ(status_of("/api/legs"), 429);
     EXPECT_EQ(access_lines(log).size(), 3u);
+}
+
+// The same answers over HTTPS as over plain HTTP, credentials and all; a plain request to the
+// HTTPS port gets none.
+TEST_F(ServeE2eTest, AnswersHttpsWithACertificateAsPlainHttp) {
+    web::UsersFile users;
+    users.set("anna", "correct horse");
+    std::string error;
+    const fs::path users_file = directory.path() / "users";
+    ASSERT_TRUE(users.save(users_file.string(), error)) << error;
+    login = std::make_pair("anna", "correct horse");
+    ASSERT_NO_FATAL_FAILURE(record_and_serve({"--users", users_file.string()}));
+    const fs::path cert = directory.path() / "cert.pem";
+    const fs::path key = directory.path() / "key.pem";
+    write_self_signed_certificate(cert, key);
+    int tls_port = 0;
+    ChildProcess* tls_process = nullptr;
+    ASSERT_NO_FATAL_FAILURE(start_serve(
+        {"--users", users_file.string(), "--cert", cert.string(), "--key", key.string()}, "https",
+        tls_port, tls_process));
+
+    httplib::SSLClient secure("127.0.0.1", tls_port);
+    // The certificate is the test's own, signed by nobody a client trusts.
+    secure.enable_server_certificate_verification(false);
+    secure.set_basic_auth("anna", "correct horse");
+    const std::string uuid = uuid_text(sent.legs[0]);
+    for (const std::string& path : std::vector<std::string>{
+             "/api/legs?limit=1000", "/api/legs/" + uuid, "/api/legs/" + uuid + "/audio.wav",
+             "/api/legs/" + uuid + "/peaks?width=50"}) {
+        const httplib::Result plain = client->Get(path);
+        const httplib::Result tls = secure.Get(path);
+        ASSERT_TRUE(plain) << path;
+        ASSERT_TRUE(tls) << path << ": " << httplib::to_string(tls.error());
+        EXPECT_EQ(tls->status, 200) << path;
+        EXPECT_EQ(plain->status, 200) << path;
+        EXPECT_TRUE(tls->body == plain->body) << path;
+    }
+    httplib::SSLClient stranger("127.0.0.1", tls_port);
+    stranger.enable_server_certificate_verification(false);
+    const httplib::Result refused = stranger.Get("/api/legs");
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 401);
+    // Signed in by the form over HTTPS, the browser keeps the cookie for HTTPS only.
+    const httplib::Result signed_in =
+        stranger.Post("/signin", "name=anna&password=correct+horse&next=%2F",
+                      "application/x-www-form-urlencoded");
+    ASSERT_TRUE(signed_in);
+    EXPECT_EQ(signed_in->status, 303);
+    EXPECT_TRUE(std::regex_match(
+        signed_in->get_header_value("Set-Cookie"),
+        std::regex("quillmar_session=[0-9a-f]{64}; HttpOnly; SameSite=Strict; Path=/; Secure")))
+        << signed_in->get_header_value("Set-Cookie");
+
+    httplib::Client plain_to_tls("127.0.0.1", tls_port);
+    plain_to_tls.set_basic_auth("anna", "correct horse");
+    const httplib::Result unanswered = plain_to_tls.Get("/api/legs");
+    EXPECT_FALSE(unanswered);
+    EXPECT_EQ(unanswered.error(), httplib::Error::Read);
+}
+
+// The command's line and status 2 for TLS options it refuses, before it opens anything else.
+TEST_F(ServeE2eTest, RefusesTlsFilesItCannotUse) {
+    const fs::path cert = directory.path() / "cert.pem";
+    const fs::path key = directory.path() / "key.pem";
+    write_self_signed_certificate(cert, key);
+    fs::create_directory(storage());
+    const std::vector<std::string> serve = {"serve",     "--listen",        "127.0.0.1:0",
+                                            "--no-auth", "--catalog",       "sqlite:catalog.sqlite",
+                                            "--storage", storage().string()};
+    const auto refusal = [&](const std::vector<std::string>& options, const std::string& line) {
+        std::vector<std::string> args = serve;
+        args.insert(args.end(), options.begin(), options.end());
+        const ToolRun run = run_tool(args);
+        EXPECT_TRUE(run.status.exited_with(2)) << run.err;
+        EXPECT_EQ(run.err, "quillmar serve: " + line + "\n");
+        EXPECT_EQ(run.out, "");
+    };
+    refusal({"--cert", cert.string()}, "--cert and --key go together: give both or neither");
+    refusal({"--key", key.string()}, "--cert and --key go together: give both or neither");
+    fs::permissions(key, fs::perms::others_read, fs::perm_options::add);
+    refusal({"--cert", cert.string(), "--key", key.string()},
+            "--key " + key.string() +
+                ": open to others (mode 0604): allow them nothing (chmod o-rwx " + key.string() +
+                ")");
+
+    // Root reads any file: the key only its owner may read is refused to nobody, who may read the
+    // certificate.
+    fs::permissions(key, fs::perms::owner_read | fs::perms::owner_write);
+    fs::permissions(cert, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
+                              fs::perms::others_read);
+    std::vector<std::string> args = serve;
+    args.insert(args.end(), {"--cert", cert.string(), "--key", key.string()});
+    ChildProcess& unprivileged = start_unprivileged(args, QM_TOOL_PATH);
+    const std::optional<ExitStatus> status = unprivileged.wait_exit(TIMEOUT);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited_with(2)) << unprivileged.standard_error();
+    EXPECT_EQ(unprivileged.standard_error(),
+              "quillmar serve: --key " + key.string() + ": cannot read: Permission denied\n");
 }
 
 }  // namespace

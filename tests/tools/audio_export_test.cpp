@@ -39,6 +39,7 @@ using recording::LegPeaks;
 using recording::PeakColumn;
 using recording::SideGap;
 using recording::summary_line;
+using recording::WavExportStream;
 using test::recording_bytes;
 using test::text_of;
 using ::testing::ElementsAre;
@@ -576,6 +577,138 @@ TEST(AudioExportTest, ExportInMemoryHasTheBytesOfTheFile) {
 
         options.output = name;
         EXPECT_EQ(export_audio_bytes(options), contents_of((dir.path() / name).string())) << name;
+    }
+}
+
+// Samples counting up from `first`, so that every position of a side is told apart.
+std::vector<std::int16_t> ramp(std::int16_t first, std::size_t count) {
+    std::vector<std::int16_t> samples(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        samples[i] = static_cast<std::int16_t>(first + static_cast<std::int16_t>(i));
+    }
+    return samples;
+}
+
+// Longer than a block (4096 sample frames), with gaps on both sides, silence before side 1's first
+// frame and after side 0's last, a frame out of order in the file and one overlapping another.
+// Side 0: 0..5000, 100..200 (overlapping), 9000..10000. Side 1: 300..460, 7000..12000 (its offset
+// base is its first frame's offset, 150).
+Datagram long_gapped_file() {
+    return recording_bytes(SYNC_MT,
+                           {frame(0, 0, ramp(1, 5000)), frame(1, 150, ramp(-30000, 160)),
+                            frame(0, 9000, ramp(10000, 1000)), frame(0, 100, ramp(-100, 100)),
+                            frame(1, 6850, ramp(20000, 5000))});
+}
+
+// The span [first, first + count) of `stream`, read in pieces of `piece` bytes.
+std::string read_span(WavExportStream& stream, std::uint64_t first, std::uint64_t count,
+                      std::size_t piece) {
+    std::string bytes;
+    for (std::uint64_t at = first; at < first + count;) {
+        const auto taken =
+            static_cast<std::size_t>(std::min<std::uint64_t>(piece, first + count - at));
+        stream.read(at, taken, bytes);
+        at += taken;
+    }
+    return bytes;
+}
+
+TEST(AudioExportTest, WavStreamReadInPiecesIsTheExport) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(long_gapped_file()));
+    for (const ExportChannels channels : {ExportChannels::STEREO, ExportChannels::MIX,
+                                          ExportChannels::SIDE_0, ExportChannels::SIDE_1}) {
+        const ExportOptions options{input, "leg.wav", channels};
+        const std::string whole = export_audio_bytes(options);
+        for (const std::size_t piece :
+             {std::size_t{1}, std::size_t{7}, std::size_t{4096}, std::size_t{65536}}) {
+            WavExportStream stream(options);
+            ASSERT_EQ(stream.size(), whole.size());
+            EXPECT_TRUE(read_span(stream, 0, whole.size(), piece) == whole)
+                << static_cast<int>(channels) << " in pieces of " << piece;
+        }
+    }
+}
+
+// Spans starting in the header, in the samples of either side, inside a gap, in the silence before
+// side 1's first frame, on and around block boundaries, to the last byte; each from a new stream
+// (a seek from the start) and from one stream read out of order (seeks back and forth).
+TEST(AudioExportTest, WavStreamSpanIsTheSliceOfTheExport) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(long_gapped_file()));
+    const ExportOptions options{input, "leg.wav"};
+    const std::string whole = export_audio_bytes(options);
+    ASSERT_EQ(whole.size(), 44u + 12000u * 4u);
+    const auto sample_byte = [](std::uint64_t frame) { return 44 + 4 * frame; };
+    const std::vector<std::uint64_t> points = {
+        0,
+        1,
+        4,
+        40,
+        43,
+        44,
+        45,
+        46,
+        47,
+        sample_byte(150) + 1,  // side 0's overlap
+        sample_byte(200),      // silence before side 1
+        sample_byte(400) + 2,  // side 1's first frame
+        sample_byte(4095) + 3,
+        sample_byte(4096),
+        sample_byte(4096) + 1,
+        sample_byte(5000),  // the gaps of both sides
+        sample_byte(6000) + 1,
+        sample_byte(8192) - 1,
+        sample_byte(8192),
+        sample_byte(9500),       // both sides
+        sample_byte(10000) + 2,  // side 0 after its last frame
+        whole.size() - 2,
+        whole.size() - 1};
+    WavExportStream reused(options);
+    for (const std::uint64_t first : points) {
+        for (const std::uint64_t last : points) {
+            if (last < first) {
+                continue;
+            }
+            const std::string slice = whole.substr(first, last - first + 1);
+            WavExportStream fresh(options);
+            EXPECT_TRUE(read_span(fresh, first, last - first + 1, 4096) == slice)
+                << first << "-" << last;
+            EXPECT_TRUE(read_span(reused, first, last - first + 1, 1000) == slice)
+                << first << "-" << last << " after other spans";
+        }
+    }
+}
+
+// Every span of a short leg with a gap on each side: the header, the gaps and the samples around
+// them, every start and end.
+TEST(AudioExportTest, WavStreamEverySpanOfAShortLegIsTheSlice) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file(
+        "media.qm",
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, {1, 2}), frame(1, 1, {-1, -2}),
+                                          frame(0, 5, {3, 4}), frame(1, 6, {-3, -4, -5})})));
+    const ExportOptions options{input, "leg.wav"};
+    const std::string whole = export_audio_bytes(options);
+    WavExportStream stream(options);
+    ASSERT_EQ(stream.size(), whole.size());
+    for (std::uint64_t first = 0; first < whole.size(); ++first) {
+        for (std::uint64_t last = first; last < whole.size(); ++last) {
+            EXPECT_TRUE(read_span(stream, first, last - first + 1, 3) ==
+                        whole.substr(first, last - first + 1))
+                << first << "-" << last;
+        }
+    }
+}
+
+TEST(AudioExportTest, WavStreamRefusesOtherFormats) {
+    test::TempDirectory dir;
+    const std::string input = dir.write_file("media.qm", text_of(gapped_file()));
+    try {
+        WavExportStream stream(ExportOptions{input, "leg.flac"});
+        ADD_FAILURE() << "a FLAC stream was made";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "leg.flac: only .wav is exported as it is read");
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sodium.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -163,7 +164,13 @@ bool UsersFile::save(const std::string& path, std::string& error) const {
         error = errno_text(path, errno);
         return false;
     }
-    const bool written = write_all(fd, text) && ::fsync(fd) == 0;
+    // A file replaced keeps its owner, group and mode, so that the group a service reads it as
+    // (chmod 640, chown root:quillmar) survives the next change of a password.
+    struct stat existing {};
+    const bool kept = ::stat(path.c_str(), &existing) != 0 ||
+                      (::fchown(fd, existing.st_uid, existing.st_gid) == 0 &&
+                       ::fchmod(fd, existing.st_mode & 07777) == 0);
+    const bool written = kept && write_all(fd, text) && ::fsync(fd) == 0;
     const int write_error = errno;
     if (::close(fd) != 0 || !written) {
         error = errno_text(temporary, written ? errno : write_error);

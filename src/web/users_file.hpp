@@ -35,9 +35,9 @@ public:
     // REQUIRES: valid_name(name). Throws std::runtime_error when hashing fails (out of memory).
     bool set(const std::string& name, std::string_view password);
 
-    // Replaces the file `path` with these users, readable by its owner only: written under a
-    // temporary name in the same directory, synced, then renamed over it, so that a reader sees
-    // the old file or the new one. False, with `error` set, when that fails; the old file is kept.
+    // Replaces the file `path` with these users, readable by its owner only (a file replaced
+    // keeps its owner, group and mode): written under a temporary name in the same directory,
+    // synced, then renamed over it, so that a reader sees the old file or the new one. False, with `error` set, when that fails; the old file is kept.
     bool save(const std::string& path, std::string& error) const;
 
     bool empty() const { return m_users.empty(); }

@@ -71,6 +71,26 @@ TEST(UsersFileTest, SaveWritesNameHashLinesInOrderReadableByTheOwnerOnly) {
               1);
 }
 
+TEST(UsersFileTest, SaveKeepsTheOwnerGroupAndModeOfTheFileItReplaces) {
+    const TempDirectory directory;
+    const std::string path = (directory.path() / "users").string();
+    UsersFile users;
+    users.set("anna", "a password");
+    std::string error;
+    ASSERT_TRUE(users.save(path, error)) << error;
+    // As an operator lets a service's group read it.
+    ASSERT_EQ(::chown(path.c_str(), 0, 65534), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+
+    users.set("anna", "another password");
+    ASSERT_TRUE(users.save(path, error)) << error;
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_EQ(status.st_uid, 0u);
+    EXPECT_EQ(status.st_gid, 65534u);
+}
+
 TEST(UsersFileTest, LoadReadsWhatSaveWrote) {
     const TempDirectory directory;
     const std::string path = (directory.path() / "users").string();

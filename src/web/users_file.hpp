@@ -37,7 +37,8 @@ public:
 
     // Replaces the file `path` with these users, readable by its owner only (a file replaced
     // keeps its owner, group and mode): written under a temporary name in the same directory,
-    // synced, then renamed over it, so that a reader sees the old file or the new one. False, with `error` set, when that fails; the old file is kept.
+    // synced, then renamed over it, so that a reader sees the old file or the new one. False, with
+    // `error` set, when that fails; the old file is kept.
     bool save(const std::string& path, std::string& error) const;
 
     bool empty() const { return m_users.empty(); }

@@ -51,6 +51,17 @@ std::uint64_t lost_of(const tools::SentSide& side) {
 
 class ServeE2eTest : public RecorderE2eTest {
 protected:
+    // A users file with the one user anna, whose credentials the test's client then sends.
+    fs::path users_with_anna() {
+        web::UsersFile users;
+        users.set("anna", "correct horse");
+        std::string error;
+        const fs::path file = directory.path() / "users";
+        EXPECT_TRUE(users.save(file.string(), error)) << error;
+        login = std::make_pair("anna", "correct horse");
+        return file;
+    }
+
     // A recorder with its catalogue in the storage, CALLS calls sent to it with loss, and serve
     // answering on a free port once every leg is in the catalogue.
     void record_and_serve(const std::vector<std::string>& serve_options = {"--no-auth"}) {
@@ -341,13 +352,8 @@ std::vector<std::string> access_lines(const fs::path& file) {
 }
 
 TEST_F(ServeE2eTest, EveryAnswerNeedsAUserAndFailuresMakeTheAddressWait) {
-    web::UsersFile users;
-    users.set("anna", "correct horse");
-    std::string error;
-    const fs::path users_file = directory.path() / "users";
-    ASSERT_TRUE(users.save(users_file.string(), error)) << error;
+    const fs::path users_file = users_with_anna();
     const fs::path log = directory.path() / "access.log";
-    login = std::make_pair("anna", "correct horse");
     ASSERT_NO_FATAL_FAILURE(
         record_and_serve({"--users", users_file.string(), "--access-log", log.string()}));
     const std::string uuid = uuid_text(sent.legs[0]);
@@ -396,12 +402,7 @@ TEST_F(ServeE2eTest, EveryAnswerNeedsAUserAndFailuresMakeTheAddressWait) {
 // The same answers over HTTPS as over plain HTTP, credentials and all; a plain request to the
 // HTTPS port gets none.
 TEST_F(ServeE2eTest, AnswersHttpsWithACertificateAsPlainHttp) {
-    web::UsersFile users;
-    users.set("anna", "correct horse");
-    std::string error;
-    const fs::path users_file = directory.path() / "users";
-    ASSERT_TRUE(users.save(users_file.string(), error)) << error;
-    login = std::make_pair("anna", "correct horse");
+    const fs::path users_file = users_with_anna();
     ASSERT_NO_FATAL_FAILURE(record_and_serve({"--users", users_file.string()}));
     const fs::path cert = directory.path() / "cert.pem";
     const fs::path key = directory.path() / "key.pem";
@@ -510,13 +511,8 @@ httplib::Result sign_in(httplib::Client& browser, const std::string& name,
 }
 
 TEST_F(ServeE2eTest, ABrowserSignsInByFormAndItsCookieOpensPagesAndTheApi) {
-    web::UsersFile users;
-    users.set("anna", "correct horse");
-    std::string error;
-    const fs::path users_file = directory.path() / "users";
-    ASSERT_TRUE(users.save(users_file.string(), error)) << error;
+    const fs::path users_file = users_with_anna();
     const fs::path log = directory.path() / "access.log";
-    login = std::make_pair("anna", "correct horse");
     ASSERT_NO_FATAL_FAILURE(
         record_and_serve({"--users", users_file.string(), "--access-log", log.string()}));
     const std::string uuid = uuid_text(sent.legs[0]);

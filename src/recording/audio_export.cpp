@@ -368,14 +368,17 @@ bool write_sound(SNDFILE* sound, const Timeline& timeline, ExportChannels channe
 // The recording opened and its frames placed, for one export or one set of peaks.
 class PlacedRecording {
 public:
-    // THROWS: std::runtime_error naming the input (see export_audio).
-    explicit PlacedRecording(const std::filesystem::path& input) : m_file(input) {
+    // `input` is a path or a ByteSource. THROWS: std::runtime_error naming the input (see
+    // export_audio).
+    template <typename Input>
+    explicit PlacedRecording(Input& input) : m_file(input) {
         if (!m_file.session()) {
-            throw failure(input, truncated_header(m_file.size()));
+            throw failure(m_file.path(), truncated_header(m_file.size()));
         }
         m_timeline = timeline_of(m_file);
     }
 
+    const std::filesystem::path& input() const { return m_file.path(); }
     const Timeline& timeline() const { return m_timeline; }
 
     ExportResult result_for(const SF_INFO& info, ExportChannels channels) {
@@ -642,10 +645,13 @@ void WavExportStream::read(std::uint64_t first, std::size_t count, std::string& 
     }
 }
 
-ExportResult export_audio(const ExportOptions& options) {
+namespace {
+
+template <typename Input>
+ExportResult export_from(const ExportOptions& options, Input& input) {
     SF_INFO info = sound_info_for(options);
     refuse_existing(options);
-    PlacedRecording placed(options.input);
+    PlacedRecording placed(input);
     const ExportResult result = placed.result_for(info, options.channels);
 
     const auto failed = [&options](const std::string& reason) {
@@ -660,13 +666,14 @@ ExportResult export_audio(const ExportOptions& options) {
     return result;
 }
 
-std::string export_audio_bytes(const ExportOptions& options) {
+template <typename Input>
+std::string export_bytes_from(const ExportOptions& options, Input& input) {
     SF_INFO info = sound_info_for(options);
-    PlacedRecording placed(options.input);
+    PlacedRecording placed(input);
     VirtualFile<WholeStore> memory;
     SF_VIRTUAL_IO io = VirtualFile<WholeStore>::io();
-    const auto failed = [&options](const std::string& reason) {
-        return failure(options.input, "cannot export: " + reason);
+    const auto failed = [&placed](const std::string& reason) {
+        return failure(placed.input(), "cannot export: " + reason);
     };
     write_and_close(
         std::unique_ptr<SNDFILE, SoundFileCloser>(sf_open_virtual(&io, SFM_WRITE, &info, &memory)),
@@ -674,7 +681,8 @@ std::string export_audio_bytes(const ExportOptions& options) {
     return std::move(memory.store.bytes);
 }
 
-LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width) {
+template <typename Input>
+LegPeaks peaks_from(Input& input, std::size_t width) {
     PlacedRecording placed(input);
     const Timeline& timeline = placed.timeline();
     LegPeaks peaks;
@@ -700,6 +708,32 @@ LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width) {
         peaks.gaps[side] = gaps_between_frames(timeline.sides[side]);
     }
     return peaks;
+}
+
+}  // namespace
+
+ExportResult export_audio(const ExportOptions& options) {
+    return export_from(options, options.input);
+}
+
+ExportResult export_audio(const ExportOptions& options, ByteSource& input) {
+    return export_from(options, input);
+}
+
+std::string export_audio_bytes(const ExportOptions& options) {
+    return export_bytes_from(options, options.input);
+}
+
+std::string export_audio_bytes(const ExportOptions& options, ByteSource& input) {
+    return export_bytes_from(options, input);
+}
+
+LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width) {
+    return peaks_from(input, width);
+}
+
+LegPeaks leg_peaks(ByteSource& input, std::size_t width) {
+    return peaks_from(input, width);
 }
 
 std::string summary_line(const std::filesystem::path& output, const ExportResult& result) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "recording/byte_source.hpp"
+
 // `quillmar export`: a recording turned into an audio file through libsndfile, the format chosen
 // by the output's extension (.wav 16-bit PCM, .flac 16-bit, .ogg Vorbis, .opus when this
 // libsndfile can write it).
@@ -67,11 +69,17 @@ struct ExportResult {
 // failure that file is removed and an existing output is left as it was. With `force` the rename
 // replaces the output itself, a symbolic link too, not the file it points to.
 ExportResult export_audio(const ExportOptions& options);
+// The same with the recording read from `input` (the archive's store) instead of the file
+// `options.input`, which is not looked at; messages name the input by its name(). THROWS: also
+// what the source throws when it cannot be read.
+ExportResult export_audio(const ExportOptions& options, ByteSource& input);
 
 // The bytes export_audio would write, made in memory: `options.output` only names the format
 // (its extension) and is neither read nor written; `force` is ignored.
 // THROWS: std::runtime_error as export_audio, for the input or for libsndfile.
 std::string export_audio_bytes(const ExportOptions& options);
+// The same read from `input`, as export_audio(options, input).
+std::string export_audio_bytes(const ExportOptions& options, ByteSource& input);
 
 // The bytes of a .wav export, export_audio_bytes's to the byte, made on demand a span at a time:
 // for sending a leg as it is exported, and answering a player's range request without making what
@@ -133,6 +141,8 @@ struct LegPeaks {
 
 // REQUIRES: width > 0. THROWS: std::runtime_error naming the input as export_audio.
 LegPeaks leg_peaks(const std::filesystem::path& input, std::size_t width);
+// The same read from `input`, as export_audio(options, input).
+LegPeaks leg_peaks(ByteSource& input, std::size_t width);
 
 // "OUT: 2 channels, 40000 samples (5.000 s at 8000 Hz), 3 gaps filled with 480 samples of
 // silence, 0 overlapping frames (samples placed first kept)".

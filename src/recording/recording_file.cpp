@@ -2,14 +2,14 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
+#include <istream>
 #include <iterator>
-#include <system_error>
 
 namespace qm::recording {
 namespace {
+
+// The bytes asked of the source at a time: for the store, the size of one ranged GET.
+constexpr std::size_t READ_BLOCK = 1024 * 1024;
 
 std::string describe(const std::filesystem::path& path, const std::string& problem) {
     return path.string() + ": " + problem;
@@ -18,41 +18,35 @@ std::string describe(const std::filesystem::path& path, const std::string& probl
 }  // namespace
 
 RecordingFile::RecordingFile(const std::filesystem::path& path) : m_path(path) {
-    std::error_code error;
-    if (std::filesystem::is_directory(path, error)) {
-        throw RecordingError(describe(path, "is a directory"));
-    }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        throw RecordingError(describe(path, std::string("cannot open: ") + std::strerror(errno)));
-    }
-    m_size = std::filesystem::file_size(path, error);
-    if (error) {
-        // A pipe or a device opens but has no size to measure frames against.
-        throw RecordingError(describe(path, "cannot tell its size: " + error.message()));
-    }
+    FileSource source(path);
+    open(source);
+}
+
+RecordingFile::RecordingFile(ByteSource& source) : m_path(source.name()) {
+    open(source);
+}
+
+void RecordingFile::open(ByteSource& source) {
+    m_size = source.size();
     io::QuillmarStreamHeader header{};
-    in.read(reinterpret_cast<char*>(&header), sizeof header);
-    if (in.gcount() < static_cast<std::streamsize>(sizeof header.magic) ||
-        header.magic != io::QUILLMAR_MAGIC) {
-        throw RecordingError(describe(path, "not a media file (no \"QM\\0F\" magic)"));
+    const std::size_t got = source.read(0, reinterpret_cast<char*>(&header), sizeof header);
+    if (got < sizeof header.magic || header.magic != io::QUILLMAR_MAGIC) {
+        throw RecordingError(describe(m_path, "not a media file (no \"QM\\0F\" magic)"));
     }
-    if (!in) {
+    if (got < sizeof header) {
         // The magic is there but the file ends inside the format: a media file cut in its header,
         // not a file of another kind. There is nothing after it for the stream to read.
-        in.clear();
         header.format = io::MEDIA_FORMAT;
     }
     if (header.format != io::MEDIA_FORMAT) {
-        throw RecordingError(describe(path, "unknown format " + std::to_string(header.format)));
+        throw RecordingError(describe(m_path, "unknown format " + std::to_string(header.format)));
     }
-    const std::streampos frames_at = in.tellg();
     io::SessionHeader session{};
-    if (in.read(reinterpret_cast<char*>(&session), sizeof session)) {
+    if (source.read(got, reinterpret_cast<char*>(&session), sizeof session) == sizeof session) {
         m_session = session;
     }
-    in.clear();
-    in.seekg(frames_at);
+    SourceStreamBuffer buffer(source, got, READ_BLOCK);
+    std::istream in(&buffer);
     m_stream = std::make_unique<io::QuillmarSessionStream>(header, in);
 }
 

@@ -9,11 +9,14 @@
 
 #include "io/io_quillmar_session_stream.hpp"
 #include "io/quillmar_format.hpp"
+#include "recording/byte_source.hpp"
 
 // One "media.qm" opened for reading by the tools: its size, its headers and the session stream
 // over its frames. Opening checks only what every tool needs before it can look at frames (the
 // file can be read, it starts with the magic, its format is the media format); what the frames
-// hold is for the caller to judge. Owns the stream; one thread at a time.
+// hold is for the caller to judge. The bytes come from a local file or any other ByteSource (the
+// archive's store); they are all read while opening, so the source is not kept. Owns the stream;
+// one thread at a time.
 
 namespace qm::recording {
 
@@ -28,6 +31,9 @@ class RecordingFile {
 public:
     // THROWS: RecordingError, also for a file without a size (a pipe, a device).
     explicit RecordingFile(const std::filesystem::path& path);
+    // The path is the source's name. THROWS: RecordingError for bytes that are not a media file;
+    // what the source throws when it cannot be read.
+    explicit RecordingFile(ByteSource& source);
 
     const std::filesystem::path& path() const { return m_path; }
     std::uint64_t size() const { return m_size; }
@@ -38,6 +44,8 @@ public:
     io::QuillmarSessionStream& stream() { return *m_stream; }
 
 private:
+    void open(ByteSource& source);
+
     std::filesystem::path m_path;
     std::uint64_t m_size = 0;
     std::optional<io::SessionHeader> m_session;

@@ -104,19 +104,35 @@ json side_json(const SideReport& side, int number) {
     return out;
 }
 
+RecordingReport unreadable(const std::filesystem::path& path, const RecordingError& error) {
+    RecordingReport report;
+    report.path = path;
+    report.state = RecordingState::UNREADABLE;
+    report.unreadable_reason = error.what();
+    return report;
+}
+
 }  // namespace
 
 RecordingReport inspect_recording(const std::filesystem::path& path) {
-    RecordingReport report;
-    report.path = path;
+    std::optional<FileSource> source;
+    try {
+        source.emplace(path);
+    } catch (const RecordingError& error) {
+        return unreadable(path, error);
+    }
+    return inspect_recording(*source);
+}
+
+RecordingReport inspect_recording(ByteSource& source) {
     std::optional<RecordingFile> file;
     try {
-        file.emplace(path);
+        file.emplace(source);
     } catch (const RecordingError& error) {
-        report.state = RecordingState::UNREADABLE;
-        report.unreadable_reason = error.what();
-        return report;
+        return unreadable(source.name(), error);
     }
+    RecordingReport report;
+    report.path = source.name();
     report.size = file->size();
     report.format = file->stream().format();
     report.session = file->session();

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "io/quillmar_format.hpp"
+#include "recording/byte_source.hpp"
 
 // What `quillmar inspect` finds in one "media.qm": its header, per side what the reader delivers
 // (frames, samples, offsets, and where the offsets or times do not follow on), and whether the
@@ -68,6 +69,10 @@ struct RecordingReport {
 
 // Never throws for what the file holds or whether it can be read: that is the report's state.
 RecordingReport inspect_recording(const std::filesystem::path& path);
+// The same of any source, named in the report by its name(). Bytes that are not a media file are
+// the report's state, but what the source itself throws when it cannot be read (the store's
+// error) goes to the caller: there is no report of a recording that could not be fetched.
+RecordingReport inspect_recording(ByteSource& source);
 
 // 0 sound, 1 truncated header or frame, 2 unreadable.
 int exit_status(const RecordingReport& report);

@@ -533,8 +533,9 @@ bool write_silence(SNDFILE* sound, int channels, std::uint64_t frames) {
 }  // namespace
 
 struct WavExportStream::State {
-    explicit State(const ExportOptions& options)
-        : placed(options.input), blocks(placed.timeline(), options.channels) {}
+    template <typename Input>
+    State(const ExportOptions& options, Input& input)
+        : placed(input), blocks(placed.timeline(), options.channels) {}
 
     PlacedRecording placed;
     FrameBlocks blocks;
@@ -588,20 +589,21 @@ void WavExportStream::State::read_samples(std::uint64_t first, std::size_t count
     }
 }
 
-WavExportStream::WavExportStream(const ExportOptions& options) {
+template <typename Input>
+void WavExportStream::open(const ExportOptions& options, Input& input) {
     SF_INFO info = sound_info_for(options);
     if ((info.format & SF_FORMAT_TYPEMASK) != SF_FORMAT_WAV) {
         throw failure(options.output, "only .wav is exported as it is read");
     }
-    m_state = std::make_unique<State>(options);
+    m_state = std::make_unique<State>(options, input);
     State& state = *m_state;
     state.frame_bytes = 2u * static_cast<std::uint64_t>(info.channels);
     VirtualFile<FramingStore> framing;
     SF_VIRTUAL_IO io = VirtualFile<FramingStore>::io();
     std::unique_ptr<SNDFILE, SoundFileCloser> sound(
         sf_open_virtual(&io, SFM_WRITE, &info, &framing));
-    const auto failed = [&options](const std::string& reason) {
-        return failure(options.input, "cannot export: " + reason);
+    const auto failed = [&state](const std::string& reason) {
+        return failure(state.placed.input(), "cannot export: " + reason);
     };
     if (!sound) {
         throw failed(sf_strerror(nullptr));
@@ -618,6 +620,14 @@ WavExportStream::WavExportStream(const ExportOptions& options) {
     }
     state.head = std::move(framing.store.head);
     state.tail = std::move(framing.store.tail);
+}
+
+WavExportStream::WavExportStream(const ExportOptions& options) {
+    open(options, options.input);
+}
+
+WavExportStream::WavExportStream(const ExportOptions& options, ByteSource& input) {
+    open(options, input);
 }
 
 WavExportStream::~WavExportStream() = default;

@@ -93,6 +93,9 @@ public:
     // `options.output` only names the format and must end in .wav; `force` is ignored.
     // THROWS: std::runtime_error as export_audio_bytes, and naming the output for another format.
     explicit WavExportStream(const ExportOptions& options);
+    // The same with the recording read from `input` (the archive's store) instead of the file
+    // `options.input`, as export_audio_bytes(options, input); `input` is read only here.
+    WavExportStream(const ExportOptions& options, ByteSource& input);
     ~WavExportStream();
 
     WavExportStream(const WavExportStream&) = delete;
@@ -108,6 +111,9 @@ public:
 
 private:
     struct State;
+    template <typename Input>
+    void open(const ExportOptions& options, Input& input);
+
     std::unique_ptr<State> m_state;
 };
 

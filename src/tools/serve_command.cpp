@@ -10,6 +10,7 @@
 #include "core/thread.hpp"
 #include "tools/recorder_catalog.hpp"
 #include "tools/stop_signals.hpp"
+#include "tools/store_options.hpp"
 #include "tools/tool_commands.hpp"
 #include "web/api_server.hpp"
 #include "web/listen_address.hpp"
@@ -36,6 +37,7 @@ struct ServeOptions {
     std::optional<std::string> cert;
     std::optional<std::string> key;
     bool no_auth = false;
+    StoreOptions store;
 };
 
 // Who may sign in, into `settings`: the users file, or nobody's check with --no-auth on a
@@ -125,8 +127,9 @@ int run_serve(const ServeOptions& options) {
     }
     std::unique_ptr<web::ApiServer> server;
     try {
+        settings.store = store_access(options.store);
         server = std::make_unique<web::ApiServer>(settings);
-    } catch (const std::runtime_error& failure) {
+    } catch (const std::exception& failure) {
         std::cerr << "quillmar serve: " << failure.what() << std::endl;
         return 2;
     }
@@ -172,6 +175,7 @@ void add_serve_command(CLI::App& app, int& status) {
                         "the certificate's PEM private key, not open to others (with --cert)");
     command->add_flag("--no-auth", options->no_auth,
                       "answer everyone: allowed only on a loopback address");
+    add_store_options(*command, options->store);
     command->callback([options, &status] { status = run_serve(*options); });
 }
 

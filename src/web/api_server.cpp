@@ -13,12 +13,13 @@
 #include <system_error>
 #include <vector>
 
+#include "archive/leg_media.hpp"
+#include "archive/s3_error.hpp"
 #include "catalog/catalog_find.hpp"
 #include "catalog/catalog_store.hpp"
 #include "catalog/open_catalog.hpp"
 #include "recording/audio_export.hpp"
 #include "recording/recording_inspector.hpp"
-#include "utils/path_inside.hpp"
 #include "web/access_log.hpp"
 #include "web/basic_auth.hpp"
 #include "web/byte_range.hpp"
@@ -41,8 +42,6 @@ constexpr std::size_t MAX_WIDTH = 10000;
 constexpr std::size_t WORKERS = 8;
 // The bytes of audio made for the connection at a time.
 constexpr std::size_t AUDIO_PIECE = 64 * 1024;
-// The leg's recording in its directory.
-constexpr const char* MEDIA_FILE = "media.qm";
 
 // A query parameter that does not parse: the request is answered 400 with this text.
 class BadParameter : public std::runtime_error {
@@ -188,9 +187,10 @@ struct ApiServer::State {
         return store->find(query);
     }
 
-    // The leg the request's uuid names and its recording, or false with the answer sent.
+    // The leg the request's uuid names and its recording, read from the storage or the archive's
+    // store, or false with the answer sent.
     bool find_leg(const httplib::Request& request, httplib::Response& response,
-                  catalog::CatalogRow& row, std::filesystem::path& file);
+                  catalog::CatalogRow& row, std::unique_ptr<recording::ByteSource>& source);
 
     void list_legs(const httplib::Request& request, httplib::Response& response);
     void show_leg(const httplib::Request& request, httplib::Response& response);
@@ -260,7 +260,8 @@ std::string ApiServer::State::user_of(const httplib::Request& request) {
 }
 
 bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Response& response,
-                                catalog::CatalogRow& row, std::filesystem::path& file) {
+                                catalog::CatalogRow& row,
+                                std::unique_ptr<recording::ByteSource>& source) {
     const std::string uuid = request.matches[1];
     if (!is_leg_uuid(uuid)) {
         send_error(response, 400, "\"" + uuid + "\" is not a leg uuid");
@@ -276,35 +277,36 @@ bool ApiServer::State::find_leg(const httplib::Request& request, httplib::Respon
         return false;
     }
     row = std::move(*found);
-    if (row.state == catalog::RowState::REMOVED) {
-        send_json(
-            response, 410,
-            Json{{"error", "leg " + uuid + " has been removed"},
-                 {"removed_at", row.removed_at_us ? Json(catalog::utc_text(*row.removed_at_us))
-                                                  : Json(nullptr)}});
-        return false;
-    }
-    const std::optional<std::filesystem::path> inside =
-        utils::path_inside(storage_root, std::filesystem::path(row.summary.path) / MEDIA_FILE);
-    if (!inside) {
-        send_error(response, 404, "leg " + uuid + " lies outside the storage");
-        return false;
-    }
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(*inside, error)) {
-        if (row.state == catalog::RowState::ARCHIVED) {
+    const archive::LegMedia media = archive::locate_leg_media(row, storage_root);
+    switch (media.state) {
+        case archive::LegMediaState::REMOVED:
+            send_json(
+                response, 410,
+                Json{{"error", archive::unavailable_text(row, media.state)},
+                     {"removed_at", row.removed_at_us ? Json(catalog::utc_text(*row.removed_at_us))
+                                                      : Json(nullptr)}});
+            return false;
+        case archive::LegMediaState::OUTSIDE_STORAGE:
+            send_error(response, 404, archive::unavailable_text(row, media.state));
+            return false;
+        case archive::LegMediaState::GONE:
             send_json(response, 410,
-                      Json{{"error", "the recording of leg " + uuid +
-                                         " is only in the archive, which serve does not read"},
-                           {"archive_url", catalog::row_json(row).at("archive_url")}});
-        } else {
-            send_json(response, 410,
-                      Json{{"error", "the recording of leg " + uuid + " has gone"},
+                      Json{{"error", archive::unavailable_text(row, media.state)},
                            {"removed_at", nullptr}});
-        }
-        return false;
+            return false;
+        case archive::LegMediaState::ARCHIVED:
+            if (!settings.store) {
+                send_json(response, 410,
+                          Json{{"error", "the recording of leg " + uuid +
+                                             " is only in the archive, which serve does not read"},
+                               {"archive_url", catalog::row_json(row).at("archive_url")}});
+                return false;
+            }
+            break;
+        case archive::LegMediaState::LOCAL:
+            break;
     }
-    file = *inside;
+    source = archive::open_leg_media(media, settings.store);
     return true;
 }
 
@@ -325,12 +327,12 @@ void ApiServer::State::list_legs(const httplib::Request& request, httplib::Respo
 
 void ApiServer::State::show_leg(const httplib::Request& request, httplib::Response& response) {
     catalog::CatalogRow row;
-    std::filesystem::path file;
-    if (find_leg(request, response, row, file)) {
+    std::unique_ptr<recording::ByteSource> source;
+    if (find_leg(request, response, row, source)) {
         record(request, row.summary.uuid, Access::VIEW);
         send_json(response, 200,
                   Json{{"leg", catalog::row_json(row)},
-                       {"inspect", recording::report_json(recording::inspect_recording(file))}});
+                       {"inspect", recording::report_json(recording::inspect_recording(*source))}});
     }
 }
 
@@ -340,11 +342,12 @@ namespace {
 // known only once encoded.
 class AudioBody {
 public:
-    AudioBody(const recording::ExportOptions& options, bool wav) {
+    // Reads the recording from `source`, all of it before the constructor returns.
+    AudioBody(const recording::ExportOptions& options, recording::ByteSource& source, bool wav) {
         if (wav) {
-            m_stream = std::make_shared<recording::WavExportStream>(options);
+            m_stream = std::make_shared<recording::WavExportStream>(options, source);
         } else {
-            m_whole = std::make_shared<std::string>(recording::export_audio_bytes(options));
+            m_whole = std::make_shared<std::string>(recording::export_audio_bytes(options, source));
         }
     }
 
@@ -376,15 +379,14 @@ private:
 
 void ApiServer::State::send_audio(const httplib::Request& request, httplib::Response& response) {
     catalog::CatalogRow row;
-    std::filesystem::path file;
-    if (!find_leg(request, response, row, file)) {
+    std::unique_ptr<recording::ByteSource> source;
+    if (!find_leg(request, response, row, source)) {
         return;
     }
     const std::string format = request.matches[2];
     recording::ExportOptions options;
-    options.input = file;
     options.output = "leg." + format;
-    const AudioBody audio(options, format == "wav");
+    const AudioBody audio(options, *source, format == "wav");
     const std::uint64_t size = audio.size();
     const std::string type = format == "wav" ? "audio/wav" : "audio/flac";
     response.set_header("Accept-Ranges", "bytes");
@@ -436,9 +438,9 @@ void ApiServer::State::send_peaks(const httplib::Request& request, httplib::Resp
         return;
     }
     catalog::CatalogRow row;
-    std::filesystem::path file;
-    if (find_leg(request, response, row, file)) {
-        send_json(response, 200, peaks_json(recording::leg_peaks(file, width), width));
+    std::unique_ptr<recording::ByteSource> source;
+    if (find_leg(request, response, row, source)) {
+        send_json(response, 200, peaks_json(recording::leg_peaks(*source, width), width));
     }
 }
 
@@ -458,11 +460,14 @@ void ApiServer::State::send_status(httplib::Response& response) const {
 
 void ApiServer::State::add_routes() {
     // Every answer is made inside a guard: a recording or catalogue that fails is a 500 with its
-    // reason, never a dropped connection.
+    // reason, never a dropped connection; the archive's store that fails is a 502, a gateway's
+    // error, as it is not this server's own.
     const auto guarded = [this](auto member) {
         return [this, member](const httplib::Request& request, httplib::Response& response) {
             try {
                 (this->*member)(request, response);
+            } catch (const archive::S3Error& refused) {
+                send_error(response, 502, refused.what());
             } catch (const std::exception& failure) {
                 send_error(response, 500, failure.what());
             }

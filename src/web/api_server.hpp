@@ -6,6 +6,7 @@
 #include <string>
 
 #include "web/tls_files.hpp"
+#include "archive/leg_media.hpp"
 #include "web/users_file.hpp"
 
 // The read-only JSON API of `quillmar serve` over HTTP, under /api/:
@@ -17,8 +18,13 @@
 //   GET /api/status                         the recorder's metrics file, {name: value}
 // Every answer is JSON except the audio; errors are {"error": "..."}: 400 for a malformed
 // parameter or uuid, 404 for what does not exist, 410 for a leg whose recording has gone (also,
-// with its "archive_url", for an archived leg whose local copy has gone: the archive is not read
-// here). Only GET and HEAD.
+// with its "archive_url", for an archived leg whose local copy has gone when no store is set),
+// 502 with the store's error when the archive's store refuses or cannot be reached. Only GET and
+// HEAD.
+//
+// An archived leg whose local copy has gone is read from the archive's store when `store` is set:
+// the bucket and the key from its archive_url, streamed by ranged GETs (archive::S3ObjectSource),
+// a client per request.
 //
 // Beside the API, the browser's pages and the sign-in by form (PageRoutes); POST is answered only
 // on /signin and /signout.
@@ -55,6 +61,8 @@ struct ApiSettings {
     // Set: the server answers HTTPS only, with this certificate and key (a plain HTTP request to
     // it gets no answer), and a cookie it sets must carry Secure. None: plain HTTP.
     std::optional<TlsFiles> tls;
+    // The archive's store, read for archived legs whose local copy has gone; none: those are 410.
+    std::optional<archive::StoreAccess> store;
 };
 
 class ApiServer {

@@ -54,7 +54,9 @@ private:
 
 // A source read forwards from `start` as a std::streambuf, a block of `block_size` bytes per read
 // of the source, so that the session stream (which takes an std::istream) reads any source.
-// Input only, no seeking. Does not own the source.
+// Input only, no seeking. What the source throws passes through to the reader: the session stream
+// reads through std::istreambuf_iterator, which calls the buffer directly (an std::istream's own
+// reads would turn it into a badbit, a recording that merely ends early). Does not own the source.
 // REQUIRES: the source outlives the buffer; block_size > 0.
 class SourceStreamBuffer : public std::streambuf {
 public:

@@ -135,6 +135,24 @@ TEST_F(S3ObjectSourceTest, ACutRecordingIsReportedAsTheCutFile) {
     }
 }
 
+// A store that went away after the HEAD is the reader's error, not an unreadable recording (the
+// same for a failure after the headers: see RecordingFileTest).
+TEST_F(S3ObjectSourceTest, AStoreThatGoesAwayAfterTheObjectIsOpenedIsAnError) {
+    upload(text_of(long_recording()));
+    S3ObjectSource source(client(), KEY);
+    m_server.stop();
+    try {
+        static_cast<void>(recording::inspect_recording(source));
+        FAIL() << "read";
+    } catch (const S3Error& error) {
+        const std::string start = std::string("GET s3://") + BUCKET + "/" + KEY +
+                                  ": cannot reach " + m_server.endpoint() + ": ";
+        EXPECT_EQ(std::string(error.what()).substr(0, start.size()), start);
+        EXPECT_EQ(error.http_status(), 0);
+        EXPECT_TRUE(error.retryable());
+    }
+}
+
 TEST_F(S3ObjectSourceTest, AMissingObjectIsNoSuchKey) {
     try {
         S3ObjectSource source(client(), KEY);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -162,6 +163,59 @@ TEST(ParseUuidTest, RefusesAnythingElse) {
          }) {
         EXPECT_EQ(parse_uuid(text), std::nullopt) << text;
     }
+}
+
+// Bytes in memory that cannot be read past `readable`: a store that went away mid-read.
+class FailingSource : public ByteSource {
+public:
+    FailingSource(std::string bytes, std::uint64_t readable)
+        : m_bytes(std::move(bytes)), m_readable(readable) {}
+
+    const std::string& name() const override { return m_name; }
+    std::uint64_t size() const override { return m_bytes.size(); }
+    std::size_t read(std::uint64_t offset, char* out, std::size_t count) override {
+        ++reads;
+        if (offset + count > m_readable) {
+            throw std::runtime_error("the store went away");
+        }
+        const std::string part = m_bytes.substr(offset, count);
+        std::memcpy(out, part.data(), part.size());
+        return part.size();
+    }
+
+    int reads = 0;
+
+private:
+    std::string m_name = "s3://bucket/media.qm";
+    std::string m_bytes;
+    std::uint64_t m_readable;
+};
+
+TEST(RecordingFileTest, ASourceIsReadAsTheFileAndItsFailureAfterTheHeadersReachesTheCaller) {
+    const std::string bytes =
+        text_of(recording_bytes(SYNC_MT, {frame(0, 0, {1, 2}), frame(1, 0, {3})}));
+    FailingSource whole(bytes, bytes.size());
+    RecordingFile file(whole);
+    EXPECT_EQ(file.path(), "s3://bucket/media.qm");
+    EXPECT_EQ(file.size(), bytes.size());
+    ASSERT_TRUE(file.session().has_value());
+    EXPECT_EQ(frames_of(*file.stream().streams()[0]), 1u);
+    EXPECT_EQ(frames_of(*file.stream().streams()[1]), 1u);
+    // The stream header, the session header, then the frames in one block and the end.
+    EXPECT_EQ(whole.reads, 3);
+
+    // Not a recording that ends after its headers: the source's error.
+    FailingSource failing(bytes, 48);
+    EXPECT_THROW(
+        {
+            try {
+                RecordingFile cut(failing);
+            } catch (const std::runtime_error& error) {
+                EXPECT_STREQ(error.what(), "the store went away");
+                throw;
+            }
+        },
+        std::runtime_error);
 }
 
 }  // namespace

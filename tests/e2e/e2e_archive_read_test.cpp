@@ -72,6 +72,32 @@ protected:
         return run.status.exited_with(0) ? json::parse(run.out) : json();
     }
 
+    // `quillmar serve` reading the store with the keys of `environment`, and a client of it.
+    std::unique_ptr<httplib::Client> start_serve(std::vector<std::string> environment) {
+        ChildProcess& serve = start_tool_with(
+            {"serve", "--listen", "127.0.0.1:0", "--catalog", CATALOG, "--storage",
+             storage().string(), "--no-auth", "--endpoint", store->endpoint(), "--path-style"},
+            std::move(environment));
+        const std::string prefix = "listening on http://127.0.0.1:";
+        EXPECT_TRUE(poll_until(
+            [&] { return serve.standard_output().find('\n') != std::string::npos; }, TIMEOUT))
+            << serve.standard_error();
+        EXPECT_EQ(serve.standard_output().rfind(prefix, 0), 0u) << serve.standard_output();
+        return std::make_unique<httplib::Client>(
+            "127.0.0.1", std::stoi("0" + serve.standard_output().substr(prefix.size())));
+    }
+
+    // The body of a GET that answered `status`; empty otherwise.
+    static std::string body_of(httplib::Client& client, const std::string& path, int status) {
+        const httplib::Result result = client.Get(path);
+        EXPECT_TRUE(result) << path;
+        if (!result) {
+            return {};
+        }
+        EXPECT_EQ(result->status, status) << path << ": " << result->body.substr(0, 300);
+        return result->status == status ? result->body : std::string();
+    }
+
     std::unique_ptr<S3Server> store;
 };
 
@@ -89,6 +115,12 @@ TEST_F(ArchiveReadE2eTest, ReadsAnArchivedLegFromTheStoreAsTheOriginalFile) {
     ASSERT_TRUE(poll_until([&] { return !find(uuid).is_null() && !find(removed_uuid).is_null(); },
                            TIMEOUT));
     const fs::path media = storage() / find(uuid).at("path").get<std::string>() / "media.qm";
+    fs::create_directory(directory.path() / "store");
+    store = std::make_unique<S3Server>(directory.path() / "store", BUCKET);
+    // One serve, before and after the leg goes to the archive.
+    const std::unique_ptr<httplib::Client> client = start_serve(credentials());
+    const std::string leg_path = "/api/legs/" + uuid;
+    const std::string original_peaks = body_of(*client, leg_path + "/peaks?width=40", 200);
 
     // The original's export and report, the first by its file, the second by its uuid.
     const fs::path original_wav = directory.path() / "original.wav";
@@ -106,8 +138,6 @@ TEST_F(ArchiveReadE2eTest, ReadsAnArchivedLegFromTheStoreAsTheOriginalFile) {
         run_tool({"catalog", "reindex", "--storage", storage().string(), "--catalog", CATALOG})
             .status.exited_with(0));
 
-    fs::create_directory(directory.path() / "store");
-    store = std::make_unique<S3Server>(directory.path() / "store", BUCKET);
     ChildProcess& archiver =
         start_tool_with({"archive", "--catalog", CATALOG, "--storage", storage().string(),
                          "--endpoint", store->endpoint(), "--bucket", BUCKET, "--path-style",
@@ -166,34 +196,30 @@ TEST_F(ArchiveReadE2eTest, ReadsAnArchivedLegFromTheStoreAsTheOriginalFile) {
             "quillmar inspect: AWS_ACCESS_KEY_ID is not set");
     EXPECT_FALSE(fs::exists(out_wav));
 
-    // serve plays the leg from the store.
-    ChildProcess& serve = start_tool_with(
-        {"serve", "--listen", "127.0.0.1:0", "--catalog", CATALOG, "--storage", storage().string(),
-         "--no-auth", "--endpoint", store->endpoint(), "--path-style"},
-        credentials());
-    const std::string prefix = "listening on http://127.0.0.1:";
-    ASSERT_TRUE(poll_until([&] { return serve.standard_output().find('\n') != std::string::npos; },
-                           TIMEOUT))
-        << serve.standard_error();
-    ASSERT_EQ(serve.standard_output().rfind(prefix, 0), 0u) << serve.standard_output();
-    httplib::Client client("127.0.0.1", std::stoi(serve.standard_output().substr(prefix.size())));
+    // serve plays the leg from the store: the same audio, ranges, peaks and report.
     const std::string wav = read_file(original_wav);
-    const httplib::Result audio = client.Get("/api/legs/" + uuid + "/audio.wav");
-    ASSERT_TRUE(audio);
-    EXPECT_EQ(audio->status, 200) << audio->body;
+    const std::string audio = body_of(*client, leg_path + "/audio.wav", 200);
     // Compared as a whole, not printed: a failure shows the sizes, not kilobytes of audio.
-    EXPECT_TRUE(audio->body == wav) << audio->body.size() << " bytes, not " << wav.size();
-    const httplib::Result part =
-        client.Get("/api/legs/" + uuid + "/audio.wav", {{"Range", "bytes=100-299"}});
+    EXPECT_TRUE(audio == wav) << audio.size() << " bytes, not " << wav.size();
+    const httplib::Result part = client->Get(leg_path + "/audio.wav", {{"Range", "bytes=100-299"}});
     ASSERT_TRUE(part);
     EXPECT_EQ(part->status, 206);
     EXPECT_EQ(part->get_header_value("Content-Range"),
               "bytes 100-299/" + std::to_string(wav.size()));
     EXPECT_TRUE(part->body == wav.substr(100, 200)) << part->body.size() << " bytes";
-    const httplib::Result shown = client.Get("/api/legs/" + uuid);
-    ASSERT_TRUE(shown);
-    ASSERT_EQ(shown->status, 200) << shown->body;
-    EXPECT_EQ(json::parse(shown->body).at("inspect"), json::parse(archived_inspect.out));
+    EXPECT_EQ(body_of(*client, leg_path + "/peaks?width=40", 200), original_peaks);
+    const std::string shown = body_of(*client, leg_path, 200);
+    EXPECT_EQ(json::parse(shown.empty() ? "{}" : shown).value("inspect", json()),
+              json::parse(archived_inspect.out));
+
+    // A store that refuses serve's keys is a gateway's error, with the store's words.
+    const std::unique_ptr<httplib::Client> refused_client =
+        start_serve(credentials("not-the-secret"));
+    const json refusal = {{"error", "GET " + object +
+                                        ": HTTP 403 SignatureDoesNotMatch: The request signature "
+                                        "we calculated does not match the signature you "
+                                        "provided. Check your key and signing method."}};
+    EXPECT_EQ(body_of(*refused_client, leg_path + "/audio.wav", 502), refusal.dump());
 }
 
 }  // namespace

@@ -233,7 +233,8 @@ TEST_F(ArchiveE2eTest, AWrongSecretIsOneErrorNamingTheBucketAndTheStoresCode) {
 }
 
 // SIGTERM while the archiver uploads: it ends cleanly, and after a restart every leg is in the
-// store, whole and uploaded once.
+// store, whole; a leg archived before the stop is not uploaded again, and each other leg is
+// uploaded once by the restarted archiver.
 TEST_F(ArchiveE2eTest, AStoppedArchiverRestartedUploadsEachLegOnce) {
     Recorder recorder = start_catalogued("recorder");
     record(recorder, 30, "calls");
@@ -241,11 +242,26 @@ TEST_F(ArchiveE2eTest, AStoppedArchiverRestartedUploadsEachLegOnce) {
     EXPECT_TRUE(poll_until([&] { return !m_store->requests().empty(); }, ARCHIVE_TIMEOUT,
                            std::chrono::milliseconds(1)));
     EXPECT_TRUE(stop(first).exited_with(0)) << first.standard_error();
+    const std::vector<std::string> before = m_store->requests();
+    const std::optional<std::vector<FoundLeg>> stopped = find();
+    ASSERT_TRUE(stopped.has_value()) << m_find_error;
     ChildProcess& again = start_archiver("archiver", legs_of(recorder));
 
     const std::vector<FoundLeg> legs = wait_archived(30);
-    expect_in_store(legs, storages({&recorder}));
+    expect_in_store(legs, storages({&recorder}), std::nullopt);
     EXPECT_TRUE(stop(again).exited_with(0)) << again.standard_error();
+    for (const FoundLeg& leg : *stopped) {
+        const bool archived_before = leg.state == "archived";
+        for (const std::string name : {"media.qm", "leg.json"}) {
+            const std::string line = put_line(leg, name);
+            const auto uploads_before =
+                static_cast<std::size_t>(std::count(before.begin(), before.end(), line));
+            EXPECT_EQ(m_store->count_requests(line) - uploads_before, archived_before ? 0u : 1u)
+                << leg.summary.uuid << " " << name << "\nfirst archiver:\n"
+                << first.standard_error() << "after the restart:\n"
+                << again.standard_error();
+        }
+    }
     stop_recorder(recorder);
 }
 

@@ -13,12 +13,11 @@
 #include "archive/archive_metrics.hpp"
 #include "archive/archiver.hpp"
 #include "archive/s3_client.hpp"
-#include "archive/s3_credentials.hpp"
-#include "archive/s3_endpoint.hpp"
 #include "log/logger.hpp"
 #include "log/stdlog.hpp"
 #include "tools/recorder_catalog.hpp"
 #include "tools/stop_signals.hpp"
+#include "tools/store_options.hpp"
 #include "tools/tool_commands.hpp"
 
 namespace qm::tools {
@@ -30,12 +29,9 @@ constexpr auto METRICS_PERIOD = std::chrono::seconds(5);
 struct ArchiveOptions {
     std::string config = default_recorder_config();
     CatalogPlace place;
-    std::string endpoint;
+    StoreOptions store;
     std::string bucket;
     std::string prefix;
-    std::optional<std::string> region;
-    bool path_style = false;
-    std::optional<std::string> credentials;
     std::string name;
     std::vector<std::string> recorders;
     std::optional<std::string> metrics;
@@ -54,15 +50,10 @@ std::string host_name() {
 // The store's client from the options and the environment. THROWS: CredentialsError,
 // S3EndpointError.
 std::unique_ptr<archive::S3Client> make_client(const ArchiveOptions& options) {
-    const std::string region =
-        options.region.value_or(archive::region_from_environment().value_or("us-east-1"));
-    archive::S3Endpoint endpoint(options.endpoint, options.bucket, region,
-                                 options.path_style ? archive::S3Addressing::path_style
-                                                    : archive::S3Addressing::virtual_hosted);
-    archive::S3Credentials credentials = options.credentials
-                                             ? archive::credentials_from_file(*options.credentials)
-                                             : archive::credentials_from_environment();
-    return std::make_unique<archive::S3Client>(std::move(endpoint), std::move(credentials));
+    archive::StoreAccess access = *store_access(options.store);
+    return std::make_unique<archive::S3Client>(
+        archive::S3Endpoint(access.endpoint, options.bucket, access.region, access.addressing),
+        std::move(access.credentials));
 }
 
 // The log lines go to standard error, as the recorder's do in the foreground, for the journal.
@@ -149,18 +140,10 @@ void add_archive_command(CLI::App& app, int& status) {
     add_catalog_place_options(*command, options->place, options->config,
                               "the recordings' root, the legs' paths are relative to "
                               "(default: the storage key of --config)");
-    command->add_option("--endpoint", options->endpoint, "the store, http(s)://HOST[:PORT]")
-        ->required();
+    add_store_options(*command, options->store, "the store, http(s)://HOST[:PORT]")->required();
     command->add_option("--bucket", options->bucket, "the bucket the legs go into")->required();
     command->add_option("--prefix", options->prefix,
                         "prepended to each leg's path in the bucket (\"calls/\")");
-    command->add_option("--region", options->region,
-                        "the bucket's region (default: AWS_REGION, else us-east-1)");
-    command->add_flag("--path-style", options->path_style,
-                      "put the bucket in the URL's path, not its host name");
-    command->add_option("--credentials", options->credentials,
-                        "an AWS credentials file readable only by its owner (default: "
-                        "AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY)");
     command->add_option("--name", options->name,
                         "this archiver's name in the catalogue's claims (default: the host name)");
     command->add_option("--recorder", options->recorders,

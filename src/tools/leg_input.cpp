@@ -64,7 +64,7 @@ void add_leg_input_options(CLI::App& command, CLI::Option_group& input, LegInput
                               "the recordings' root, the legs' paths are relative to (default: "
                               "the storage key of --config when the catalogue comes from there, "
                               "else the working directory)");
-    add_store_options(command, options.store);
+    add_store_options(command, options.store, READ_FROM_STORE);
 }
 
 std::unique_ptr<recording::ByteSource> open_leg_input(const LegInputOptions& options) {

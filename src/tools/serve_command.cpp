@@ -175,7 +175,7 @@ void add_serve_command(CLI::App& app, int& status) {
                         "the certificate's PEM private key, not open to others (with --cert)");
     command->add_flag("--no-auth", options->no_auth,
                       "answer everyone: allowed only on a loopback address");
-    add_store_options(*command, options->store);
+    add_store_options(*command, options->store, READ_FROM_STORE);
     command->callback([options, &status] { status = run_serve(*options); });
 }
 

@@ -4,10 +4,9 @@
 
 namespace qm::tools {
 
-void add_store_options(CLI::App& command, StoreOptions& options) {
-    command.add_option("--endpoint", options.endpoint,
-                       "the archive's store, http(s)://HOST[:PORT], read for archived legs whose "
-                       "local copy has gone");
+CLI::Option* add_store_options(CLI::App& command, StoreOptions& options,
+                               const std::string& endpoint_help) {
+    CLI::Option* endpoint = command.add_option("--endpoint", options.endpoint, endpoint_help);
     command.add_option("--region", options.region,
                        "the store's region (default: AWS_REGION, else us-east-1)");
     command.add_flag("--path-style", options.path_style,
@@ -15,6 +14,7 @@ void add_store_options(CLI::App& command, StoreOptions& options) {
     command.add_option("--credentials", options.credentials,
                        "an AWS credentials file readable only by its owner (default: "
                        "AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY)");
+    return endpoint;
 }
 
 std::optional<archive::StoreAccess> store_access(const StoreOptions& options) {

@@ -8,7 +8,8 @@
 namespace qm::tools {
 
 // Blocks SIGINT and SIGTERM on the calling thread, before it starts any other, so that every
-// thread inherits the mask and the signals wait for sigwait(); returns the set.
+// thread inherits the mask and the signals wait for sigwait(); returns the set. Also ignores
+// SIGPIPE: a client or a store that closes a TLS connection fails that write, not the process.
 sigset_t block_stop_signals();
 
 }  // namespace qm::tools

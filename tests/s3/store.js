@@ -148,6 +148,17 @@ function bodyError(code, message) {
   return error;
 }
 
+// The size of `file`, or -1 while it does not exist: s3rver's write stream creates the file only
+// once it opens, which may come after s3rver has answered.
+async function sizeOf(file) {
+  try {
+    return (await fs.promises.stat(file)).size;
+  } catch (error) {
+    if (error.code === 'ENOENT') return -1;
+    throw error;
+  }
+}
+
 // s3rver answers a PUT before its write stream has flushed the object to disk, and keeps a body
 // without comparing it with Content-MD5 or x-amz-content-sha256. S3 answers once the object is
 // stored, and refuses (and does not keep) a body whose digest does not match.
@@ -164,7 +175,7 @@ async function checkBody(ctx, next) {
   const file = ctx.store.getResourcePath(ctx.params.bucket, ctx.params.key, 'object');
   const length = Number(ctx.get('Content-Length'));
   const deadline = Date.now() + 10000;
-  while ((await fs.promises.stat(file)).size < length && Date.now() < deadline) {
+  while ((await sizeOf(file)) < length && Date.now() < deadline) {
     await new Promise(resolve => setTimeout(resolve, 1));
   }
   const body = await fs.promises.readFile(file);

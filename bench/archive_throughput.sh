@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # What `quillmar archive` uploads per second to a local S3-compatible store, and the CPU it spends
 # per leg. The recorder records LEGS calls of SECONDS seconds into a fresh storage with an SQLite
-# catalogue (sent unpaced by `quillmar send`); then the archiver uploads them to the tests' store
+# catalogue (sent in real time by `quillmar send`); then the archiver uploads them to the tests' store
 # (s3rver behind tests/s3/store.js, which checks every signature and digest) on loopback, and the
 # script prints the legs, the bytes, the wall time from the archiver's start until its metrics count
 # every leg, legs/s, MB/s and the archiver's CPU (user + system) per leg.
@@ -46,10 +46,11 @@ CONF
 "$build/quillmarwriter" --config "$work/writer.conf" 2>"$work/recorder.out" &
 recorder=$!
 wait_for 30 grep -q "PACKETS_READER: thread" "$work/recorder.out"
-"$build/quillmar" send --to "127.0.0.1:$port" --calls "$legs" --duration "$seconds" --rate 0 \
+"$build/quillmar" send --to "127.0.0.1:$port" --calls "$legs" --duration "$seconds" \
     >/dev/null
 catalogued() {
-    [ "$("$build/quillmar" find --config "$work/writer.conf" 2>/dev/null | wc -l)" -ge "$legs" ]
+    [ "$("$build/quillmar" find --config "$work/writer.conf" --limit "$legs" 2>/dev/null | wc -l)" \
+        -ge "$legs" ]
 }
 wait_for 120 catalogued
 bytes=$(find "$work/storage" \( -name media.qm -o -name leg.json \) -printf '%s\n' |

@@ -76,8 +76,10 @@ printf 'bench\n' | "$build/quillmar" passwd "$work/users" bench >/dev/null
 # QM_BENCH_NO_AUTH=1: serve answers without sign-in, to tell what the password checks cost.
 sign_in=(--users "$work/users")
 [ "${QM_BENCH_NO_AUTH:-0}" = 1 ] && sign_in=(--no-auth)
-"$build/quillmar" serve --listen 127.0.0.1:0 --catalog sqlite:catalog.sqlite \
-    --storage "$work/storage" "${sign_in[@]}" >"$work/serve.out" 2>&1 &
+# At the niceness quillmar-serve.service gives it (Nice=), so that the recorder comes first.
+nice -n "${QM_BENCH_SERVE_NICE:-10}" "$build/quillmar" serve --listen 127.0.0.1:0 \
+    --catalog sqlite:catalog.sqlite --storage "$work/storage" "${sign_in[@]}" \
+    >"$work/serve.out" 2>&1 &
 serve=$!
 for _ in $(seq 1 100); do
     grep -q "^listening on" "$work/serve.out" && break

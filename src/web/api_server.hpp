@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "web/tls_files.hpp"
 #include "archive/leg_media.hpp"
+#include "web/tls_files.hpp"
 #include "web/users_file.hpp"
 
 // The read-only JSON API of `quillmar serve` over HTTP, under /api/:
